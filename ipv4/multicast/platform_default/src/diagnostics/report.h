@@ -1,0 +1,32 @@
+// The one way in which the library tells of failures, and its debug lines and trace records.
+#ifndef IP6MC_SRC_DIAGNOSTICS_REPORT_H
+#define IP6MC_SRC_DIAGNOSTICS_REPORT_H
+
+#include "ipv4/multicast/lib/ip6mc_diag.h"
+#include "services/diag/debug.h"
+#include "services/diag/errors.h"
+#include "ipv4/multicast/platform_default/src/diagnostics/trace_ids.h"
+#include "services/diag/trace.h"
+
+namespace mlib {
+
+// A failure: a traceback and the text into the error trace, always; the debug line of class 0 when on.
+__attribute__((format(printf, 3, 4))) void report_error(const char *function, int line, const char *format, ...);
+
+// A line of `debug_class`, which the caller has found active.
+__attribute__((format(printf, 4, 5))) void debug_line(int debug_class, const char *function, int line,
+                                                      const char *format, ...);
+
+}  // namespace mlib
+
+#define MLIB_ERR(...) mlib::report_error(__func__, __LINE__, __VA_ARGS__)
+
+// Arguments are evaluated only when the class is on.
+#define MLIB_DEBUG(debug_class, ...)                                           \
+    do {                                                                       \
+        if (ipv4_debug_event_active_inline(debug_class)) {                     \
+            mlib::debug_line(debug_class, __func__, __LINE__, __VA_ARGS__);    \
+        }                                                                      \
+    } while (false)
+
+#endif

@@ -1,0 +1,47 @@
+// Comparators of the search trees: 0 less, 1 equal, 2 greater; 1 also where either side is null.
+#include <cstring>
+
+#include "ipv4/multicast/lib/ip6mc_table.h"
+#include "services/trees/node.h"
+
+namespace {
+
+template <class T>
+int order(const T &a, const T &b) {
+    return a < b ? tree_less : a == b ? tree_equal : tree_greater;
+}
+
+// The record whose node of `thread` stands at `node`.
+template <class Record>
+const Record *record_of(const void *node, size_t thread) {
+    return reinterpret_cast<const Record *>(static_cast<const tree_node *>(node) - thread);
+}
+
+}  // namespace
+
+extern "C" {
+
+int ipmc_tbl_avl_compare_tbl_id(const void *a, const void *b) {
+    if (a == nullptr || b == nullptr) {
+        return tree_equal;
+    }
+    return order(record_of<ipv4mc_table_st>(a, 0)->tid, record_of<ipv4mc_table_st>(b, 0)->tid);
+}
+
+// 32 characters: a 33rd does not count.
+int ipmc_tbl_wavl_compare_vrf_name(const void *a, const void *b) {
+    if (a == nullptr || b == nullptr) {
+        return tree_equal;
+    }
+    return order(strncmp(record_of<ipv4mc_table_st>(a, 0)->vrf_name, record_of<ipv4mc_table_st>(b, 0)->vrf_name, 32),
+                 0);
+}
+
+int ipmc_tbl_wavl_compare_vrf_id(const void *a, const void *b) {
+    if (a == nullptr || b == nullptr) {
+        return tree_equal;
+    }
+    return order(record_of<ipv4mc_table_st>(a, 1)->vrf_id, record_of<ipv4mc_table_st>(b, 1)->vrf_id);
+}
+
+}  // extern "C"

@@ -1,0 +1,226 @@
+// The typed allocator over the window: a guard in front of each block, counts by type, and a pool of
+// freed blocks by exact size.
+#include <cerrno>
+#include <cstring>
+
+#include "ipv4/multicast/lib/ip6mc_lib.h"
+#include "ipv4/multicast/platform_default/src/diagnostics/assertion.h"
+#include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/shmwin.h"
+#include "services/journal/journal.h"
+#include "services/window/window.h"
+
+namespace {
+
+using mfwd6::journal::group;
+using mfwd6::journal::store;
+
+constexpr size_t guard_size = sizeof(ipmc_shmwin_guard_st);
+
+ipmc_shmwin_guard_st *guard_of(void *pointer) {
+    return reinterpret_cast<ipmc_shmwin_guard_st *>(static_cast<char *>(pointer) - guard_size);
+}
+
+ipmc_shmwin_pool_bucket_st *bucket_for(size_t size) {
+    ipmc_shmwin_pool_bucket_st *pool = ipv4mc_desc->shmwin_info->buffer_pool;
+    return pool != nullptr && size < IPMC_SHMWIN_POOL_BUCKETS && ipv4mc_desc->buffer_pool_enabled != 0 ? &pool[size]
+                                                                                                      : nullptr;
+}
+
+ipmc_shmwin_guard_st *unlink_first(ipmc_shmwin_pool_bucket_st &bucket) {
+    auto *guard = reinterpret_cast<ipmc_shmwin_guard_st *>(bucket.head);
+    store(bucket.head, guard->pool_link);
+    store(bucket.count, bucket.count - 1);
+    return guard;
+}
+
+void push(ipmc_shmwin_pool_bucket_st &bucket, ipmc_shmwin_guard_st *guard) {
+    store(guard->pool_link, bucket.head);
+    store(bucket.head, reinterpret_cast<uint64_t>(guard));
+    store(bucket.count, bucket.count + 1);
+}
+
+// A pooled block takes its guard words back if the change that took it is undone; its contents are
+// nobody's then.
+void save_guard(ipmc_shmwin_guard_st *guard) {
+    mfwd6::journal::save(guard->pool_link);
+    mfwd6::journal::save(guard->size);
+    mfwd6::journal::save(guard->type);
+    mfwd6::journal::save(guard->magic);
+}
+
+void *allocate(size_t size, ipmc_shmwin_alloc_type type, uint32_t count_slot) {
+    if (ipv4mc_desc->shmwin_init == 0) {
+        MLIB_ERR("Shared Memory Window Not Initialized");
+        return nullptr;
+    }
+    const group change;
+    void *block = nullptr;
+    ipmc_shmwin_pool_bucket_st *bucket = bucket_for(size);
+    if (bucket != nullptr && bucket->head != 0) {
+        ipmc_shmwin_guard_st *guard = unlink_first(*bucket);
+        save_guard(guard);
+        store(bucket->reuse_count, bucket->reuse_count + 1);
+        block = guard;
+    } else {
+        const cerrno rc = shmwin_malloc(ipv4mc_desc->shmwin_id, size + guard_size, &block);
+        if (rc != 0) {
+            MLIB_ERR("Cannot Allocate %d bytes from shared memory %d: %s", static_cast<int>(size),
+                     static_cast<int>(rc), cerr_strerror(rc));
+            return nullptr;
+        }
+    }
+    std::memset(block, 0, size + guard_size);
+    auto *guard = static_cast<ipmc_shmwin_guard_st *>(block);
+    guard->size = size;
+    guard->type = type;
+    guard->magic = IPMC_SHMWIN_MAGIC_LIVE;
+    uint32_t &live = ipv4mc_desc->shmwin_info->alloc_count[count_slot];
+    store(live, live + 1);
+    return guard + 1;
+}
+
+void count_down(uint32_t slot) {
+    uint32_t &live = ipv4mc_desc->shmwin_info->alloc_count[slot];
+    if (live > 0) {
+        store(live, live - 1);
+    }
+}
+
+// Straight back to the window service.
+void give_back(ipmc_shmwin_guard_st *guard) {
+    uint32_t &freed = ipv4mc_desc->shmwin_info->free_count;
+    store(freed, freed + 1);
+    store(guard->magic, static_cast<uint32_t>(IPMC_SHMWIN_MAGIC_FREED));
+    const cerrno rc = shmwin_free(guard);
+    if (rc != 0) {
+        MLIB_ERR("Cannot free pointer %p from shared memory %d: %s", static_cast<void *>(guard),
+                 static_cast<int>(rc), cerr_strerror(rc));
+    }
+}
+
+// To the pool, to the client's hook, or to the service; `hook_argument` tells the hook who freed.
+void retire(ipmc_shmwin_guard_st *guard, int hook_argument) {
+    ipmc_shmwin_pool_bucket_st *bucket = bucket_for(guard->size);
+    if (bucket != nullptr) {
+        push(*bucket, guard);
+        return;
+    }
+    if (ipv4mc_desc->free_hook != nullptr) {
+        ipv4mc_desc->free_hook(guard, hook_argument);
+        return;
+    }
+    give_back(guard);
+}
+
+void release_from_pool(ipmc_shmwin_guard_st *guard) {
+    if (ipv4mc_desc->free_hook != nullptr) {
+        ipv4mc_desc->free_hook(guard, 0);
+        return;
+    }
+    give_back(guard);
+}
+
+uint32_t most_to_keep(size_t size) { return size < 66 ? 8192 : size <= 256 ? 2048 : 1024; }
+
+}  // namespace
+
+void ipmc_shmwin_init_buffer_pool(void) {
+    MLIB_DEBUG(IPV4_DEBUG_EV, "initialising buffer pool");
+    ipmc_shmwin_pool_bucket_st *pool = ipv4mc_desc->shmwin_info->buffer_pool;
+    if (pool == nullptr) {
+        return;
+    }
+    for (size_t size = 0; size < IPMC_SHMWIN_POOL_BUCKETS; ++size) {
+        while (pool[size].head != 0) {
+            const group change;
+            release_from_pool(unlink_first(pool[size]));
+        }
+        store(pool[size].count, 0U);
+    }
+}
+
+extern "C" {
+
+void *ipv4mc_shmwin_malloc_inline(size_t size, ipmc_shmwin_alloc_type type) { return allocate(size, type, type); }
+
+// The guard says 35 and slot 20 counts it: the two numbers differ on purpose.
+void *ip6mc_shmwin_malloc(size_t size) {
+    return allocate(size, IPMC_SHMWIN_ALLOC_UNTYPED, IPMC_SHMWIN_ALLOC_UNTYPED_COUNT);
+}
+
+cerrno ipv4mc_shmwin_free_inline(void *pointer, ipmc_shmwin_alloc_type type) {
+    if (ipv4mc_desc->shmwin_init == 0) {
+        MLIB_ERR("Shared Memory Window Not Initialized");
+        return EBADF;
+    }
+    const group change;
+    count_down(type);
+    ipmc_shmwin_guard_st *guard = guard_of(pointer);
+    const bool guard_is_whole = guard->magic == IPMC_SHMWIN_MAGIC_LIVE;
+    if (!guard_is_whole) {
+        MLIB_ERR("!!BAD!! ptr free %p                 (type 0x%x size 0x%zx)", pointer, guard->type,
+                 static_cast<size_t>(guard->size));
+    }
+    MLIB_ASSERT(guard_is_whole, "guard->magic == 0xaaaabbbb");
+    retire(guard, 1);
+    return 0;
+}
+
+// Differs from the typed free on purpose: only a block already marked as freed is reported, the report
+// stops nothing, and the hook gets 0.
+cerrno ip6mc_shmwin_free(void *pointer) {
+    if (ipv4mc_desc->shmwin_init == 0) {
+        MLIB_ERR("Shared Memory Window Not Initialized");
+        return EBADF;
+    }
+    const group change;
+    count_down(IPMC_SHMWIN_ALLOC_UNTYPED_COUNT);
+    ipmc_shmwin_guard_st *guard = guard_of(pointer);
+    if (guard->magic == IPMC_SHMWIN_MAGIC_FREED) {
+        MLIB_ERR("!!BAD!! ptr free %p (type 0x%x size 0x%zx)", pointer, guard->type,
+                 static_cast<size_t>(guard->size));
+    }
+    retire(guard, 0);
+    return 0;
+}
+
+void ip6mc_shmwin_memory_releaser(void) {
+    ipmc_shmwin_pool_bucket_st *pool = ipv4mc_desc->shmwin_init != 0 ? ipv4mc_desc->shmwin_info->buffer_pool : nullptr;
+    if (pool == nullptr) {
+        return;
+    }
+    for (size_t size = 0; size < IPMC_SHMWIN_POOL_BUCKETS; ++size) {
+        ipmc_shmwin_pool_bucket_st &bucket = pool[size];
+        const uint32_t half = bucket.count / 2;
+        const uint32_t keep = half < most_to_keep(size) ? half : most_to_keep(size);
+        while (bucket.count > keep && bucket.head != 0) {
+            const group change;
+            release_from_pool(unlink_first(bucket));
+        }
+    }
+}
+
+cerrno ip6mc_shmwin_free_final(void *block) {
+    if (ipv4mc_desc->shmwin_init == 0) {
+        return EBADF;
+    }
+    const cerrno rc = shmwin_free(block);
+    if (rc != 0) {
+        MLIB_ERR("Cannot free pointer %p from shared memory %d: %s", block, static_cast<int>(rc), cerr_strerror(rc));
+    }
+    return rc;
+}
+
+void *ipmc_shmwin_avl_calloc(size_t count, size_t size) {
+    size_t bytes = 0;
+    if (__builtin_mul_overflow(count, size, &bytes)) {
+        return nullptr;
+    }
+    return ipv4mc_shmwin_malloc_inline(bytes, IPMC_SHMWIN_ALLOC_AVL);
+}
+cerrno ipmc_shmwin_avl_free(void *memory) { return ipv4mc_shmwin_free_inline(memory, IPMC_SHMWIN_ALLOC_AVL); }
+void *ipmc_shmwin_wavl_malloc(size_t size) { return ipv4mc_shmwin_malloc_inline(size, IPMC_SHMWIN_ALLOC_WAVL); }
+cerrno ipmc_shmwin_wavl_free(void *memory) { return ipv4mc_shmwin_free_inline(memory, IPMC_SHMWIN_ALLOC_WAVL); }
+
+}  // extern "C"

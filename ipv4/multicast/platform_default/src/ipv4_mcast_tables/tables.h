@@ -1,0 +1,56 @@
+// What the files of the table room share.
+#ifndef IP6MC_SRC_IPV4_MCAST_TABLES_TABLES_H
+#define IP6MC_SRC_IPV4_MCAST_TABLES_TABLES_H
+
+#include "ipv4/multicast/lib/ip6mc_table.h"
+
+// Threads of table_name_tree.
+enum : uint32_t { TABLE_THREAD_NAME = 0, TABLE_THREAD_VRF_ID = 1 };
+
+// The process's search key for tables by id.
+extern ipv4mc_table_st *table_search;
+
+// Insertion and removal under the write lock. A failure is reported; the caller is not told.
+void ipmc_table_add_wavl(ipv4mc_table_st *table, uint32_t thread);
+void ipmc_table_rem_wavl(ipv4mc_table_st *table, uint32_t thread);
+void ipmc_table_add_avl(ipv4mc_table_st *table);
+void ipmc_table_rem_avl(ipv4mc_table_st *table);
+
+// Both return 1 on success, 0 after a failure that was reported and undone.
+int ipmc_table_create(const char *vrf_name, uint32_t tid, uint32_t vrf_id, ipv4mc_table_st **vrf_table,
+                      int *vrf_is_new, ipv4mc_table_st **tid_table, int *tid_is_new);
+
+// Gives a VRF table the keys that it lacks, and puts it into their threads.
+void ipmc_table_take_vrf_keys(ipv4mc_table_st *table, const char *vrf_name, uint32_t vrf_id);
+
+void ipmc_table_zero_route_counters(ipv4mc_table_st *table);
+
+cerrno ipmc_table_activate_tid(uint32_t tid, uint32_t vrf_id, const char *vrf_name, ipv4mc_table_st **vrf_table,
+                               ipv4mc_table_st **tid_table, int *is_new);
+cerrno ipmc_table_activate(uint32_t tid, uint32_t vrf_id, const char *vrf_name, ipv4mc_table_st **vrf_table,
+                           int is_new);
+
+// What one call of ip6mc_table_operation works on.
+struct table_request {
+    ipv4mc_action_type action;
+    uint32_t tid;
+    uint32_t vrf_id;
+    const char *vrf_name;  // never null
+    ipv4mc_table_st **table_pp;
+    uint32_t arg;
+    ipv4mc_table_st *vrf_table;
+    ipv4mc_table_st *tid_table;
+};
+
+cerrno ipmc_table_deactivate(table_request &request);
+
+// Takes a VRF table out of its trees and gives it back. `action` names the caller in messages.
+void ipmc_table_free_vrf(ipv4mc_table_st *vrf_table);
+
+void ipmc_table_memd_routes_clear(ipv4mc_table_st *table, uint32_t link_index);
+cerrno ipmc_idb_link_mdt_idb_to_vrf(ipv4mc_table_st *table, ifhtype handle, uint32_t vrf_id, int with_mtu);
+
+// Texts for messages.
+inline const char *table_name_text(const char *name) { return name == nullptr || name[0] == '\0' ? "-" : name; }
+
+#endif
