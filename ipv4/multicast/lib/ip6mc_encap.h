@@ -1,8 +1,9 @@
-// Encapsulation: encap ids, the core transports that they stand for, and the leaves that bind the two.
+// Encapsulation: encap ids, the core transports that they stand for, and the leaves that bind the
+// two.
 //
 // A route that is sent into a core names one encap id. Each transport is registered once, in the
-// registration database (regdb); a leaf is the use of one transport by one encap and stands on the lists
-// of both.
+// registration database (regdb); a leaf is the use of one transport by one encap and stands on the
+// lists of both.
 //
 // Thread-safety. The owner's operation thread writes.
 #ifndef IP6MC_ENCAP_H
@@ -16,20 +17,21 @@
 #define IPV4MC_ENCAP_ID_BITS 20
 
 // `ip_lkp_ctl`, written by the platform.
-#define IPV4MC_ENCAP_LKP_ON_FIRST UINT8_C(0x01)   // IP_LKP is set with the first local egress interface
-#define IPV4MC_ENCAP_LKP_STAYS UINT8_C(0x20)      // and stays when the last one goes
+#define IPV4MC_ENCAP_LKP_ON_FIRST \
+    UINT8_C(0x01)                             // IP_LKP is set with the first local egress interface
+#define IPV4MC_ENCAP_LKP_STAYS UINT8_C(0x20)  // and stays when the last one goes
 
 struct ipv4mc_encap_entry_st {
-    uint32_t encap_id;                        // key; never 0
-    ipv4mc_encap_leaf_st *encap_leaf_head;    // oldest first
+    uint32_t encap_id;                      // key; never 0
+    ipv4mc_encap_leaf_st *encap_leaf_head;  // oldest first
     ipv4mc_encap_leaf_st *encap_leaf_tail;
-    uint32_t route_cnt;                       // routes linked to this encap
-    uint32_t intf_local_EG_cnt;               // sum of those of its routes
-    uint8_t ip_lkp;                           // IP_LKP as last given to the platform
+    uint32_t route_cnt;          // routes linked to this encap
+    uint32_t intf_local_EG_cnt;  // sum of those of its routes
+    uint8_t ip_lkp;              // IP_LKP as last given to the platform
     uint8_t ip_lkp_ctl;
-    uint8_t retry_queued;                     // 1 while on the retry queue
-    ipv4mc_route_entry_st *route_head;        // linked through `next_encap` and `prev_encap`
-    gtrie_leaf gtrie_leaf;                    // the trie's
+    uint8_t retry_queued;               // 1 while on the retry queue
+    ipv4mc_route_entry_st *route_head;  // linked through `next_encap` and `prev_encap`
+    ip6mc_gtrie_leaf_t gtrie_leaf;      // the trie's
 };
 
 struct ipv4mc_encap_leaf_st {
@@ -39,7 +41,7 @@ struct ipv4mc_encap_leaf_st {
     ipv4mc_encap_leaf_st *prev_regdb_leaf;  // the transport's list
     ipv4mc_encap_leaf_st *next_regdb_leaf;
     ipv4mc_regdb_entry_st *regdb_entry;
-    uint32_t tr;                            // transport flag as last accepted by the platform
+    uint32_t tr;  // transport flag as last accepted by the platform
 };
 
 // Types of a transport. 0 is no key: a position ahead of the first.
@@ -67,8 +69,8 @@ struct ipv4mc_regdb_key_st {
         uint32_t te_ifh;            // TE
         ipv4mc_regdb_core_st core;  // GRE, TI_MOFRR
         struct ipv4mc_regdb_nh {
-            uint32_t address;       // IPV4_NH, network byte order
-            uint32_t word;          // part of the key, not interpreted
+            uint32_t address;  // IPV4_NH, network byte order
+            uint32_t word;     // part of the key, not interpreted
         } nh;
     } u;
 };
@@ -91,7 +93,7 @@ struct ipv4mc_regdb_core_info_st {
 };
 
 struct ipv4mc_regdb_entry_st {
-    rn_node node;                            // the tree's
+    rn_node_t node;  // the tree's
     ipv4mc_regdb_key_st key;
     uint16_t key_bits;
     uint32_t ifhandle;                       // bound by ip6mc_regdb_set_ifhandle, 0 until then

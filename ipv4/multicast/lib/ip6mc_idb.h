@@ -1,11 +1,11 @@
 // Interfaces: the library's own record of one interface of the router.
 //
 // A record exists while something in the multicast state refers to it: a route, a boundary, a
-// configuration, a bundle, an MDT, the interface manager. It is found by handle, by name, and per VRF
-// table by handle, and is held by reference counts.
+// configuration, a bundle, an MDT, the interface manager. It is found by handle, by name, and per
+// VRF table by handle, and is held by reference counts.
 //
-// Thread-safety. The trees are guarded by `tbl_rw_lock`; all other fields are plain words of the owner's
-// operation thread.
+// Thread-safety. The trees are guarded by `tbl_rw_lock`; all other fields are plain words of the
+// owner's operation thread.
 #ifndef IP6MC_IDB_H
 #define IP6MC_IDB_H
 
@@ -71,7 +71,8 @@ enum ipv4mc_idb_create_states {
 };
 
 // `cfg_flags`.
-#define IPV4MC_IDB_CFG_EXPLICIT UINT8_C(0x01)      // enable or disable was configured on the interface itself
+#define IPV4MC_IDB_CFG_EXPLICIT \
+    UINT8_C(0x01)  // enable or disable was configured on the interface itself
 #define IPV4MC_IDB_CFG_PPPOE_ENABLE UINT8_C(0x02)  // written by the caller
 #define IPV4MC_IDB_CFG_STALE UINT8_C(0x04)         // not yet confirmed since the restart
 // `tree_flags`.
@@ -95,59 +96,59 @@ struct ipmc_bundle_member_st {
     uint16_t member_link_id;
 };
 
-// `bundle_members` is always one block of this many, the first `bundle_member_count` in use, sorted by
-// handle, the others zero.
+// `bundle_members` is always one block of this many, the first `bundle_member_count` in use, sorted
+// by handle, the others zero.
 #define IPMC_BUNDLE_MEMBERS_MAX 64
 
 // Child of a bundle, in its `vlan_tree`. Names its child by handle.
 struct ipmc_vlan_node_st {
-    rt_node head;
+    rt_node_t head;
     ifhtype *key;
     ifhtype ifh;
 };
 
 struct ipv4mc_idb_st {
-    ifhtype ifh;                        // key of the global and the VRF thread
+    ifhtype ifh;  // key of the global and the VRF thread
     wavl_node node[IPV4MC_IDB_THREADS];
-    ipv4mc_table_st *vtable;            // VRF table, NULL while unlinked
-    rsi_vrf_id_t vrf_id;                // may be set while `vtable` is NULL: the link waits for the table
-    uint32_t table_id;                  // MDT: the owning table
-    uint32_t type;                      // one of ipv4mc_idb_types
-    uint32_t subtype;                   // MDT: one of ipv4mc_idb_subtypes
-    adj_base_t *aib;                    // adjacency, owned elsewhere
+    ipv4mc_table_st *vtable;  // VRF table, NULL while unlinked
+    rsi_vrf_id_t vrf_id;      // may be set while `vtable` is NULL: the link waits for the table
+    uint32_t table_id;        // MDT: the owning table
+    uint32_t type;            // one of ipv4mc_idb_types
+    uint32_t subtype;         // MDT: one of ipv4mc_idb_subtypes
+    adj_base_t *aib;          // adjacency, owned elsewhere
     uint32_t refcount;
-    uint8_t ttl;                        // threshold; not 0 keeps the record alive
-    uint32_t mtu;                       // MDT: local
-    uint32_t remote_mtu;                // MDT: remote
-    uint32_t mh_refcount;               // MDT: references by holder
+    uint8_t ttl;           // threshold; not 0 keeps the record alive
+    uint32_t mtu;          // MDT: local
+    uint32_t remote_mtu;   // MDT: remote
+    uint32_t mh_refcount;  // MDT: references by holder
     uint32_t mi_refcount;
     uint32_t lmi_refcount;
     uint32_t trmi_refcount;
     uint32_t spl_refcount;
-    ipv4mc_intf_entry_st *route_list;   // entries of routes on this interface
+    ipv4mc_intf_entry_st *route_list;  // entries of routes on this interface
     uint32_t route_count;
     uint32_t mcast_enabled;
     uint8_t cfg_flags;
     uint8_t tree_flags;
-    uint16_t im_type;                   // 0 at creation, 66 on PPPoE
-    ipv6_acl_handle_t boundary_acl;     // NULL if none; good in the process that set it
+    uint16_t im_type;                // 0 at creation, 66 on PPPoE
+    ipv6_acl_handle_t boundary_acl;  // NULL if none; good in the process that set it
     char boundary_name[IPV4MC_IDB_BOUNDARY_NAME_SIZE];  // empty if none
-    uint64_t platform_boundary_ref;     // platform half; not 0 keeps the record alive
+    uint64_t platform_boundary_ref;  // platform half; not 0 keeps the record alive
     char name[IPV4MC_IDB_NAME_SIZE];
     uint8_t tunnel_flags;
-    uint32_t create_state;              // one of ipv4mc_idb_create_states
-    uint8_t im_create_rcvd;             // announced by the interface manager; written by the caller
-    uint8_t dpl_local;                  // data plane is local
-    ifhtype ul_ifh;                     // tunnels: interface underneath
+    uint32_t create_state;   // one of ipv4mc_idb_create_states
+    uint8_t im_create_rcvd;  // announced by the interface manager; written by the caller
+    uint8_t dpl_local;       // data plane is local
+    ifhtype ul_ifh;          // tunnels: interface underneath
     uint16_t stale_cfg_bitmap;
-    uint32_t bundle_member_count;       // of a child: copy of the parent's
+    uint32_t bundle_member_count;           // of a child: copy of the parent's
     ipmc_bundle_member_st *bundle_members;  // NULL when empty
-    ifhtype bundle_ifh;                 // parent
-    rt_root *vlan_tree;                 // children of a bundle, NULL when none
+    ifhtype bundle_ifh;                     // parent
+    rt_head_t *vlan_tree;                   // children of a bundle, NULL when none
     uint32_t vlan_count;
     char mc_cfg_vrf[IPV4MC_IDB_VRF_NAME_SIZE];  // VRF that configuration named
     uint8_t mc_cfg_vrf_flags;
-    uint8_t local_iftype_counted;       // counted in `local_ifcount` of its table
+    uint8_t local_iftype_counted;  // counted in `local_ifcount` of its table
 };
 static_assert(offsetof(ipv4mc_idb_st, ifh) == 0 && offsetof(ipv4mc_idb_st, node) == 8,
               "comparisons reach the handle from a node");
@@ -160,7 +161,7 @@ struct ipmc_intf_change_req_st {
     ip_maddr_st group;
     uint16_t pfx_len;
     ifhtype ifh;
-    uint32_t extra;   // passed on
+    uint32_t extra;  // passed on
     uint64_t attributes;
     ipmc_intf_change_req_st *prev;
     ipmc_intf_change_req_st *next;

@@ -1,5 +1,5 @@
-// Object ids: 64-bit handles of routes and interface entries, by which the hardware reports errors long after
-// the call that caused them. Values that are no id stand in ip6mc_types.h.
+// Object ids: 64-bit handles of routes and interface entries, by which the hardware reports errors
+// long after the call that caused them. Values that are no id stand in ip6mc_types.h.
 #ifndef IP6MC_OBJID_H
 #define IP6MC_OBJID_H
 

@@ -1,8 +1,8 @@
 // Signals: packets of the data plane that need the control plane's attention.
 //
-// A signal route is an ipv4mc_route_entry_st in its table's `signal_gtrie`; `preserved_pak` is the packet kept
-// for the control plane. The window mutex guards all of it: functions whose name ends in _mutex take it
-// themselves, the others expect the caller to hold it.
+// A signal route is an ipv4mc_route_entry_st in its table's `signal_gtrie`; `preserved_pak` is the
+// packet kept for the control plane. The window mutex guards all of it: functions whose name ends
+// in _mutex take it themselves, the others expect the caller to hold it.
 #ifndef IP6MC_SIGNAL_H
 #define IP6MC_SIGNAL_H
 
