@@ -66,35 +66,36 @@ enum ipv4mc_action_types {
     IPV4MC_ACTION_DELETE = 4,
     IPV4MC_ACTION_EXACT_LOOKUP = 5,
     IPV4MC_ACTION_CLEAR = 6,
-    IPV4MC_ACTION_CLEAR_ROUTES = 7,      // tables: routes, then as CLEAR
-    IPV4MC_ACTION_COMMIT = 8,            // publish and program
-    IPV4MC_ACTION_ACTIVATE = 9,          // tables
-    IPV4MC_ACTION_DEACTIVATE = 10,       // tables
-    IPV4MC_ACTION_ACCT_ENABLE = 11,      // accounting per prefix
+    IPV4MC_ACTION_CLEAR_ROUTES = 7,  // tables: routes, then as CLEAR
+    IPV4MC_ACTION_COMMIT = 8,        // publish and program
+    IPV4MC_ACTION_ACTIVATE = 9,      // tables
+    IPV4MC_ACTION_DEACTIVATE = 10,   // tables
+    IPV4MC_ACTION_ACCT_ENABLE = 11,  // accounting per prefix
     IPV4MC_ACTION_ACCT_DISABLE = 12,
     IPV4MC_ACTION_ACCT_FWD_ENABLE = 13,  // accounting per prefix, forward only
     IPV4MC_ACTION_ACCT_FWD_DISABLE = 14,
-    IPV4MC_ACTION_RATE_ENABLE = 15,      // rate per route
+    IPV4MC_ACTION_RATE_ENABLE = 15,  // rate per route
     IPV4MC_ACTION_RATE_DISABLE = 16,
-    IPV4MC_ACTION_MLC_SET = 0x11,        // platform: this node is the table's master line card
-    IPV4MC_ACTION_MLC_UNSET = 0x12,      // platform: it is not any more
-    IPV4MC_ACTION_NOT_ENTERED = 19,      // routes: success before anything is looked at
-    IPV4MC_ACTION_AMT_STAT_CLEAR = 22    // interfaces
+    IPV4MC_ACTION_MLC_SET = 0x11,      // platform: this node is the table's master line card
+    IPV4MC_ACTION_MLC_UNSET = 0x12,    // platform: it is not any more
+    IPV4MC_ACTION_NOT_ENTERED = 19,    // routes: success before anything is looked at
+    IPV4MC_ACTION_AMT_STAT_CLEAR = 22  // interfaces
 };
 
 // Command word of the forwarding process, which defines its values. The library passes it on; 0 is
 // no command.
 typedef uint32_t mfwd_cmd;
 
-// Attribute words of routes and interfaces. The library never decides them: the platform half (or the
-// caller) writes the new word into the record and hands the old word in, and the library acts on the
-// difference. Bits without a name here pass through untouched.
+// Attribute words of routes and interfaces. The library never decides them: the platform half (or
+// the caller) writes the new word into the record and hands the old word in, and the library acts
+// on the difference. Bits without a name here pass through untouched.
 typedef uint64_t mrib_attrib_entry_type;
 typedef uint32_t mrib_attrib_ti_mofrr_type;
 
 // Route bits that the library tests. Those marked "own" are written by the library alone.
-#define MRIB_ROUTE_IA (UINT64_C(1) << 4)           // inherit accept: takes its accepting interfaces from its parent
-#define MRIB_ROUTE_IF (UINT64_C(1) << 5)           // inherit forward: a parent for routes below it with IA
+#define MRIB_ROUTE_IA \
+    (UINT64_C(1) << 4)  // inherit accept: takes its accepting interfaces from its parent
+#define MRIB_ROUTE_IF (UINT64_C(1) << 5)  // inherit forward: a parent for routes below it with IA
 #define MRIB_ROUTE_TID_DEMAND (UINT64_C(1) << 12)  // core route, DT only on local demand
 #define MRIB_ROUTE_TID_STICKY (UINT64_C(1) << 13)  // core route, DT stays when local demand ends
 #define MRIB_ROUTE_MT (UINT64_C(1) << 16)          // stands on the MT update list
@@ -107,9 +108,10 @@ typedef uint32_t mrib_attrib_ti_mofrr_type;
 #define MRIB_ROUTE_MOFRR_UPD (UINT64_C(1) << 30)   // own: stands on the MoFRR update list
 
 // Route bits that the platforms of this tree define. The library carries them.
-#define MRIB_ROUTE_SIGNAL (UINT64_C(1) << 0)           // packets are signalled to the control plane
-#define MRIB_ROUTE_DROP (UINT64_C(1) << 1)             // packets are dropped, whatever the interfaces say
-#define MRIB_ROUTE_CONNECTED_CHECK (UINT64_C(1) << 2)  // only a source on the accepting interface's own link signals
+#define MRIB_ROUTE_SIGNAL (UINT64_C(1) << 0)  // packets are signalled to the control plane
+#define MRIB_ROUTE_DROP (UINT64_C(1) << 1)    // packets are dropped, whatever the interfaces say
+#define MRIB_ROUTE_CONNECTED_CHECK \
+    (UINT64_C(1) << 2)  // only a source on the accepting interface's own link signals
 
 // Interface bits that the library tests.
 #define MRIB_INTF_SP (UINT64_C(1) << 5)        // signal present
@@ -124,33 +126,34 @@ typedef uint32_t mrib_attrib_ti_mofrr_type;
 #define MRIB_INTF_TRMI (UINT64_C(1) << 33)     // TRMDT reference
 
 // Interface bits that the platforms of this tree define. The library carries them.
-#define MRIB_INTF_ACCEPT (UINT64_C(1) << 0)         // packets of the route may arrive here
-#define MRIB_INTF_FORWARD (UINT64_C(1) << 1)        // packets of the route leave here
-#define MRIB_INTF_NEGATE_SIGNAL (UINT64_C(1) << 2)  // turns MRIB_ROUTE_SIGNAL round for packets that arrive here
-#define MRIB_INTF_LOCAL_COPY (UINT64_C(1) << 3)     // this node receives a copy itself
+#define MRIB_INTF_ACCEPT (UINT64_C(1) << 0)   // packets of the route may arrive here
+#define MRIB_INTF_FORWARD (UINT64_C(1) << 1)  // packets of the route leave here
+#define MRIB_INTF_NEGATE_SIGNAL \
+    (UINT64_C(1) << 2)  // turns MRIB_ROUTE_SIGNAL round for packets that arrive here
+#define MRIB_INTF_LOCAL_COPY (UINT64_C(1) << 3)  // this node receives a copy itself
 
 // All bits of an interface word that have a meaning: "any interface" for a walk.
 #define MRIB_INTF_ANY UINT64_C(0x7FFFFFFFF)
 
 // Records, by the header that defines them.
-typedef struct ipv4mc_descriptor_struct ipv4mc_descriptor_struct;  // ip6mc_lib.h
-typedef struct ipv4mc_shmwin_hdr_st ipv4mc_shmwin_hdr_st;          // ip6mc_shmwin.h
-typedef struct ipv4mc_table_st ipv4mc_table_st;                    // ip6mc_table.h
-typedef struct ipv4mc_route_entry_st ipv4mc_route_entry_st;        // ip6mc_route.h
-typedef struct ipv4mc_intf_entry_st ipv4mc_intf_entry_st;          // ip6mc_route.h
-typedef struct ipv4mc_route_update_st ipv4mc_route_update_st;      // ip6mc_route.h
-typedef struct ipv4mc_idb_st ipv4mc_idb_st;                        // ip6mc_idb.h
-typedef struct ipmc_intf_change_req_st ipmc_intf_change_req_st;    // ip6mc_idb.h
-typedef struct ipmc_bundle_member_st ipmc_bundle_member_st;        // ip6mc_idb.h
-typedef struct ipmc_vlan_node_st ipmc_vlan_node_st;                // ip6mc_idb.h
-typedef struct ipv4mc_encap_entry_st ipv4mc_encap_entry_st;        // ip6mc_encap.h
-typedef struct ipv4mc_encap_leaf_st ipv4mc_encap_leaf_st;          // ip6mc_encap.h
-typedef struct ipv4mc_regdb_key_st ipv4mc_regdb_key_st;            // ip6mc_encap.h
-typedef struct ipv4mc_regdb_entry_st ipv4mc_regdb_entry_st;        // ip6mc_encap.h
+typedef struct ipv4mc_descriptor_struct ipv4mc_descriptor_struct;    // ip6mc_lib.h
+typedef struct ipv4mc_shmwin_hdr_st ipv4mc_shmwin_hdr_st;            // ip6mc_shmwin.h
+typedef struct ipv4mc_table_st ipv4mc_table_st;                      // ip6mc_table.h
+typedef struct ipv4mc_route_entry_st ipv4mc_route_entry_st;          // ip6mc_route.h
+typedef struct ipv4mc_intf_entry_st ipv4mc_intf_entry_st;            // ip6mc_route.h
+typedef struct ipv4mc_route_update_st ipv4mc_route_update_st;        // ip6mc_route.h
+typedef struct ipv4mc_idb_st ipv4mc_idb_st;                          // ip6mc_idb.h
+typedef struct ipmc_intf_change_req_st ipmc_intf_change_req_st;      // ip6mc_idb.h
+typedef struct ipmc_bundle_member_st ipmc_bundle_member_st;          // ip6mc_idb.h
+typedef struct ipmc_vlan_node_st ipmc_vlan_node_st;                  // ip6mc_idb.h
+typedef struct ipv4mc_encap_entry_st ipv4mc_encap_entry_st;          // ip6mc_encap.h
+typedef struct ipv4mc_encap_leaf_st ipv4mc_encap_leaf_st;            // ip6mc_encap.h
+typedef struct ipv4mc_regdb_key_st ipv4mc_regdb_key_st;              // ip6mc_encap.h
+typedef struct ipv4mc_regdb_entry_st ipv4mc_regdb_entry_st;          // ip6mc_encap.h
 typedef struct ipv4mc_regdb_core_info_st ipv4mc_regdb_core_info_st;  // ip6mc_encap.h
-typedef struct ipv4mc_bvi_entry_t ipv4mc_bvi_entry_t;              // ip6mc_bvi.h
-typedef struct ipv4mc_bvi_if_t ipv4mc_bvi_if_t;                    // ip6mc_bvi.h
-typedef struct ipv4mc_bvi_intf_db_t ipv4mc_bvi_intf_db_t;          // ip6mc_bvi.h
-typedef struct ipmc_retry_msg ipmc_retry_msg;                      // ip6mc_platform_err.h
+typedef struct ipv4mc_bvi_entry_t ipv4mc_bvi_entry_t;                // ip6mc_bvi.h
+typedef struct ipv4mc_bvi_if_t ipv4mc_bvi_if_t;                      // ip6mc_bvi.h
+typedef struct ipv4mc_bvi_intf_db_t ipv4mc_bvi_intf_db_t;            // ip6mc_bvi.h
+typedef struct ipmc_retry_msg ipmc_retry_msg;                        // ip6mc_platform_err.h
 
 #endif

@@ -1,8 +1,9 @@
-// Blocks of the shared-memory window: their types, and the guard that stands in front of each of them.
+// Blocks of the shared-memory window: their types, and the guard that stands in front of each of
+// them.
 //
-// Every block that the library allocates is typed. The type selects a counter in the window header, so
-// that the live blocks of each kind can be read at any time, and it stands in the block's guard, so that
-// a walk over all blocks (the checker, the diagnosis of leaks) knows what it looks at.
+// Every block that the library allocates is typed. The type selects a counter in the window header,
+// so that the live blocks of each kind can be read at any time, and it stands in the block's guard,
+// so that a walk over all blocks (the checker, the diagnosis of leaks) knows what it looks at.
 #ifndef MULTICAST_ALLOC_H
 #define MULTICAST_ALLOC_H
 
@@ -29,14 +30,17 @@ enum ipmc_shmwin_alloc_types {
     // Slot in which untyped blocks are counted. No block carries this type: an untyped block says
     // IPMC_SHMWIN_ALLOC_UNTYPED in its guard. The two numbers differ by design.
     IPMC_SHMWIN_ALLOC_UNTYPED_COUNT = 20,
-    IPMC_SHMWIN_ALLOC_BVI_ENTRY = 29,      // ipv4mc_bvi_entry_t
-    IPMC_SHMWIN_ALLOC_BVI_IF = 30,         // ipv4mc_bvi_if_t
-    IPMC_SHMWIN_ALLOC_BVI_INTF_DB = 31,    // ipv4mc_bvi_intf_db_t
-    IPMC_SHMWIN_ALLOC_OBJ_ID = 32,         // record of the object-id service
-    IPMC_SHMWIN_ALLOC_RETRY_MSG = 33,      // ipmc_retry_msg
-    IPMC_SHMWIN_ALLOC_RETRY_QUEUE = 34,    // head of the retry queue
-    IPMC_SHMWIN_ALLOC_UNTYPED = 35,        // block of ip6mc_shmwin_malloc
-    IPMC_SHMWIN_ALLOC_TYPES = 36           // number of counters
+    IPMC_SHMWIN_ALLOC_GTRIE_NODE = 21,    // node of a trie's ordered structure
+    IPMC_SHMWIN_ALLOC_GTRIE_INDEX = 22,   // part of a trie's hash index
+    IPMC_SHMWIN_ALLOC_GTRIE_HANDLE = 23,  // handle of a trie, and the trie itself
+    IPMC_SHMWIN_ALLOC_BVI_ENTRY = 29,     // ipv4mc_bvi_entry_t
+    IPMC_SHMWIN_ALLOC_BVI_IF = 30,        // ipv4mc_bvi_if_t
+    IPMC_SHMWIN_ALLOC_BVI_INTF_DB = 31,   // ipv4mc_bvi_intf_db_t
+    IPMC_SHMWIN_ALLOC_OBJ_ID = 32,        // record of the object-id service
+    IPMC_SHMWIN_ALLOC_RETRY_MSG = 33,     // ipmc_retry_msg
+    IPMC_SHMWIN_ALLOC_RETRY_QUEUE = 34,   // head of the retry queue
+    IPMC_SHMWIN_ALLOC_UNTYPED = 35,       // block of ip6mc_shmwin_malloc
+    IPMC_SHMWIN_ALLOC_TYPES = 36          // number of counters
 };
 
 // Values of a guard's `magic`. A block in the pool of freed blocks keeps the live value.
@@ -50,7 +54,8 @@ typedef struct ipmc_shmwin_guard_st {
     uint32_t type;       // ipmc_shmwin_alloc_type
     uint32_t magic;
 } ipmc_shmwin_guard_st;
-static_assert(sizeof(ipmc_shmwin_guard_st) == 24, "the guard lies at a fixed distance before a block");
+static_assert(sizeof(ipmc_shmwin_guard_st) == 24,
+              "the guard lies at a fixed distance before a block");
 
 // The pool of freed blocks has one bucket for each exact size below this.
 #define IPMC_SHMWIN_POOL_BUCKETS 513

@@ -1,0 +1,185 @@
+// Routes and their interfaces: the two records around which the library turns.
+//
+// A route is (S,G) or (*,G/m), a leaf of its table's `ingress_gtrie`. Each interface that takes
+// part in it is an entry owned by the route. Half of each record is filled by the library, half by
+// the platform half: attribute words above all, see ip6mc_types.h.
+//
+// Thread-safety. The owner's operation thread writes. `tbl_rw_lock` guards the structure of
+// `intf_tree`, nothing else here.
+#ifndef IP6MC_ROUTE_H
+#define IP6MC_ROUTE_H
+
+#include <time.h>
+
+#include "ipv4/multicast/lib/ip6mc_types.h"
+#include "services/cbuf/cbuf.h"
+#include "services/events/ptimer.h"
+#include "services/gtrie/gtrie.h"
+#include "services/trees/avl.h"
+
+// Key length of an (S,G) route, and the longest (*,G/m).
+#define IPV4MC_ROUTE_PFX_LEN_SG 256
+#define IPV4MC_ROUTE_PFX_LEN_STAR_G 128
+
+// `route_flags`: the route is spared by a bulk delete that asks for it.
+#define IPV4MC_ROUTE_FLAG_SRD UINT8_C(0x04)
+
+// `intf_flags`.
+#define IPV4MC_INTF_FLAG_ENCAP_OLE UINT8_C(0x02)  // on the encap output list of its route
+#define IPV4MC_INTF_FLAG_IN_TREE UINT8_C(0x10)    // in `intf_tree` and on `intf_list`
+
+// `intf_type`.
+enum ipv4mc_intf_types { IPV4MC_INTF_ORDINARY = 0, IPV4MC_INTF_AMT = 1 };
+
+// Index into `vrf_table`, `vrf_table_id`, `memd_next` and `memd_prev`.
+enum ipv4mc_vrf_links { IPV4MC_VRF_LOCAL = 0, IPV4MC_VRF_REMOTE = 1, IPV4MC_VRF_LINKS = 2 };
+
+// Accounting counters of a route, zeroed together.
+typedef struct ipv4mc_route_acct_st {
+    uint64_t words64[2];
+    uint32_t words32[7];
+} ipv4mc_route_acct_st;
+
+// Rate record of a route, a block of type IPMC_SHMWIN_ALLOC_ROUTE. All but the timestamp is the
+// platform half's.
+typedef struct ipv4mc_route_rate_st {
+    uint8_t platform_head[128];
+    struct timespec stamp;  // when it was made or zeroed
+    uint8_t platform_tail[48];
+} ipv4mc_route_rate_st;
+static_assert(sizeof(ipv4mc_route_rate_st) == 192 && offsetof(ipv4mc_route_rate_st, stamp) == 128,
+              "the platform half keeps its words around the timestamp");
+
+struct ipv4mc_route_entry_st {
+    ip_maddr_st group;           // key
+    ip_maddr_st source;          // key; all zero for (*,G)
+    ip_maddr_st aux_addr;        // third address of the route operation, no part of the key
+    uint16_t pfx_len;            // 256 for (S,G), m for (*,G/m)
+    uint64_t obj_id;             // IPMC_OBJ_ID_NONE: none
+    cbuf *event_history;         // process memory of the owner; NULL until the first event
+    uint8_t err;                 // 1 while the route stands on the retry queue
+    uint8_t oor;                 // not 0 while it is held back for lack of hardware resources
+    uint8_t group_mask_len;      // 128 for (S,G), else `pfx_len`
+    uint8_t route_flags;         // platform half
+    uint8_t counted_intf_cnt;    // interfaces with COUNTED; raised by the platform half
+    uint8_t mi_cnt;              // interfaces of kind MI
+    uint8_t lmi_cnt;             // LMI
+    uint8_t tmi_cnt;             // TMI
+    uint8_t irmi_cnt;            // IRMI; platform half, not cleared with the route
+    uint8_t trmi_cnt;            // TRMI
+    uint32_t clear_u32;          // platform half, cleared with the route
+    uint32_t amt_intf_cnt;       // interfaces with REGDB
+    uint16_t intf_local_EG_cnt;  // interfaces with EG
+    void
+        *preserved_pak;  // signal routes: packet kept for the control plane, owned by the data path
+    uint64_t route_counters[6];  // platform half, zeroed at init and clear
+    uint16_t clear_u16;          // platform half, cleared with the route
+    uint8_t clear_u8;            // platform half, cleared with the route
+    ipv4mc_table_st *table;      // the table it belongs to: the test of a leaf's ownership
+    uint32_t
+        extranet_table_id;  // platform half: table on whose `child_route_count` it stands, 0 none
+    ipv4mc_table_st *vrf_table[IPV4MC_VRF_LINKS];  // of a core route
+    uint32_t vrf_table_id[IPV4MC_VRF_LINKS];       // their ids, also when a table is not there
+    uint16_t ex_eg_cnt;  // local egress interfaces counted for other tables
+    ifhtype mdt_ifh;     // MDT interface held by the route itself (MH), 0 none
+    ptimer_t route_timer;
+    uint8_t mdt_candidate;   // 1 while on the MDT candidate list
+    uint8_t rate_per_route;  // `rate` was made because the table has rate per route on
+    uint8_t acct_per_prefix;
+    uint8_t acct_fwd_only;
+    uint32_t route_seqno;                // platform half
+    uint8_t mofrr_active;                // of the last MoFRR update
+    uint32_t mofrr_seqno;                // of the last MoFRR update
+    uint8_t mofrr_pending;               // 1 after a MoFRR update
+    struct timespec create_time;         // ptimer clock
+    ipv4mc_intf_entry_st *intf_list;     // newest first
+    avl_tree intf_tree;                  // the same entries by key
+    ipv4mc_route_entry_st *change_next;  // changed-route list
+    ipv4mc_route_entry_st *change_prev;
+    ipv4mc_route_entry_st *memd_next[IPV4MC_VRF_LINKS];  // memd list of `vrf_table[i]`
+    ipv4mc_route_entry_st *memd_prev[IPV4MC_VRF_LINKS];
+    ipv4mc_route_entry_st *mdt_cand_next;  // MDT candidate list
+    ipv4mc_route_entry_st *mdt_cand_prev;
+    ipv4mc_route_entry_st *mt_upd_next;  // MT update list
+    ipv4mc_route_entry_st *mt_upd_prev;
+    ipv4mc_route_entry_st *amt_upd_next;  // AMT update list
+    ipv4mc_route_entry_st *amt_upd_prev;
+    ipv4mc_route_entry_st *mofrr_upd_next;  // MoFRR update list
+    ipv4mc_route_entry_st *mofrr_upd_prev;
+    ipv4mc_intf_entry_st *encap_ole_tail;  // interfaces that are encap output entries
+    ipv4mc_intf_entry_st *encap_ole_head;
+    mrib_attrib_entry_type attributes;
+    mrib_attrib_ti_mofrr_type mofrr_attrib;
+    ipv4mc_route_acct_st acct_stats;
+    ipv4mc_route_rate_st *rate;  // NULL when the route has none
+    uint8_t init_arg;
+    ipv4mc_route_entry_st *IF_parent;  // of a route with IA: whose interfaces it inherits
+    ipv4mc_encap_entry_st *encap;
+    uint32_t rpf_id;
+    uint8_t t_bit;
+    uint8_t upd4_value;
+    ipv4mc_route_entry_st *next_encap;  // routes of `encap`
+    ipv4mc_route_entry_st *prev_encap;
+    ipv4mc_regdb_entry_st *regdb_entry;  // the GRE transport that rides on this core route
+};
+
+// Statistics of an interface entry. Some words are zeroed by a statistics clear, the others are
+// left alone.
+typedef struct ipv4mc_intf_stats_st {
+    uint64_t words_a[2];
+    uint8_t block_a[16];
+    uint64_t words_b[2];
+    uint8_t block_b[16];
+    uint8_t kept_a[8];    // left alone
+    uint32_t counted[2];  // not 0: something was counted
+    uint8_t kept_b[16];   // left alone
+} ipv4mc_intf_stats_st;
+static_assert(sizeof(ipv4mc_intf_stats_st) == 96, "the platform half counts in place");
+
+// A block that the platform half hangs on an interface entry; when the entry goes it joins
+// `plat_block_list` of the window header.
+typedef struct ipmc_plat_block_st {
+    struct ipmc_plat_block_st *next;
+} ipmc_plat_block_st;
+
+struct ipv4mc_intf_entry_st {
+    ipv4mc_intf_entry_st *next_intf;  // of the route's `intf_list`
+    ipv4mc_intf_entry_st *prev_intf;
+    uint32_t intf_type;  // key: one of ipv4mc_intf_types
+    uint32_t key_ifh;    // key: `ifh` of an ordinary entry, 0 of an AMT entry
+    uint32_t amt_addr;   // key: IPv4 address of the far end, network byte order
+    uint16_t amt_port;   // key: UDP port of the far end
+    ifhtype ifh;         // the interface; of an AMT entry the one underneath, which may change
+    uint32_t intf_arg;   // the caller's; handle of the interface underneath
+    mrib_attrib_entry_type attributes;
+    struct timespec create_time;  // ptimer clock
+    uint64_t obj_id;              // IPMC_OBJ_ID_NONE: none
+    ipv4mc_intf_stats_st intf_stats;
+    struct tree_node avl_node;  // in the route's `intf_tree`
+    ipmc_plat_block_st *plat_block;
+    ipv4mc_route_entry_st *route;    // set when the entry joins its route
+    ipv4mc_intf_entry_st *idb_prev;  // of the interface's `route_list`
+    ipv4mc_intf_entry_st *idb_next;
+    ipv4mc_intf_entry_st
+        *list_next;  // of `encap_ole_head` of the route or `intf_head` of a regdb entry
+    ipv4mc_intf_entry_st *list_prev;
+    ipv4mc_regdb_entry_st *regdb_entry;  // next hop of an interface with REGDB
+    uint8_t intf_flags;
+    uint8_t on_idb_list;      // 1 while on the interface's `route_list`
+    ipv4mc_bvi_if_t *bvi_if;  // of an interface with BVI
+};
+
+// What a route update carries; `type` of the update says which field counts.
+struct ipv4mc_route_update_st {
+    uint32_t encap_id;  // 0 unlinks
+    uint32_t rpf_id;
+    uint64_t platform_words[5];  // the platform's only
+    uint8_t t_bit;
+    uint8_t t_count;  // not 0: the table's count of T bits is kept
+    uint8_t upd4_value;
+    uint8_t reserved[5];  // zero
+};
+static_assert(sizeof(ipv4mc_route_update_st) == 56 && offsetof(ipv4mc_route_update_st, t_bit) == 48,
+              "exchanged with the platform library");
+
+#endif

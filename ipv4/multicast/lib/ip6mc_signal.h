@@ -1,0 +1,14 @@
+// Signals: packets of the data plane that need the control plane's attention.
+//
+// A signal route is an ipv4mc_route_entry_st in its table's `signal_gtrie`; `preserved_pak` is the
+// packet kept for the control plane. The window mutex guards all of it: functions whose name ends
+// in _mutex take it themselves, the others expect the caller to hold it.
+#ifndef IP6MC_SIGNAL_H
+#define IP6MC_SIGNAL_H
+
+#include "ipv4/multicast/lib/ip6mc_route.h"
+
+// Control code by which the data path is told to drop a preserved packet.
+#define IPV4MC_DPC_PAK_DROP UINT32_C(0x8004820d)
+
+#endif
