@@ -172,9 +172,9 @@ MFWD6_END_C
 
 #ifdef __cplusplus
 static_assert(sizeof(rn_node_t) == 32, "records place their key right behind the node");
-static_assert(sizeof(rn_root_t) == 88, "lies in shared memory");
+static_assert(sizeof(rn_root_t) == 80, "lies in shared memory");
 static_assert(sizeof(rt_node_t) == 56, "lies in shared memory");
-static_assert(sizeof(rt_head_t) == 96, "lies in shared memory");
+static_assert(sizeof(rt_head_t) == 88, "lies in shared memory");
 #endif
 
 #endif
