@@ -23,7 +23,8 @@ MFWD6_BEGIN_C
 #define IMC_NO_RECEIVER 0x44e05002U   // nobody takes this control code
 #define IMC_NO_BACKEND 0x44e05003U    // no backend of this name is registered
 #define IMC_BAD_PROTOCOL 0x44e05004U  // protocol or caps of a control record is 0
-#define IMC_LOST 0x44e05005U          // the backend lost its connection; what it knew last stands
+#define IMC_LOST \
+    0x44e05005U  // not known, but the backend lost its connection: it may exist all the same
 
 // Interface types.
 enum imc_type {
@@ -66,7 +67,8 @@ MFWD6_EXPORT cerrno imc_interface_name(imc_context_t *context, uint32_t ifh, cha
                                        size_t size);
 
 // Type of an interface. The result is that of the question; *answer, if not NULL, is what the
-// manager answered (0, IMC_NO_INTERFACE, IMC_LOST). Both must be 0 for *type to be written.
+// manager answered (0, IMC_NO_INTERFACE, IMC_LOST) and the result is 0 then; with NULL the answer
+// is the result. *type is written only if both are 0.
 MFWD6_EXPORT cerrno imc_interface_get_type(imc_context_t *context, uint32_t ifh, uint16_t *type,
                                            cerrno *answer);
 
