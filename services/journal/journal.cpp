@@ -17,9 +17,13 @@ const block_hooks *hooks = nullptr;
 
 constexpr uint64_t address_mask = (uint64_t{1} << 56) - 1;
 
-kind kind_at(const entry &e) { return static_cast<kind>(e.where >> 56); }
+kind kind_at(const entry &e) {
+    return static_cast<kind>(e.where >> 56);
+}
 
-void *address_at(const entry &e) { return reinterpret_cast<void *>(e.where & address_mask); }
+void *address_at(const entry &e) {
+    return reinterpret_cast<void *>(e.where & address_mask);
+}
 
 template <class T>
 void put_back(const entry &e) {
@@ -34,7 +38,8 @@ void drop_last(log *l) {
     std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
-// The hook frees the block and drops the entry together; without an allocator the block is not ours.
+// The hook frees the block and drops the entry together; without an allocator the block is not
+// ours.
 void release_last(log *l, void *block) {
     if (hooks != nullptr) {
         hooks->release(l, block);
@@ -62,7 +67,8 @@ void undo_last(log *l) {
             release_last(l, address_at(e));
             return;
         case kind::free_on_commit:
-            // Recounted rather than decremented: a kill between the two stores would count it twice.
+            // Recounted rather than decremented: a kill between the two stores would count it
+            // twice.
             break;
     }
     drop_last(l);
@@ -86,12 +92,16 @@ log *format(void *where, size_t bytes) {
     return l;
 }
 
-void bind_process(log *target, uint32_t peer) { process_binding = {target, peer}; }
+void bind_process(log *target, uint32_t peer) {
+    process_binding = {target, peer};
+}
 
-void bind_thread(log *target, uint32_t peer) {
-    if (self.bound_count < std::size(self.bound)) {
-        self.bound[self.bound_count++] = {target, peer};
+bool bind_thread(log *target, uint32_t peer) {
+    if (self.bound_count >= std::size(self.bound)) {
+        return false;
     }
+    self.bound[self.bound_count++] = {target, peer};
+    return true;
 }
 
 void unbind_thread(log *target) {
@@ -106,7 +116,14 @@ void unbind_thread(log *target) {
     }
 }
 
-void set_block_hooks(const block_hooks *given) { hooks = given; }
+void forget_after_fork() {
+    process_binding = {};
+    self = {};
+}
+
+void set_block_hooks(const block_hooks *given) {
+    hooks = given;
+}
 
 log *choose() {
     const binding *b = self.bound_count != 0 ? &self.bound[self.bound_count - 1] : &process_binding;
@@ -131,7 +148,8 @@ void begin_slow(log *chosen) {
     uint32_t idle = 0;
     while (!std::atomic_ref<uint32_t>(chosen->holder)
                 .compare_exchange_weak(idle, peer != 0 ? peer : 1, std::memory_order_acquire)) {
-        // Only another thread of this process can hold it: a dead holder is recovered before binding.
+        // Only another thread of this process can hold it: a dead holder is recovered before
+        // binding.
         idle = 0;
         sched_yield();
     }
@@ -170,7 +188,9 @@ void undo_to(log *l, uint64_t mark) {
     }
 }
 
-void overflow(log *l) { l->overflowed = 1; }
+void overflow(log *l) {
+    l->overflowed = 1;
+}
 
 void note_allocation(log *outer, void *block) {
     if (outer->used >= outer->capacity) {
