@@ -82,6 +82,16 @@ void recount_frees(log *l) {
     l->frees = frees;
 }
 
+// A dead process's private memory is not ours: such entries are made void, one store each.
+void pass_over_private(log *l) {
+    for (uint64_t i = 0; i < l->used; ++i) {
+        entry &e = entries(l)[i];
+        if (kind_at(e) <= kind::word8 && !hooks->covers(l, address_at(e))) {
+            e.where = static_cast<uint64_t>(kind::free_on_commit) << 56;
+        }
+    }
+}
+
 }  // namespace
 
 log *format(void *where, size_t bytes) {
@@ -220,6 +230,9 @@ recovery recover(log *l) {
         l->used = 0;
         l->overflowed = 0;
     } else if (l->used != 0) {
+        if (hooks != nullptr && hooks->covers != nullptr) {
+            pass_over_private(l);
+        }
         undo_to(l, 0);
         ++l->undone;
         result = recovery::undone;
