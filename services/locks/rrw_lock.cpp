@@ -134,8 +134,11 @@ bool enter(const caller &who) {
     uint64_t seen = slot.load(std::memory_order_relaxed);
     uint64_t next;
     do {
-        next = locks::word::peer_of(seen) == who.peer ? seen + 1 : locks::word::hold(who.peer, 1);
-        if ((seen & count_mask) == count_mask) {
+        if (locks::word::peer_of(seen) != who.peer) {
+            next = locks::word::hold(who.peer, 1);
+        } else if ((seen & count_mask) != count_mask) {
+            next = seen + 1;
+        } else {
             return false;
         }
     } while (!slot.compare_exchange_weak(seen, next));
@@ -144,8 +147,14 @@ bool enter(const caller &who) {
 
 void leave(const caller &who) {
     rrw_lock_slot &slot = who.slot();
-    const uint64_t before = at(slot.word).fetch_sub(1);
-    if ((before & count_mask) == 1 && at(who.lock->gate).load() != 0) {
+    uint64_t seen = at(slot.word).load(std::memory_order_relaxed);
+    do {
+        // The lock was zeroed under us, with the header that it lies in.
+        if (locks::word::peer_of(seen) != who.peer || (seen & count_mask) == 0) {
+            return;
+        }
+    } while (!at(slot.word).compare_exchange_weak(seen, seen - 1));
+    if ((seen & count_mask) == 1 && at(who.lock->gate).load() != 0) {
         locks::word::wake(slot.word, locks::word::everybody);
     }
 }
@@ -182,8 +191,6 @@ cerrno read_slow(const caller &who, const struct timespec *deadline) {
         if (code != 0) {
             return code;
         }
-        // Also the mark of a slot may have been taken off meanwhile.
-        make_known(who);
         if (!enter(who)) {
             return EAGAIN;
         }
@@ -315,6 +322,10 @@ cerrno unlock_write(const caller &who, int line) {
     who.mine->writes = 0;
     if (journal::log *log = log_of(who)) {
         journal::unbind_thread(log);
+    }
+    const uint64_t gate = at(who.lock->gate).load(std::memory_order_relaxed);
+    if (!locks::word::same_holder(gate, who.word())) {
+        return EPERM;  // the lock was zeroed under us
     }
     who.lock->line = line;
     open_gate(who);

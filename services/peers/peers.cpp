@@ -82,8 +82,8 @@ void describe(slot &s, role as) {
 
 // The byte of slot `i` is locked by this process. A dead holder's id goes to `predecessor` first,
 // so that it is not forgotten should this process die before the recovery; the new id makes it dead
-// for everybody.
-void claim(env *window, uint32_t i, role as) {
+// for everybody. Returns that id.
+peer_id claim(env *window, uint32_t i, role as) {
     slot &s = window->peers->slots[i];
     const uint32_t dead = id_in(s);
     if (dead != 0 && s.predecessor == 0) {
@@ -97,9 +97,10 @@ void claim(env *window, uint32_t i, role as) {
     std::atomic_ref<uint32_t>(s.id).store(id, std::memory_order_release);
     std::atomic_ref<uint32_t>(window->peers->openings).fetch_add(1, std::memory_order_relaxed);
     window->self = id;
+    return dead;
 }
 
-bool try_claim(env *window, uint32_t i, role as, bool also_dead, int *error) {
+bool try_claim(env *window, uint32_t i, role as, bool also_dead, peer_id *dead, int *error) {
     slot &s = window->peers->slots[i];
     if ((id_in(s) != 0 && !also_dead) || s.generation >= last_generation) {
         return false;
@@ -116,15 +117,26 @@ bool try_claim(env *window, uint32_t i, role as, bool also_dead, int *error) {
         slot_lock(window->fd, F_OFD_SETLK, F_UNLCK, i, nullptr);
         return false;
     }
-    claim(window, i, as);
+    *dead = claim(window, i, as);
     return true;
 }
 
-int take_slot(env *window, role as) {
+// Two when the first to take the slot over died before it had recovered the one before.
+void recover_predecessors(env *window, peer_id dead) {
+    slot &mine = window->peers->slots[slot_of(window->self)];
+    for (const peer_id id : {mine.predecessor, dead}) {
+        if (id != 0 && window->recover != nullptr) {
+            window->recover(window, id);
+        }
+    }
+    mine.predecessor = 0;
+}
+
+int take_slot(env *window, role as, peer_id *dead) {
     int error = 0;
     for (const bool also_dead : {false, true}) {
         for (uint32_t i = 0; i < max_peers; ++i) {
-            if (try_claim(window, i, as, also_dead, &error)) {
+            if (try_claim(window, i, as, also_dead, dead, &error)) {
                 return 0;
             }
             if (error != 0) {
@@ -188,6 +200,7 @@ env *env_of(const void *address) {
 }
 
 int join(env *window, role as) {
+    peer_id dead = 0;
     {
         const std::lock_guard<std::mutex> guard(changing);
         if (window->self != 0) {
@@ -196,18 +209,12 @@ int join(env *window, role as) {
         if (window->fd < 0) {
             return EBADF;
         }
-        const int rc = take_slot(window, as);
+        const int rc = take_slot(window, as, &dead);
         if (rc != 0) {
             return rc;
         }
     }
-    slot &mine = window->peers->slots[slot_of(window->self)];
-    if (mine.predecessor != 0) {
-        if (window->recover != nullptr) {
-            window->recover(window, mine.predecessor);
-        }
-        mine.predecessor = 0;
-    }
+    recover_predecessors(window, dead);
     return 0;
 }
 
