@@ -170,4 +170,21 @@ struct ipmc_intf_change_req_st {
 // Requests that a table holds at most.
 #define IPMC_INTF_CHANGE_REQ_MAX UINT64_C(1000)
 
+MFWD6_BEGIN_C
+
+// Drives the trees of tables; compares by handle, on thread 1.
+extern MFWD6_EXPORT const struct shm_wavl_fns ipmc_table_idb_fns;
+
+// Finds an interface by handle: 0 with the record, or with NULL when there is none. Not built yet.
+MFWD6_EXPORT cerrno ip6mc_idb_lookup(ifhtype ifh, ipv4mc_idb_st **idb_p);
+
+// Compares the reference count of each interface of a VRF table with its holders; warns. Returns 1.
+MFWD6_EXPORT int ip6mc_idb_refcount_sanity_walk(ipv4mc_table_st *table);
+
+// MDT interfaces of a table. Not built yet.
+MFWD6_EXPORT cerrno ip6mc_idb_mdt_unlock(ipv4mc_table_st *table, ifhtype ifh, uint32_t flag);
+MFWD6_EXPORT cerrno ip6mc_idb_mdt_mtu_set(ipv4mc_table_st *table);
+
+MFWD6_END_C
+
 #endif

@@ -25,4 +25,11 @@ struct ipmc_retry_msg {
     void *object;         // ipv4mc_route_entry_st or ipv4mc_encap_entry_st
 };
 
+MFWD6_BEGIN_C
+
+// Finds or makes the retry queue in the window, on router types that have one.
+MFWD6_EXPORT void ipmc_queue_init(void);
+
+MFWD6_END_C
+
 #endif

@@ -182,4 +182,42 @@ struct ipv4mc_route_update_st {
 static_assert(sizeof(ipv4mc_route_update_st) == 56 && offsetof(ipv4mc_route_update_st, t_bit) == 48,
               "exchanged with the platform library");
 
+MFWD6_BEGIN_C
+
+// Not built yet: reports so and returns ENOSYS (38).
+MFWD6_EXPORT cerrno ip6mc_route_operation(ipv4mc_action_type action, ipv4mc_table_st *table,
+                                          const ip_maddr_st *source, const ip_maddr_st *group, uint16_t pfx_len,
+                                          const ip_maddr_st *aux_addr, ipv4mc_route_entry_st **route_entry,
+                                          mrib_attrib_entry_type old_attributes,
+                                          mrib_attrib_ti_mofrr_type mofrr_attrib, int *is_new);
+
+// The first leaf of the table under a key, or NULL: 256 bits with a source, `length` with a group only, all
+// of the table with neither. A leaf of another table in that place gives NULL. No lock; any process.
+MFWD6_EXPORT ipv4mc_route_entry_st *ip6mc_route_first_key(ipv4mc_table_st *table, const ip_maddr_st *source,
+                                                          const ip_maddr_st *group, uint16_t length);
+
+// The next leaf of the table in trie order, or NULL; leaves of other tables are passed over.
+MFWD6_EXPORT ipv4mc_route_entry_st *ip6mc_route_next(ipv4mc_table_st *table, ipv4mc_route_entry_st *route);
+
+// Walk function of routes; may delete the route at hand. Non-zero ends the walk.
+typedef cerrno (*ipv4mc_route_walk_ft)(ipv4mc_route_entry_st *route, void *context);
+
+// Calls `function` for each route of the table. With a `yield_count` the processor is given up after so many
+// routes. 0; ECANCELED (125) when the function ended the walk, whatever its code; EBADF, EINVAL.
+MFWD6_EXPORT cerrno ip6mc_route_walk(ipv4mc_table_st *table, uint32_t yield_count, ipv4mc_route_walk_ft function,
+                                     void *context);
+
+// Deletes all routes and signals of a table, given by either side. With `keep_srd` the routes whose
+// `route_flags` have bit 0x04 stay, and are counted in `*srd_count`. A failure on one route does not stop the
+// walk; the last one is the result. `cmd` goes on to the removal of signals. Owner's operation thread.
+MFWD6_EXPORT cerrno ip6mc_route_delete_all(ipv4mc_table_st *table, uint32_t yield_count, mfwd_cmd cmd,
+                                           int keep_srd, uint32_t *srd_count);
+
+// Walk functions by which a table-wide setting reaches each route; `context` is a u32 with the action. Not
+// built yet.
+MFWD6_EXPORT cerrno ipv4mc_route_accounting_fn(ipv4mc_route_entry_st *route, void *context);
+MFWD6_EXPORT cerrno ipv4mc_route_rate_per_route_fn(ipv4mc_route_entry_st *route, void *context);
+
+MFWD6_END_C
+
 #endif

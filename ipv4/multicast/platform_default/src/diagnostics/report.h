@@ -2,6 +2,8 @@
 #ifndef IP6MC_SRC_DIAGNOSTICS_REPORT_H
 #define IP6MC_SRC_DIAGNOSTICS_REPORT_H
 
+#include <errno.h>
+
 #include "ipv4/multicast/lib/ip6mc_diag.h"
 #include "services/diag/debug.h"
 #include "services/diag/errors.h"
@@ -20,6 +22,9 @@ __attribute__((format(printf, 4, 5))) void debug_line(int debug_class, const cha
 }  // namespace mlib
 
 #define MLIB_ERR(...) mlib::report_error(__func__, __LINE__, __VA_ARGS__)
+
+// The body of an operation whose subsystem is still to come; its result.
+#define MLIB_NOT_BUILT(name) (MLIB_ERR(name ": not built yet"), static_cast<cerrno>(ENOSYS))
 
 // Arguments are evaluated only when the class is on.
 #define MLIB_DEBUG(debug_class, ...)                                           \

@@ -19,9 +19,9 @@ using mfwd6::journal::publish;
 using mfwd6::journal::store;
 
 // The MDT handles of a TID table that follow its VRF; the eighth handle does not.
-constexpr uint32_t linked_mdt_handles[] = {IPMC_MDT_HANDLE_GRE,      IPMC_MDT_HANDLE_MLDP, IPMC_MDT_HANDLE_INBAND,
-                                           IPMC_MDT_HANDLE_P2MP_TE,  IPMC_MDT_HANDLE_IR,   IPMC_MDT_HANDLE_G_INBAND,
-                                           IPMC_MDT_HANDLE_TREE_SID};
+constexpr uint32_t linked_mdt_handles[] = {IPV4MC_MDT_GRE,      IPV4MC_MDT_MLDP, IPV4MC_MDT_INBAND,
+                                           IPV4MC_MDT_P2MP_TE,  IPV4MC_MDT_IR,   IPV4MC_MDT_G_INBAND,
+                                           IPV4MC_MDT_TREE_SID};
 
 void link_sides(ipv4mc_table_st *vrf_table, ipv4mc_table_st *tid_table, uint32_t vrf_id) {
     {
@@ -44,12 +44,12 @@ void link_sides(ipv4mc_table_st *vrf_table, ipv4mc_table_st *tid_table, uint32_t
 
 cerrno make_signal_gtrie(ipv4mc_table_st *table, const char *vrf_name) {
     ip6mc_gtrie_platform_err_init();
-    ip6mc_gtrie_params params;
+    ip6mc_gtrie_params_t params;
     ipv4mc_set_default_gtrie_init(&params, table, 1);
-    params.gtrie_usage = IPMC_GTRIE_USAGE_SW;
+    params.gtrie_usage = IPMC_GTRIE_USAGE_SW_ONLY;
     cerrno error = 0;
     const group change;
-    ip6mc_gtrie *trie = ip6mc_gtrie_init(&params, &error);
+    void *trie = ip6mc_gtrie_init(&params, &error);
     if (error != 0) {
         MLIB_ERR("Cannot init signal Gtrie for new table 0x%x(%s) error %d %s", table->tid, vrf_name,
                  static_cast<int>(error), cerr_strerror(error));
@@ -60,15 +60,15 @@ cerrno make_signal_gtrie(ipv4mc_table_st *table, const char *vrf_name) {
 }
 
 cerrno make_ingress_gtrie(ipv4mc_table_st *table, const char *vrf_name) {
-    ip6mc_gtrie_params params;
+    ip6mc_gtrie_params_t params;
     ipv4mc_set_default_gtrie_init(&params, table, 0);
     params.gtrie_usage = mlib::ingress_gtrie_usage();
     cerrno error = 0;
     const group change;
-    ip6mc_gtrie *trie = ip6mc_gtrie_platform_init(&params, &error);
+    void *trie = ip6mc_gtrie_platform_init(&params, &error);
     if (error != 0) {
         MLIB_ERR("Cannot init GTRIE for new %s table 0x%x(%s) error %s ",
-                 params.gtrie_usage == IPMC_GTRIE_USAGE_DUAL ? "dual" : "SW", table->tid, vrf_name,
+                 params.gtrie_usage == IPMC_GTRIE_USAGE_INGRESS_EGRESS ? "dual" : "SW", table->tid, vrf_name,
                  cerr_strerror(error));
         ip6mc_gtrie_close(&table->signal_gtrie);
         return error;
@@ -160,7 +160,7 @@ cerrno ipmc_table_activate(uint32_t tid, uint32_t vrf_id, const char *vrf_name, 
                            int is_new) {
     ipv4mc_table_st *table = *vrf_table;
     if (table != nullptr) {
-        if (table->table_type != IPV4MC_TABLE_TYPE_VRF) {
+        if (table->table_type != IPV4MC_TABLE_VRF) {
             MLIB_ERR("Tbl activate : Invalid table type");
             return EINVAL;
         }

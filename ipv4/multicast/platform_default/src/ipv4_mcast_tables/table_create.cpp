@@ -29,14 +29,14 @@ ipv4mc_table_st *allocate_vrf_table(const char *vrf_name, uint32_t tid, uint32_t
         MLIB_ERR("Cannot allocate %zd bytes for new table 0x%x/0x%x/%s", size, tid, vrf_id, vrf_name);
         return nullptr;
     }
-    table->svd_location = IPMC_SVD_REMOTE;
+    table->svd_location = IPV4MC_SVD_REMOTE;
     table->table_limit = no_table_limit;
     return table;
 }
 
 // Configured values stay; the others go back to their defaults at each update.
 void set_vrf_defaults(ipv4mc_table_st *table) {
-    store(table->table_type, static_cast<uint32_t>(IPV4MC_TABLE_TYPE_VRF));
+    store(table->table_type, static_cast<uint32_t>(IPV4MC_TABLE_VRF));
     if (table->mtu_cfg == 0) {
         store(table->mtu, default_mtu);
     }
@@ -48,10 +48,10 @@ void set_vrf_defaults(ipv4mc_table_st *table) {
 
 void take_out_of_threads(ipv4mc_table_st *table) {
     if (table->vrf_name[0] != '\0') {
-        ipmc_table_rem_wavl(table, TABLE_THREAD_NAME);
+        ipmc_table_rem_wavl(table, IPV4MC_TABLE_THREAD_NAME);
     }
     if (table->vrf_id != 0) {
-        ipmc_table_rem_wavl(table, TABLE_THREAD_VRF_ID);
+        ipmc_table_rem_wavl(table, IPV4MC_TABLE_THREAD_VRF_ID);
     }
 }
 
@@ -128,7 +128,7 @@ ipv4mc_table_st *make_tid_record(uint32_t tid) {
         return nullptr;
     }
     auto *table = static_cast<ipv4mc_table_st *>(object);
-    table->table_type = IPV4MC_TABLE_TYPE_TID;
+    table->table_type = IPV4MC_TABLE_TID;
     table->tid = tid;
     platform_get_my_nodeid(&table->node_id);
     return table;
@@ -178,11 +178,11 @@ void ipmc_table_take_vrf_keys(ipv4mc_table_st *table, const char *vrf_name, uint
     if (vrf_name[0] != '\0' && table->vrf_name[0] == '\0') {
         mfwd6::journal::save(table->vrf_name[0]);
         sstrncpy(table->vrf_name, vrf_name, sizeof(table->vrf_name));
-        ipmc_table_add_wavl(table, TABLE_THREAD_NAME);
+        ipmc_table_add_wavl(table, IPV4MC_TABLE_THREAD_NAME);
     }
     if (vrf_id != 0 && table->vrf_id == 0) {
         store(table->vrf_id, vrf_id);
-        ipmc_table_add_wavl(table, TABLE_THREAD_VRF_ID);
+        ipmc_table_add_wavl(table, IPV4MC_TABLE_THREAD_VRF_ID);
     }
 }
 

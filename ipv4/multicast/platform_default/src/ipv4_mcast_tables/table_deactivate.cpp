@@ -23,9 +23,9 @@ using mfwd6::journal::publish;
 using mfwd6::journal::store;
 
 // In the order in which they are given back; the eighth handle stays out of this walk.
-constexpr uint32_t deleted_mdt_handles[] = {IPMC_MDT_HANDLE_GRE,     IPMC_MDT_HANDLE_MLDP, IPMC_MDT_HANDLE_INBAND,
-                                            IPMC_MDT_HANDLE_G_INBAND, IPMC_MDT_HANDLE_P2MP_TE, IPMC_MDT_HANDLE_IR,
-                                            IPMC_MDT_HANDLE_TREE_SID};
+constexpr uint32_t deleted_mdt_handles[] = {IPV4MC_MDT_GRE,     IPV4MC_MDT_MLDP, IPV4MC_MDT_INBAND,
+                                            IPV4MC_MDT_G_INBAND, IPV4MC_MDT_P2MP_TE, IPV4MC_MDT_IR,
+                                            IPV4MC_MDT_TREE_SID};
 
 constexpr uint32_t mdt_unlock_kind_table = 7;
 
@@ -75,7 +75,7 @@ void unlink_vrf_table(const table_request &request) {
                table->vrf_name, yes_no(table->tid_table));
     store(table->active, 0U);
     publish(table->tid_table, static_cast<ipv4mc_table_st *>(nullptr));
-    ipmc_table_rem_wavl(table, TABLE_THREAD_VRF_ID);
+    ipmc_table_rem_wavl(table, IPV4MC_TABLE_THREAD_VRF_ID);
     store(table->vrf_id, 0U);
 }
 
@@ -139,7 +139,7 @@ void close_tries(const table_request &request) {
 
 void count_interfaces(const table_request &request) {
     ipmc_idb_ifcount_walk_st seen{};
-    wavl_walk(&request.vrf_table->idb_tree, IPMC_IDB_THREAD_VRF, ipmc_idb_local_ifcount_walk_fn, &seen);
+    wavl_walk(&request.vrf_table->idb_tree, IPV4MC_IDB_THREAD_VRF, ipmc_idb_local_ifcount_walk_fn, &seen);
     MLIB_DEBUG(IPV4_DEBUG_DEV, "Action %s : Table %s/0x%x has %d idbs (mdt present %c)", action_text(request),
                request.vrf_table->vrf_name, request.vrf_id, static_cast<int>(seen.count),
                seen.mdt_present != 0 ? 'Y' : 'N');
@@ -185,20 +185,26 @@ void delete_records(table_request &request) {
 void ipmc_table_drop_vrf_keys(ipv4mc_table_st *table) {
     const group change;
     if (table->vrf_name[0] != '\0') {
-        ipmc_table_rem_wavl(table, TABLE_THREAD_NAME);
+        ipmc_table_rem_wavl(table, IPV4MC_TABLE_THREAD_NAME);
         store(table->vrf_name[0], '\0');
     }
     if (table->vrf_id != 0) {
-        ipmc_table_rem_wavl(table, TABLE_THREAD_VRF_ID);
+        ipmc_table_rem_wavl(table, IPV4MC_TABLE_THREAD_VRF_ID);
         store(table->vrf_id, 0U);
     }
 }
 
 void ipmc_table_free_vrf(ipv4mc_table_st *vrf_table) {
-    if (vrf_table->svd_location == IPMC_SVD_PENDING_LOCAL) {
+    if (vrf_table->svd_location == IPV4MC_SVD_PENDING_LOCAL) {
         ipmc_svd_extract_plist(vrf_table);
     }
+    if (wavl_count(&vrf_table->idb_tree, IPV4MC_IDB_THREAD_VRF) != 0) {
+        ipmc_idb_link_vrf(vrf_table->vrf_id, vrf_table, 0);
+    }
     const group change;
+    if (vrf_table->tid_table != nullptr && vrf_table->tid_table->vtable == vrf_table) {
+        publish(vrf_table->tid_table->vtable, static_cast<ipv4mc_table_st *>(nullptr));
+    }
     ipmc_table_drop_vrf_keys(vrf_table);
     shm_wavl_finish(&ipmc_table_idb_fns, &vrf_table->idb_tree);
     ipmc_bvi_db_release(vrf_table);

@@ -79,7 +79,7 @@ void take_keys_from_table(table_request &request) {
     if (table == nullptr || !is_one_of(request.action, takes_keys_from_table)) {
         return;
     }
-    const bool is_tid = table->table_type != IPV4MC_TABLE_TYPE_VRF;
+    const bool is_tid = table->table_type != IPV4MC_TABLE_VRF;
     ipv4mc_table_st *tid_side = is_tid ? table : table->tid_table;
     ipv4mc_table_st *vrf_side = is_tid ? table->vtable : table;
     if (is_tid) {
@@ -160,11 +160,11 @@ cerrno switch_rate(const table_request &request) {
 ipv4mc_table_st *find_vrf_table(const table_request &request) {
     // A record's key fields and its head are all that the comparators look at.
     ipv4mc_table_st key{};
-    uint32_t thread = TABLE_THREAD_VRF_ID;
+    uint32_t thread = IPV4MC_TABLE_THREAD_VRF_ID;
     if (request.vrf_id != 0) {
         key.vrf_id = request.vrf_id;
     } else {
-        thread = TABLE_THREAD_NAME;
+        thread = IPV4MC_TABLE_THREAD_NAME;
         sstrncpy(key.vrf_name, request.vrf_name, name_size);
     }
     const mlib::tbl_read_lock guard(__LINE__);

@@ -4,9 +4,6 @@
 
 #include "ipv4/multicast/lib/ip6mc_table.h"
 
-// Threads of table_name_tree.
-enum : uint32_t { TABLE_THREAD_NAME = 0, TABLE_THREAD_VRF_ID = 1 };
-
 // The process's search key for tables by id.
 extern ipv4mc_table_st *table_search;
 
@@ -44,7 +41,10 @@ struct table_request {
 
 cerrno ipmc_table_deactivate(table_request &request);
 
-// Takes a VRF table out of its trees and gives it back. `action` names the caller in messages.
+// Takes the keys of a VRF table away, and with them its places in the trees.
+void ipmc_table_drop_vrf_keys(ipv4mc_table_st *table);
+
+// Takes a VRF table out of its trees, cuts what points at it, and gives it back.
 void ipmc_table_free_vrf(ipv4mc_table_st *vrf_table);
 
 void ipmc_table_memd_routes_clear(ipv4mc_table_st *table, uint32_t link_index);

@@ -73,20 +73,22 @@ ipv4mc_table_st *ip6mc_table_tid_get_first(void) { return search_by_tid(shm_avl_
 ipv4mc_table_st *ip6mc_table_tid_get_next(uint32_t tid) { return search_by_tid(shm_avl_next, tid); }
 ipv4mc_table_st *ip6mc_table_tid_get_next_eq(uint32_t tid) { return search_by_tid(shm_avl_next_or_equal, tid); }
 
-bool ip6mc_table_is_valid(const ipv4mc_table_st *table) {
-    if (table != nullptr && table->table_type != IPV4MC_TABLE_TYPE_TID) {
+int ip6mc_table_is_valid(const ipv4mc_table_st *table) {
+    if (table != nullptr && table->table_type != IPV4MC_TABLE_TID) {
         table = table->tid_table;
     }
-    return table != nullptr && table->signal_gtrie != nullptr && table->ingress_gtrie != nullptr;
+    return table != nullptr && table->signal_gtrie != nullptr && table->ingress_gtrie != nullptr ? 1 : 0;
 }
 
-bool ip6mc_table_is_local(uint32_t tid) {
+int ip6mc_table_is_local(uint32_t tid) {
     const ipv4mc_table_st *table = ip6mc_table_lookup_by_tbl_id(tid);
     if (table == nullptr) {
-        return false;
+        return 0;
     }
     return table->child_route_count != 0 || table->mdt_master_lc != 0 ||
-           (table->vtable != nullptr && table->vtable->svd_location == IPMC_SVD_LOCAL);
+           (table->vtable != nullptr && table->vtable->svd_location == IPV4MC_SVD_LOCAL)
+               ? 1
+               : 0;
 }
 
 cerrno ipmc_table_tid_prep_for_special_access(void) {

@@ -1,0 +1,44 @@
+// What a start of the library, and the table operation, call in the other rooms of the library.
+#ifndef IP6MC_SRC_SETUP_H
+#define IP6MC_SRC_SETUP_H
+
+#include "ipv4/multicast/lib/ip6mc_bvi.h"
+#include "ipv4/multicast/lib/ip6mc_idb.h"
+#include "ipv4/multicast/lib/ip6mc_route.h"
+#include "ipv4/multicast/lib/ip6mc_table.h"
+#include "ipv4/multicast/lib/ip6mc_types.h"
+
+// ip_mcast_idb_pppoe: the pending database of the process.
+void ipmc_idb_pppoe_parent_db_init(void);
+void ipmc_idb_pppoe_parent_db_terminate(void);
+
+// ipv4_mcast_encap: trie of encaps and tree of transports.
+cerrno ipmc_init_encap_regdb(void);
+
+// ipv4_mcast_bvi_table: gives back the root of a table's L2 states, which are gone by then.
+void ipmc_bvi_db_release(ipv4mc_table_st *table);
+
+// ip_mcast_svd
+void ipmc_svd_extract_plist(ipv4mc_table_st *table);
+
+// ipv4_mcast_idb
+typedef struct ipmc_idb_ifcount_walk_st {
+    uint32_t mdt_present;
+    uint32_t count;
+} ipmc_idb_ifcount_walk_st;
+int ipmc_idb_local_ifcount_walk_fn(void *node, void *context);
+void ipmc_idb_link_vrf(rsi_vrf_id_t vrf_id, ipv4mc_table_st *table, int link);
+void ipmc_idb_link_tbl(ipv4mc_idb_st **idb_p, rsi_vrf_id_t vrf_id, ipv4mc_table_st *table);
+
+namespace mlib {
+
+// Tells the client of the present state and the one before.
+void tell_client_of_state();
+
+// One number for the layout of all records in the window: processes whose numbers differ refuse each
+// other's window.
+uint64_t layout_fingerprint();
+
+}  // namespace mlib
+
+#endif
