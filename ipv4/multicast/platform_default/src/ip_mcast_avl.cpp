@@ -33,7 +33,8 @@ int ipmc_tbl_wavl_compare_vrf_name(const void *a, const void *b) {
     if (a == nullptr || b == nullptr) {
         return tree_equal;
     }
-    return order(strncmp(record_of<ipv4mc_table_st>(a, 0)->vrf_name, record_of<ipv4mc_table_st>(b, 0)->vrf_name, 32),
+    return order(strncmp(record_of<ipv4mc_table_st>(a, 0)->vrf_name,
+                         record_of<ipv4mc_table_st>(b, 0)->vrf_name, 32),
                  0);
 }
 
@@ -41,7 +42,8 @@ int ipmc_tbl_wavl_compare_vrf_id(const void *a, const void *b) {
     if (a == nullptr || b == nullptr) {
         return tree_equal;
     }
-    return order(record_of<ipv4mc_table_st>(a, 1)->vrf_id, record_of<ipv4mc_table_st>(b, 1)->vrf_id);
+    return order(record_of<ipv4mc_table_st>(a, 1)->vrf_id,
+                 record_of<ipv4mc_table_st>(b, 1)->vrf_id);
 }
 
 }  // extern "C"

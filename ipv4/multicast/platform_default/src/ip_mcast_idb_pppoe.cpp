@@ -1,4 +1,5 @@
-// PPPoE sessions that were announced before their parent: a database of the process, not of the window.
+// PPPoE sessions that were announced before their parent: a database of the process, not of the
+// window.
 #include <cstdlib>
 
 #include "ipv4/multicast/lib/ip6mc_types.h"
@@ -23,8 +24,10 @@ struct pppoe_parent {
 
 constexpr uint32_t key_offset = 32;
 constexpr uint32_t key_bits_offset = 36;
-static_assert(offsetof(pppoe_child, ifh) == key_offset && offsetof(pppoe_child, key_bits) == key_bits_offset);
-static_assert(offsetof(pppoe_parent, ifh) == key_offset && offsetof(pppoe_parent, key_bits) == key_bits_offset);
+static_assert(offsetof(pppoe_child, ifh) == key_offset &&
+              offsetof(pppoe_child, key_bits) == key_bits_offset);
+static_assert(offsetof(pppoe_parent, ifh) == key_offset &&
+              offsetof(pppoe_parent, key_bits) == key_bits_offset);
 
 rn_root_t *pppoe_parent_db = nullptr;
 

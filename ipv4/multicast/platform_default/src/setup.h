@@ -35,8 +35,8 @@ namespace mlib {
 // Tells the client of the present state and the one before.
 void tell_client_of_state();
 
-// One number for the layout of all records in the window: processes whose numbers differ refuse each
-// other's window.
+// One number for the layout of all records in the window: processes whose numbers differ refuse
+// each other's window.
 uint64_t layout_fingerprint();
 
 }  // namespace mlib

@@ -1,5 +1,5 @@
-// Printed addresses for messages and traces. Each file that includes this has a ring of its own, so that
-// one format may hold up to five; the sixth reuses the first. Valid for a message only.
+// Printed addresses for messages and traces. Each file that includes this has a ring of its own, so
+// that one format may hold up to five; the sixth reuses the first. Valid for a message only.
 #ifndef IP6MC_SRC_DIAGNOSTICS_ADDRESS_TEXT_H
 #define IP6MC_SRC_DIAGNOSTICS_ADDRESS_TEXT_H
 

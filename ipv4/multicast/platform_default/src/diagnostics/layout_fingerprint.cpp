@@ -1,5 +1,6 @@
-// A number that changes when the layout of any record in the window does. Sizes and the places of the
-// fields that follow padding or foreign types are mixed in; the order of fields is held by the headers.
+// A number that changes when the layout of any record in the window does. Sizes and the places of
+// the fields that follow padding or foreign types are mixed in; the order of fields is held by the
+// headers.
 #include <cstddef>
 
 #include "ipv4/multicast/lib/ip6mc_bvi.h"
@@ -32,16 +33,18 @@ constexpr uint64_t layout = fingerprint(
     offsetof(ipv4mc_shmwin_hdr_st, shmwin_lock_fn), offsetof(ipv4mc_shmwin_hdr_st, tbl_rw_lock),
     offsetof(ipv4mc_shmwin_hdr_st, alloc_count), offsetof(ipv4mc_shmwin_hdr_st, retry_queue),
     offsetof(ipv4mc_shmwin_hdr_st, changed_route_mutex), sizeof(ipmc_shmwin_guard_st),
-    sizeof(ipmc_shmwin_pool_bucket_st), sizeof(ipv4mc_table_st), offsetof(ipv4mc_table_st, mdt_handles),
-    offsetof(ipv4mc_table_st, ingress_gtrie), offsetof(ipv4mc_table_st, idb_tree),
-    offsetof(ipv4mc_table_st, intf_req_head), sizeof(ipv4mc_route_entry_st),
-    offsetof(ipv4mc_route_entry_st, table), offsetof(ipv4mc_route_entry_st, intf_list),
-    offsetof(ipv4mc_route_entry_st, attributes), offsetof(ipv4mc_route_entry_st, regdb_entry),
-    sizeof(ipv4mc_intf_entry_st), sizeof(ipv4mc_idb_st), offsetof(ipv4mc_idb_st, node),
-    offsetof(ipv4mc_idb_st, vtable), sizeof(ipv4mc_encap_entry_st), sizeof(ipv4mc_encap_leaf_st),
-    sizeof(ipv4mc_regdb_entry_st), sizeof(ipv4mc_bvi_entry_t), sizeof(ipv4mc_bvi_if_t),
-    sizeof(ipv4mc_bvi_intf_db_t));
+    sizeof(ipmc_shmwin_pool_bucket_st), sizeof(ipv4mc_table_st),
+    offsetof(ipv4mc_table_st, mdt_handles), offsetof(ipv4mc_table_st, ingress_gtrie),
+    offsetof(ipv4mc_table_st, idb_tree), offsetof(ipv4mc_table_st, intf_req_head),
+    sizeof(ipv4mc_route_entry_st), offsetof(ipv4mc_route_entry_st, table),
+    offsetof(ipv4mc_route_entry_st, intf_list), offsetof(ipv4mc_route_entry_st, attributes),
+    offsetof(ipv4mc_route_entry_st, regdb_entry), sizeof(ipv4mc_intf_entry_st),
+    sizeof(ipv4mc_idb_st), offsetof(ipv4mc_idb_st, node), offsetof(ipv4mc_idb_st, vtable),
+    sizeof(ipv4mc_encap_entry_st), sizeof(ipv4mc_encap_leaf_st), sizeof(ipv4mc_regdb_entry_st),
+    sizeof(ipv4mc_bvi_entry_t), sizeof(ipv4mc_bvi_if_t), sizeof(ipv4mc_bvi_intf_db_t));
 
 }  // namespace
 
-uint64_t mlib::layout_fingerprint() { return layout; }
+uint64_t mlib::layout_fingerprint() {
+    return layout;
+}

@@ -25,18 +25,21 @@ const char mlib_fault_points[MLIB_FAULT_POINTS][MLIB_FAULT_TEXT_SIZE] = {
 fim_handle mlib_fim_hdl = nullptr;
 
 void mlib_fim_init(void *context) {
-    const cerrno rc = fim_register("mlib6", mlib_fault_points, MLIB_FAULT_POINTS, 0, &mlib_fim_hdl, context);
+    const cerrno rc =
+        fim_register("mlib6", mlib_fault_points, MLIB_FAULT_POINTS, 0, &mlib_fim_hdl, context);
     MLIB_DEBUG(IPV4_DEBUG_EV, "MLIB FIM Init: %s", cerr_strerror(rc));
 }
 
 void ipmc_table_print(const ipv4mc_table_st *table) {
-    MLIB_DEBUG(IPV4_DEBUG_STATE, "table print: %s/0x%x active:0x%x", table->vrf_name, table->tid, table->active);
+    MLIB_DEBUG(IPV4_DEBUG_STATE, "table print: %s/0x%x active:0x%x", table->vrf_name, table->tid,
+               table->active);
 }
 
 void ipv4mc_route_print(const ipv4mc_route_entry_st *route) {
     MLIB_DEBUG(IPV4_DEBUG_STATE, "route print: 0x%x (%s,%s/%d)",
-               route->table != nullptr ? route->table->tid : 0xffffffffU, mlib::source_text(&route->source),
-               mlib::address_text(&route->group), static_cast<int>(route->pfx_len));
+               route->table != nullptr ? route->table->tid : 0xffffffffU,
+               mlib::source_text(&route->source), mlib::address_text(&route->group),
+               static_cast<int>(route->pfx_len));
 }
 
 }  // extern "C"

@@ -2,7 +2,10 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+
+#include "ipv4/multicast/platform_default/src/diagnostics/assertion.h"
 
 namespace mlib {
 namespace {
@@ -78,6 +81,12 @@ void debug_line(int debug_class, const char *function, int line, const char *for
     vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
     emit(debug_class, function, line, text);
+}
+
+void assertion_failed(const char *text, const char *file, int line, const char *function) {
+    report_error(function, line, "Assertion `%s' failed", text);
+    fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", file, line, function, text);
+    abort();
 }
 
 }  // namespace mlib

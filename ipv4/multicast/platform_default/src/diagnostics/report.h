@@ -5,19 +5,21 @@
 #include <errno.h>
 
 #include "ipv4/multicast/lib/ip6mc_diag.h"
+#include "ipv4/multicast/platform_default/src/diagnostics/trace_ids.h"
 #include "services/diag/debug.h"
 #include "services/diag/errors.h"
-#include "ipv4/multicast/platform_default/src/diagnostics/trace_ids.h"
 #include "services/diag/trace.h"
 
 namespace mlib {
 
-// A failure: a traceback and the text into the error trace, always; the debug line of class 0 when on.
-__attribute__((format(printf, 3, 4))) void report_error(const char *function, int line, const char *format, ...);
+// A failure: a traceback and the text into the error trace, always; the debug line of class 0 when
+// on.
+__attribute__((format(printf, 3, 4))) void report_error(const char *function, int line,
+                                                        const char *format, ...);
 
 // A line of `debug_class`, which the caller has found active.
-__attribute__((format(printf, 4, 5))) void debug_line(int debug_class, const char *function, int line,
-                                                      const char *format, ...);
+__attribute__((format(printf, 4, 5))) void debug_line(int debug_class, const char *function,
+                                                      int line, const char *format, ...);
 
 }  // namespace mlib
 
@@ -27,11 +29,11 @@ __attribute__((format(printf, 4, 5))) void debug_line(int debug_class, const cha
 #define MLIB_NOT_BUILT(name) (MLIB_ERR(name ": not built yet"), static_cast<cerrno>(ENOSYS))
 
 // Arguments are evaluated only when the class is on.
-#define MLIB_DEBUG(debug_class, ...)                                           \
-    do {                                                                       \
-        if (ipv4_debug_event_active_inline(debug_class)) {                     \
-            mlib::debug_line(debug_class, __func__, __LINE__, __VA_ARGS__);    \
-        }                                                                      \
+#define MLIB_DEBUG(debug_class, ...)                                        \
+    do {                                                                    \
+        if (ipv4_debug_event_active_inline(debug_class)) {                  \
+            mlib::debug_line(debug_class, __func__, __LINE__, __VA_ARGS__); \
+        }                                                                   \
     } while (false)
 
 #endif

@@ -1,13 +1,14 @@
-// Ids of the library's trace records without text: subsystem in the high half, event in the low half.
+// Ids of the library's trace records without text: subsystem in the high half, event in the low
+// half.
 #ifndef IP6MC_SRC_DIAGNOSTICS_TRACE_IDS_H
 #define IP6MC_SRC_DIAGNOSTICS_TRACE_IDS_H
 
 #include <stdint.h>
 
 enum mlib_trace_id : uint64_t {
-    MLIB_TRACE_LIB_STATE = 0x100000001,      // old state, new state
-    MLIB_TRACE_LIB_TERMINATE = 0x100000002,  // reason, state
-    MLIB_TRACE_LIB_LEAVE = 0x100000003,      // reason, attach_only
+    MLIB_TRACE_LIB_STATE = 0x100000001,       // old state, new state
+    MLIB_TRACE_LIB_TERMINATE = 0x100000002,   // reason, state
+    MLIB_TRACE_LIB_LEAVE = 0x100000003,       // reason, attach_only
     MLIB_TRACE_SHMWIN_MONITOR = 0x100010001,  // window id, event, argument
     MLIB_TRACE_PAK_LOCK_SLOW = 0x100020001,   // text
     MLIB_TRACE_SLOW_TABLE = 0x100030001,      // seconds, action, tid, vrf id, is_new
@@ -15,7 +16,7 @@ enum mlib_trace_id : uint64_t {
     MLIB_TRACE_SLOW_ROUTE_KEY = 0x100030003,  // text
     MLIB_TRACE_SLOW_INTF = 0x100030004,       // seconds, action, tid, vrf id
     MLIB_TRACE_SLOW_INTF_KEY = 0x100030005,   // handle, attributes, name handle
-    MLIB_TRACE_SLOW_IDB = 0x100030006,        // seconds, action, first words of both records, op_spec
+    MLIB_TRACE_SLOW_IDB = 0x100030006,  // seconds, action, first words of both records, op_spec
     MLIB_TRACE_SLOW_ROUTE_UPDATE = 0x100030007,  // seconds, update
     MLIB_TRACE_SLOW_ENCAP = 0x100030008,         // seconds, action
     MLIB_TRACE_SLOW_ENCAP_LEAF = 0x100030009,    // seconds, action

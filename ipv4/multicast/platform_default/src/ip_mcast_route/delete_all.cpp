@@ -26,24 +26,26 @@ void trace_start(const ipv4mc_table_st *table) {
 
 cerrno delete_route(ipv4mc_table_st *table, ipv4mc_route_entry_st *route) {
     int is_new = 0;
-    const cerrno rc =
-        ip6mc_route_operation(IPV4MC_ACTION_DELETE, table, &route->source, &route->group, route->pfx_len,
-                              &route->aux_addr, nullptr, route->attributes, route->mofrr_attrib, &is_new);
+    const cerrno rc = ip6mc_route_operation(
+        IPV4MC_ACTION_DELETE, table, &route->source, &route->group, route->pfx_len,
+        &route->aux_addr, nullptr, route->attributes, route->mofrr_attrib, &is_new);
     if (rc == 0 || rc == EEXIST) {
         return 0;
     }
     MLIB_ERR("Cannot delete (%s,%s/%d) from 0x%x(%s) : %s", mlib::source_text(&route->source),
-             mlib::address_text(&route->group), static_cast<int>(route->pfx_len), table->tid, table->vrf_name,
-             cerr_strerror(rc));
+             mlib::address_text(&route->group), static_cast<int>(route->pfx_len), table->tid,
+             table->vrf_name, cerr_strerror(rc));
     return rc;
 }
 
 // The last failure is the result; none stops the walk.
-cerrno delete_routes(ipv4mc_table_st *table, uint32_t yield_count, bool keep_srd, uint32_t *srd_count) {
+cerrno delete_routes(ipv4mc_table_st *table, uint32_t yield_count, bool keep_srd,
+                     uint32_t *srd_count) {
     cerrno result = 0;
     uint32_t deleted = 0;
     ipv4mc_route_entry_st *next = nullptr;
-    for (ipv4mc_route_entry_st *route = ip6mc_route_first_key(table, &mlib::any_address, &mlib::any_address, 0);
+    for (ipv4mc_route_entry_st *route =
+             ip6mc_route_first_key(table, &mlib::any_address, &mlib::any_address, 0);
          route != nullptr; route = next) {
         next = ip6mc_route_next(table, route);
         if (yield_count != 0 && deleted >= yield_count) {
@@ -65,8 +67,8 @@ cerrno delete_routes(ipv4mc_table_st *table, uint32_t yield_count, bool keep_srd
 
 }  // namespace
 
-extern "C" cerrno ip6mc_route_delete_all(ipv4mc_table_st *table, uint32_t yield_count, mfwd_cmd cmd, int keep_srd,
-                                         uint32_t *srd_count) {
+extern "C" cerrno ip6mc_route_delete_all(ipv4mc_table_st *table, uint32_t yield_count, mfwd_cmd cmd,
+                                         int keep_srd, uint32_t *srd_count) {
     if (table == nullptr) {
         MLIB_ERR("Null table");
         return EINVAL;
@@ -75,7 +77,8 @@ extern "C" cerrno ip6mc_route_delete_all(ipv4mc_table_st *table, uint32_t yield_
     *srd_count = 0;
     trace_start(table);
     ipv4mc_table_st *tid_table = table->table_type == IPV4MC_TABLE_TID ? table : table->tid_table;
-    if (tid_table == nullptr || tid_table->signal_gtrie == nullptr || tid_table->ingress_gtrie == nullptr) {
+    if (tid_table == nullptr || tid_table->signal_gtrie == nullptr ||
+        tid_table->ingress_gtrie == nullptr) {
         MLIB_DEBUG(IPV4_DEBUG_EV, "Postpone deletion of routes");
         return 0;
     }
@@ -83,13 +86,13 @@ extern "C" cerrno ip6mc_route_delete_all(ipv4mc_table_st *table, uint32_t yield_
     const uint32_t count = ipv6_mlib_pak_client_mutex_get_count();
     if (count != 0) {
         const ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
-        MLIB_ERR("[%d] Mult lock count %d (%s/%d)", __LINE__, static_cast<int>(count), hdr->pak_lock_fn,
-                 hdr->pak_lock_line);
+        MLIB_ERR("[%d] Mult lock count %d (%s/%d)", __LINE__, static_cast<int>(count),
+                 hdr->pak_lock_fn, hdr->pak_lock_line);
     }
     const cerrno rc = ip6mc_signal_remove_all_routes(tid_table, yield_count, cmd);
     if (rc != 0) {
-        MLIB_ERR("Cannot delete all signal routes from table 0x%x(%s) : %s", tid_table->tid, tid_table->vrf_name,
-                 cerr_strerror(rc));
+        MLIB_ERR("Cannot delete all signal routes from table 0x%x(%s) : %s", tid_table->tid,
+                 tid_table->vrf_name, cerr_strerror(rc));
         return rc;
     }
     return result;

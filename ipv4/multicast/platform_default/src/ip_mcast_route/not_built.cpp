@@ -4,8 +4,9 @@
 
 extern "C" {
 
-cerrno ip6mc_route_operation(ipv4mc_action_type, ipv4mc_table_st *, const ip_maddr_st *, const ip_maddr_st *,
-                             uint16_t, const ip_maddr_st *, ipv4mc_route_entry_st **, mrib_attrib_entry_type,
+cerrno ip6mc_route_operation(ipv4mc_action_type, ipv4mc_table_st *, const ip_maddr_st *,
+                             const ip_maddr_st *, uint16_t, const ip_maddr_st *,
+                             ipv4mc_route_entry_st **, mrib_attrib_entry_type,
                              mrib_attrib_ti_mofrr_type, int *) {
     return MLIB_NOT_BUILT("ip6mc_route_operation");
 }

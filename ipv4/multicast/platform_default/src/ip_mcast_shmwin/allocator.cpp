@@ -1,5 +1,5 @@
-// The typed allocator over the window: a guard in front of each block, counts by type, and a pool of
-// freed blocks by exact size.
+// The typed allocator over the window: a guard in front of each block, counts by type, and a pool
+// of freed blocks by exact size.
 #include <cerrno>
 #include <cstring>
 
@@ -23,8 +23,10 @@ ipmc_shmwin_guard_st *guard_of(void *pointer) {
 
 ipmc_shmwin_pool_bucket_st *bucket_for(size_t size) {
     ipmc_shmwin_pool_bucket_st *pool = ipv4mc_desc->shmwin_info->buffer_pool;
-    return pool != nullptr && size < IPMC_SHMWIN_POOL_BUCKETS && ipv4mc_desc->buffer_pool_enabled != 0 ? &pool[size]
-                                                                                                      : nullptr;
+    return pool != nullptr && size < IPMC_SHMWIN_POOL_BUCKETS &&
+                   ipv4mc_desc->buffer_pool_enabled != 0
+               ? &pool[size]
+               : nullptr;
 }
 
 ipmc_shmwin_guard_st *unlink_first(ipmc_shmwin_pool_bucket_st &bucket) {
@@ -121,7 +123,9 @@ void release_from_pool(ipmc_shmwin_guard_st *guard) {
     give_back(guard);
 }
 
-uint32_t most_to_keep(size_t size) { return size < 66 ? 8192 : size <= 256 ? 2048 : 1024; }
+uint32_t most_to_keep(size_t size) {
+    return size < 66 ? 8192 : size <= 256 ? 2048 : 1024;
+}
 
 }  // namespace
 
@@ -142,7 +146,9 @@ void ipmc_shmwin_init_buffer_pool(void) {
 
 extern "C" {
 
-void *ipv4mc_shmwin_malloc_inline(size_t size, ipmc_shmwin_alloc_type type) { return allocate(size, type, type); }
+void *ipv4mc_shmwin_malloc_inline(size_t size, ipmc_shmwin_alloc_type type) {
+    return allocate(size, type, type);
+}
 
 // The guard says 35 and slot 20 counts it: the two numbers differ on purpose.
 void *ip6mc_shmwin_malloc(size_t size) {
@@ -167,8 +173,8 @@ cerrno ipv4mc_shmwin_free_inline(void *pointer, ipmc_shmwin_alloc_type type) {
     return 0;
 }
 
-// Differs from the typed free on purpose: only a block already marked as freed is reported, the report
-// stops nothing, and the hook gets 0.
+// Differs from the typed free on purpose: only a block already marked as freed is reported, the
+// report stops nothing, and the hook gets 0.
 cerrno ip6mc_shmwin_free(void *pointer) {
     if (ipv4mc_desc->shmwin_init == 0) {
         MLIB_ERR("Shared Memory Window Not Initialized");
@@ -186,7 +192,8 @@ cerrno ip6mc_shmwin_free(void *pointer) {
 }
 
 void ip6mc_shmwin_memory_releaser(void) {
-    ipmc_shmwin_pool_bucket_st *pool = ipv4mc_desc->shmwin_init != 0 ? ipv4mc_desc->shmwin_info->buffer_pool : nullptr;
+    ipmc_shmwin_pool_bucket_st *pool =
+        ipv4mc_desc->shmwin_init != 0 ? ipv4mc_desc->shmwin_info->buffer_pool : nullptr;
     if (pool == nullptr) {
         return;
     }
@@ -207,7 +214,8 @@ cerrno ip6mc_shmwin_free_final(void *block) {
     }
     const cerrno rc = shmwin_free(block);
     if (rc != 0) {
-        MLIB_ERR("Cannot free pointer %p from shared memory %d: %s", block, static_cast<int>(rc), cerr_strerror(rc));
+        MLIB_ERR("Cannot free pointer %p from shared memory %d: %s", block, static_cast<int>(rc),
+                 cerr_strerror(rc));
     }
     return rc;
 }
@@ -219,8 +227,14 @@ void *ipmc_shmwin_avl_calloc(size_t count, size_t size) {
     }
     return ipv4mc_shmwin_malloc_inline(bytes, IPMC_SHMWIN_ALLOC_AVL);
 }
-cerrno ipmc_shmwin_avl_free(void *memory) { return ipv4mc_shmwin_free_inline(memory, IPMC_SHMWIN_ALLOC_AVL); }
-void *ipmc_shmwin_wavl_malloc(size_t size) { return ipv4mc_shmwin_malloc_inline(size, IPMC_SHMWIN_ALLOC_WAVL); }
-cerrno ipmc_shmwin_wavl_free(void *memory) { return ipv4mc_shmwin_free_inline(memory, IPMC_SHMWIN_ALLOC_WAVL); }
+cerrno ipmc_shmwin_avl_free(void *memory) {
+    return ipv4mc_shmwin_free_inline(memory, IPMC_SHMWIN_ALLOC_AVL);
+}
+void *ipmc_shmwin_wavl_malloc(size_t size) {
+    return ipv4mc_shmwin_malloc_inline(size, IPMC_SHMWIN_ALLOC_WAVL);
+}
+cerrno ipmc_shmwin_wavl_free(void *memory) {
+    return ipv4mc_shmwin_free_inline(memory, IPMC_SHMWIN_ALLOC_WAVL);
+}
 
 }  // extern "C"

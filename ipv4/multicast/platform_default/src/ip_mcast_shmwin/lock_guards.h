@@ -11,7 +11,9 @@ class tbl_read_lock {
     explicit tbl_read_lock(int line) : line_(line) {
         ipmc_shmwin_rrw_lock_get_rdlock(&ipv4mc_desc->shmwin_info->tbl_rw_lock, line_);
     }
-    ~tbl_read_lock() { ipmc_shmwin_rrw_lock_unlock(&ipv4mc_desc->shmwin_info->tbl_rw_lock, line_, 1); }
+    ~tbl_read_lock() {
+        ipmc_shmwin_rrw_lock_unlock(&ipv4mc_desc->shmwin_info->tbl_rw_lock, line_, 1);
+    }
     tbl_read_lock(const tbl_read_lock &) = delete;
     tbl_read_lock &operator=(const tbl_read_lock &) = delete;
 
@@ -24,7 +26,9 @@ class tbl_write_lock {
     explicit tbl_write_lock(int line) : line_(line) {
         ipmc_shmwin_rrw_lock_get_wrlock(&ipv4mc_desc->shmwin_info->tbl_rw_lock, line_);
     }
-    ~tbl_write_lock() { ipmc_shmwin_rrw_lock_unlock(&ipv4mc_desc->shmwin_info->tbl_rw_lock, line_, 0); }
+    ~tbl_write_lock() {
+        ipmc_shmwin_rrw_lock_unlock(&ipv4mc_desc->shmwin_info->tbl_rw_lock, line_, 0);
+    }
     tbl_write_lock(const tbl_write_lock &) = delete;
     tbl_write_lock &operator=(const tbl_write_lock &) = delete;
 

@@ -1,5 +1,5 @@
-// The three locks of the window with their book-keeping, so that after a hang the header shows who held
-// what. Order: packet client mutex, window mutex, tbl_rw_lock.
+// The three locks of the window with their book-keeping, so that after a hang the header shows who
+// held what. Order: packet client mutex, window mutex, tbl_rw_lock.
 #include <unistd.h>
 
 #include <atomic>
@@ -24,7 +24,9 @@ constexpr time_t slow_seconds = 3;
 std::atomic<int> rrw_writer{0};
 
 // A node of that role holds the same locks but leaves no trace of it and is not checked.
-bool keeps_books() { return ipv4mc_desc->node_role != IPMC_NODE_ROLE_NO_LOCK_TRACE; }
+bool keeps_books() {
+    return ipv4mc_desc->node_role != IPMC_NODE_ROLE_NO_LOCK_TRACE;
+}
 
 // Book-keeping is looked at by threads that do not hold the lock.
 template <class T>
@@ -44,9 +46,13 @@ void note_name(char (&field)[N], const char *name) {
     field[length] = '\0';
 }
 
-uint32_t this_thread() { return static_cast<uint32_t>(qv_gettid()); }
+uint32_t this_thread() {
+    return static_cast<uint32_t>(qv_gettid());
+}
 
-timespec one_second_from_now() { return {time(nullptr) + 1, 0}; }
+timespec one_second_from_now() {
+    return {time(nullptr) + 1, 0};
+}
 
 bool is_open() {
     if (ipv4mc_desc->shmwin_init != 0) {
@@ -66,9 +72,10 @@ cerrno ip6mc_shmwin_mutex_lock(const char *fn, int line) {
     }
     ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
     if (keeps_books() && peek(hdr->shmwin_lock_count) != 0) {
-        MLIB_ERR("Shmwin mtx dbl lock: prev (%s, %d, %d, 0x%x, %d) curr (%s, %d, 0x%x, %d)", hdr->shmwin_lock_fn,
-                 peek(hdr->shmwin_lock_line), peek(hdr->shmwin_lock_count), peek(hdr->shmwin_lock_pid),
-                 peek(hdr->shmwin_lock_tid), fn, line, static_cast<unsigned>(getpid()), this_thread());
+        MLIB_ERR("Shmwin mtx dbl lock: prev (%s, %d, %d, 0x%x, %d) curr (%s, %d, 0x%x, %d)",
+                 hdr->shmwin_lock_fn, peek(hdr->shmwin_lock_line), peek(hdr->shmwin_lock_count),
+                 peek(hdr->shmwin_lock_pid), peek(hdr->shmwin_lock_tid), fn, line,
+                 static_cast<unsigned>(getpid()), this_thread());
     }
     const cerrno rc = shmwin_lock(ipv4mc_desc->shmwin_id);
     if (rc != 0) {
@@ -94,8 +101,8 @@ cerrno ip6mc_shmwin_mutex_unlock(void) {
     if (keeps_books() && count == 0) {
         MLIB_ERR("UNLOCK: No prior shmwin lock");
     }
-    // Counted down while the mutex is still held, so that the next holder's count is not lost; a failed
-    // unlock takes it back.
+    // Counted down while the mutex is still held, so that the next holder's count is not lost; a
+    // failed unlock takes it back.
     const bool counts = keeps_books() && count != 0;
     if (counts) {
         set(hdr->shmwin_lock_count, count - 1);
@@ -114,9 +121,10 @@ cerrno ip6mc_shmwin_mutex_unlock(void) {
 void ipv6_mlib_pak_client_mutex_lock(const char *fname, int line) {
     ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
     if (peek(hdr->shmwin_lock_count) >= 1 && peek(hdr->shmwin_lock_tid) == this_thread()) {
-        MLIB_ERR("Pak mtx with shmwin : shmwin (%s, %d, %d, 0x%x, %d) pak (%s, %d, %d)", hdr->shmwin_lock_fn,
-                 peek(hdr->shmwin_lock_line), peek(hdr->shmwin_lock_count), peek(hdr->shmwin_lock_pid),
-                 peek(hdr->shmwin_lock_tid), fname, line, this_thread());
+        MLIB_ERR("Pak mtx with shmwin : shmwin (%s, %d, %d, 0x%x, %d) pak (%s, %d, %d)",
+                 hdr->shmwin_lock_fn, peek(hdr->shmwin_lock_line), peek(hdr->shmwin_lock_count),
+                 peek(hdr->shmwin_lock_pid), peek(hdr->shmwin_lock_tid), fname, line,
+                 this_thread());
     }
 
     timespec before{};
@@ -128,8 +136,8 @@ void ipv6_mlib_pak_client_mutex_lock(const char *fname, int line) {
     ptimer_diff_timespec(&after, &before, &waited);
     if (waited.tv_sec >= slow_seconds) {
         char text[256];
-        snprintf(text, sizeof(text), "pak client mutex: waited %ld s (%s, %d)", static_cast<long>(waited.tv_sec),
-                 fname, line);
+        snprintf(text, sizeof(text), "pak client mutex: waited %ld s (%s, %d)",
+                 static_cast<long>(waited.tv_sec), fname, line);
         traceback_record traceback{};
         traceback_v2(&traceback, 5);
         _lstrace(ip6mc_mlib_warn_ltrace(), MLIB_TRACE_PAK_LOCK_SLOW, &traceback, text);
@@ -163,7 +171,9 @@ void ipv6_mlib_pak_client_mutex_unlock(const char *fname, int line) {
     }
 }
 
-uint32_t ipv6_mlib_pak_client_mutex_get_count(void) { return peek(ipv4mc_desc->shmwin_info->pak_lock_count); }
+uint32_t ipv6_mlib_pak_client_mutex_get_count(void) {
+    return peek(ipv4mc_desc->shmwin_info->pak_lock_count);
+}
 
 void ipv6_mlib_pak_client_recursive_mutex_lock(int count, const char *fname, int line) {
     for (; count > 0; --count) {

@@ -1,9 +1,15 @@
-// The window of the library: open, where first start and restart part ways; reset; close; its monitor.
+// The window of the library: open, where first start and restart part ways; reset; close; its
+// monitor.
+#include "services/window/window.h"
+
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 
 #include "ipv4/multicast/lib/ip6mc_diag.h"
 #include "ipv4/multicast/lib/ip6mc_lib.h"
+#include "ipv4/multicast/lib/ip6mc_platform_err.h"
 #include "ipv4/multicast/lib/ip6mc_table.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
 #include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/shmwin.h"
@@ -16,7 +22,6 @@
 #include "services/trees/avl.h"
 #include "services/trees/wavl.h"
 #include "services/window/setup.h"
-#include "services/window/window.h"
 
 namespace {
 
@@ -27,7 +32,14 @@ using mfwd6::journal::store;
 constexpr int rrw_lock_mode = 2;
 constexpr int kill_signal = 9;
 
-void trace_rrw_lock(const char *text) { MLIB_DEBUG(IPV4_DEBUG_DEV, "%s", text); }
+__attribute__((format(printf, 1, 2))) void trace_rrw_lock(const char *format, ...) {
+    char text[256];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof(text), format, arguments);
+    va_end(arguments);
+    MLIB_DEBUG(IPV4_DEBUG_DEV, "%s", text);
+}
 
 shmwin_open_record service_record(int attach_only, void *base_addr, size_t max_table_size) {
     shmwin_open_record record{};
@@ -46,8 +58,10 @@ cerrno open_service_window(const shmwin_open_record &record) {
         ipv4mc_desc->shmwin_info = static_cast<ipv4mc_shmwin_hdr_st *>(header);
         return 0;
     }
-    MLIB_ERR("Cannot init shared mem window  %s base_addr=%p max_table_size=%zd hdr_size=%zd  %d: %s", record.name,
-             record.base_addr, record.max_table_size, record.hdr_size, static_cast<int>(rc), cerr_strerror(rc));
+    MLIB_ERR(
+        "Cannot init shared mem window  %s base_addr=%p max_table_size=%zd hdr_size=%zd  %d: %s",
+        record.name, record.base_addr, record.max_table_size, record.hdr_size, static_cast<int>(rc),
+        cerr_strerror(rc));
     return rc;
 }
 
@@ -68,7 +82,8 @@ cerrno map_window(int attach_only) {
     size_t max_table_size = 0;
     cerrno rc = shmwin_platform_info(IP6MC_SHMWIN_NAME, &base_addr, &max_table_size);
     if (rc != 0) {
-        MLIB_ERR("Cannot get shared mem window info %d: %s", static_cast<int>(rc), cerr_strerror(rc));
+        MLIB_ERR("Cannot get shared mem window info %d: %s", static_cast<int>(rc),
+                 cerr_strerror(rc));
         return rc;
     }
     shmwin_set_fingerprint(IP6MC_SHMWIN_NAME, mlib::layout_fingerprint());
@@ -89,8 +104,8 @@ cerrno prepare_pool() {
         void *pool = nullptr;
         const cerrno rc = shmwin_malloc(ipv4mc_desc->shmwin_id, size, &pool);
         if (rc != 0) {
-            MLIB_ERR("Cannot Allocate shmwin buffer pool from shared memory %d: %s", static_cast<int>(rc),
-                     cerr_strerror(rc));
+            MLIB_ERR("Cannot Allocate shmwin buffer pool from shared memory %d: %s",
+                     static_cast<int>(rc), cerr_strerror(rc));
             return rc;
         }
         std::memset(pool, 0, size);
@@ -105,7 +120,8 @@ void prepare_lock() {
     const int survives = hdr->table_tid_tree != nullptr ? 1 : 0;
     const cerrno rc = rrw_lock_init(&hdr->tbl_rw_lock, rrw_lock_mode, survives, trace_rrw_lock, 0);
     if (rc != 0 && rc != EBUSY) {
-        MLIB_ERR("[%d] Cannot init rwlock [%d] : %s", __LINE__, static_cast<int>(rc), cerr_strerror(rc));
+        MLIB_ERR("[%d] Cannot init rwlock [%d] : %s", __LINE__, static_cast<int>(rc),
+                 cerr_strerror(rc));
     }
 }
 
@@ -117,14 +133,16 @@ cerrno prepare_table_trees() {
         std::memset(&hdr->table_name_tree, 0, sizeof(hdr->table_name_tree));
         const cerrno rc = shm_wavl_init(&ipmc_db_table_fns, &hdr->table_name_tree, 2);
         if (rc != 0) {
-            MLIB_ERR("Cannot init wavl tree for tables %d: %s", static_cast<int>(rc), cerr_strerror(rc));
+            MLIB_ERR("Cannot init wavl tree for tables %d: %s", static_cast<int>(rc),
+                     cerr_strerror(rc));
             return rc;
         }
     }
     if (hdr->table_tid_tree == nullptr) {
         const cerrno rc = shm_avl_tree_init(&ipmc_db_tid_fns, &hdr->table_tid_tree, 1, 0);
         if (rc != 0) {
-            MLIB_ERR("Cannot init avl tree for table(tid based) %d: %s", static_cast<int>(rc), cerr_strerror(rc));
+            MLIB_ERR("Cannot init avl tree for table(tid based) %d: %s", static_cast<int>(rc),
+                     cerr_strerror(rc));
             return rc;
         }
     }
@@ -218,7 +236,8 @@ cerrno ip6mc_shmwin_reset(int notify) {
     ipv4mc_desc->lib_init = 0;
     ipv4mc_desc->idb_init = 0;
     ipv4mc_update_state(IPV4MC_LIB_STATE_DOWN);
-    MLIB_DEBUG(IPV4_DEBUG_STATE, "Lib state changed from %s to %s", ipv4_mlib_state_string(ipv4mc_desc->prev_state),
+    MLIB_DEBUG(IPV4_DEBUG_STATE, "Lib state changed from %s to %s",
+               ipv4_mlib_state_string(ipv4mc_desc->prev_state),
                ipv4_mlib_state_string(ipv4mc_desc->state));
     if (notify != 0) {
         mlib::tell_client_of_state();
@@ -259,7 +278,8 @@ int ip6mc_shmwin_buffer_status(int enable) {
 }
 
 cerrno ipv4mc_shmwin_callback_fn(uint32_t id, uint32_t event, void *argument) {
-    _ltrace_3(ip6mc_mlib_eve_ltrace(), MLIB_TRACE_SHMWIN_MONITOR, id, event, reinterpret_cast<uint64_t>(argument));
+    _ltrace_3(ip6mc_mlib_eve_ltrace(), MLIB_TRACE_SHMWIN_MONITOR, id, event,
+              reinterpret_cast<uint64_t>(argument));
     cerrno rc = 0;
     if (ipv4mc_desc->callback != nullptr) {
         ipv4mc_lib_callback_msg message{};

@@ -1,4 +1,6 @@
 // The stores of BVI states: built when a window or a table is new, reconnected after a restart.
+#include "ipv4/multicast/platform_default/src/setup.h"
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
@@ -7,7 +9,6 @@
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/lib/ip6mc_table.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
-#include "ipv4/multicast/platform_default/src/setup.h"
 #include "services/journal/journal.h"
 #include "services/radix/radix.h"
 
@@ -16,25 +17,35 @@ namespace {
 using mfwd6::journal::group;
 using mfwd6::journal::publish;
 
-constexpr int intf_db_mode = 1;   // one byte of key length
+constexpr int intf_db_mode = 1;  // one byte of key length
 constexpr int bvi_db_mode = 2;
 
-void *alloc_intf_db_root(size_t size) { return ipv4mc_shmwin_malloc_inline(size, IPMC_SHMWIN_ALLOC_BVI_INTF_DB); }
-void *alloc_bvi_db_root(size_t size) { return ipv4mc_shmwin_malloc_inline(size, IPMC_SHMWIN_ALLOC_BVI_ENTRY); }
+void *alloc_intf_db_root(size_t size) {
+    return ipv4mc_shmwin_malloc_inline(size, IPMC_SHMWIN_ALLOC_BVI_INTF_DB);
+}
+void *alloc_bvi_db_root(size_t size) {
+    return ipv4mc_shmwin_malloc_inline(size, IPMC_SHMWIN_ALLOC_BVI_ENTRY);
+}
 
-void free_intf_db_record(rn_node_t *record) { ipv4mc_shmwin_free_inline(record, IPMC_SHMWIN_ALLOC_BVI_INTF_DB); }
+void free_intf_db_record(rn_node_t *record) {
+    ipv4mc_shmwin_free_inline(record, IPMC_SHMWIN_ALLOC_BVI_INTF_DB);
+}
 
 // Taking an entry out of a table's tree and destroying it are two steps.
 void keep_record(rn_node_t *) {}
 
-void ipmc_bvi_if_destructor(rn_node_t *) { MLIB_NOT_BUILT("ipmc_bvi_if_destructor"); }
+void ipmc_bvi_if_destructor(rn_node_t *) {
+    MLIB_NOT_BUILT("ipmc_bvi_if_destructor");
+}
 
 int ipmc_bvi_if_set_destructor(rn_node_t *record, va_list) {
     const auto *entry = reinterpret_cast<const ipv4mc_bvi_entry_t *>(record);
     return rn_set_fns(entry->if_tree, ipmc_bvi_if_destructor, bvi_db_mode);
 }
 
-int ip6mc_bvi_update_table(rn_node_t *, va_list) { return static_cast<int>(MLIB_NOT_BUILT("ip6mc_bvi_update_table")); }
+int ip6mc_bvi_update_table(rn_node_t *, va_list) {
+    return static_cast<int>(MLIB_NOT_BUILT("ip6mc_bvi_update_table"));
+}
 
 }  // namespace
 
@@ -49,8 +60,9 @@ int ip6mc_bvi_intf_db_init(void) {
         return 1;
     }
     const group change;
-    rn_root_t *root = rn_tree_init_v2(offsetof(ipv4mc_bvi_intf_db_t, ifh), offsetof(ipv4mc_bvi_intf_db_t, key_bits),
-                                      free_intf_db_record, alloc_intf_db_root, intf_db_mode);
+    rn_root_t *root = rn_tree_init_v2(offsetof(ipv4mc_bvi_intf_db_t, ifh),
+                                      offsetof(ipv4mc_bvi_intf_db_t, key_bits), free_intf_db_record,
+                                      alloc_intf_db_root, intf_db_mode);
     if (root == nullptr) {
         MLIB_ERR("%s:initializaing the BVI Intf DB tree root", __func__);
         return 0;
@@ -64,14 +76,16 @@ int ip6mc_bvi_db_init(ipv4mc_table_st *table) {
     if (table->bvi_db_root != nullptr) {
         rn_set_fns(table->bvi_db_root, keep_record, bvi_db_mode);
         if (rn_walktree(table->bvi_db_root, ipmc_bvi_if_set_destructor) != 0) {
-            MLIB_ERR("ERR didn't walk all BVI entries in v:0x%x tree during BVI DB init", table->vrf_id);
+            MLIB_ERR("ERR didn't walk all BVI entries in v:0x%x tree during BVI DB init",
+                     table->vrf_id);
             return 0;
         }
         return 1;
     }
     const group change;
-    rn_root_t *root = rn_tree_init_v2(offsetof(ipv4mc_bvi_entry_t, key), offsetof(ipv4mc_bvi_entry_t, key_bits),
-                                      keep_record, alloc_bvi_db_root, bvi_db_mode);
+    rn_root_t *root =
+        rn_tree_init_v2(offsetof(ipv4mc_bvi_entry_t, key), offsetof(ipv4mc_bvi_entry_t, key_bits),
+                        keep_record, alloc_bvi_db_root, bvi_db_mode);
     if (root == nullptr) {
         return 0;
     }

@@ -1,11 +1,12 @@
 // The stores of encapsulation: built at the first start in a window, reconnected at each later one.
+#include "ipv4/multicast/platform_default/src/setup.h"
+
 #include <cerrno>
 #include <cstddef>
 
 #include "ipv4/multicast/lib/ip6mc_encap.h"
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
-#include "ipv4/multicast/platform_default/src/setup.h"
 #include "services/gtrie/gtrie.h"
 #include "services/journal/journal.h"
 #include "services/radix/radix.h"
@@ -17,9 +18,13 @@ using mfwd6::journal::publish;
 
 constexpr int regdb_tree_mode = 2;
 
-void *ipmc_regdb_head_alloc(size_t size) { return ipv4mc_shmwin_malloc_inline(size, IPMC_SHMWIN_ALLOC_REGDB); }
+void *ipmc_regdb_head_alloc(size_t size) {
+    return ipv4mc_shmwin_malloc_inline(size, IPMC_SHMWIN_ALLOC_REGDB);
+}
 
-void ip6mc_regdb_destructor(rn_node_t *entry) { ipv4mc_shmwin_free_inline(entry, IPMC_SHMWIN_ALLOC_REGDB); }
+void ip6mc_regdb_destructor(rn_node_t *entry) {
+    ipv4mc_shmwin_free_inline(entry, IPMC_SHMWIN_ALLOC_REGDB);
+}
 
 cerrno prepare_regdb_tree(ipv4mc_shmwin_hdr_st *hdr) {
     if (hdr->regdb_tree != nullptr) {
@@ -27,9 +32,9 @@ cerrno prepare_regdb_tree(ipv4mc_shmwin_hdr_st *hdr) {
         return 0;
     }
     const group change;
-    rn_root_t *tree =
-        rn_tree_init_v2(offsetof(ipv4mc_regdb_entry_st, key), offsetof(ipv4mc_regdb_entry_st, key_bits),
-                        ip6mc_regdb_destructor, ipmc_regdb_head_alloc, regdb_tree_mode);
+    rn_root_t *tree = rn_tree_init_v2(
+        offsetof(ipv4mc_regdb_entry_st, key), offsetof(ipv4mc_regdb_entry_st, key_bits),
+        ip6mc_regdb_destructor, ipmc_regdb_head_alloc, regdb_tree_mode);
     if (tree == nullptr) {
         MLIB_ERR("Error initializing regdb tree");
         return EINVAL;
@@ -58,7 +63,8 @@ cerrno prepare_encap_gtrie(ipv4mc_shmwin_hdr_st *hdr) {
     if (hdr->encap_gtrie != nullptr) {
         const cerrno rc = ip6mc_gtrie_platform_re_init(hdr->encap_gtrie, &params);
         if (rc != 0) {
-            MLIB_ERR("Cannot re-init encap Gtrie error %d %s", static_cast<int>(rc), cerr_strerror(rc));
+            MLIB_ERR("Cannot re-init encap Gtrie error %d %s", static_cast<int>(rc),
+                     cerr_strerror(rc));
         }
         return rc;
     }
@@ -66,7 +72,8 @@ cerrno prepare_encap_gtrie(ipv4mc_shmwin_hdr_st *hdr) {
     const group change;
     void *trie = ip6mc_gtrie_platform_init(&params, &rc);
     if (rc != 0) {
-        MLIB_ERR("Cannot init new encap Gtrie error %d %s", static_cast<int>(rc), cerr_strerror(rc));
+        MLIB_ERR("Cannot init new encap Gtrie error %d %s", static_cast<int>(rc),
+                 cerr_strerror(rc));
         trie = nullptr;
     }
     publish(hdr->encap_gtrie, trie);

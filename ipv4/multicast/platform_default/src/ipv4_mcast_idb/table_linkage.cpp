@@ -20,14 +20,16 @@ struct link_request {
 };
 
 ipv4mc_idb_st *idb_of(void *node) {
-    return reinterpret_cast<ipv4mc_idb_st *>(static_cast<char *>(node) - offsetof(ipv4mc_idb_st, node));
+    return reinterpret_cast<ipv4mc_idb_st *>(static_cast<char *>(node) -
+                                             offsetof(ipv4mc_idb_st, node));
 }
 
 int ipmc_idb_link_walk_fn(void *node, void *context) {
     const auto *request = static_cast<const link_request *>(context);
     ipv4mc_idb_st *idb = idb_of(node);
     if (idb->vrf_id == request->vrf_id) {
-        MLIB_DEBUG(IPV4_DEBUG_IDB, "Linking idb %s to vrf table type 0x%x vid 0x%x tid 0x%x name %s", idb->name,
+        MLIB_DEBUG(IPV4_DEBUG_IDB,
+                   "Linking idb %s to vrf table type 0x%x vid 0x%x tid 0x%x name %s", idb->name,
                    request->table->table_type, request->table->vrf_id, request->table->tid,
                    request->table->vrf_name);
         ipmc_idb_link_tbl(&idb, request->vrf_id, request->table);
@@ -35,7 +37,9 @@ int ipmc_idb_link_walk_fn(void *node, void *context) {
     return 1;
 }
 
-int compare_nothing(const void *, const void *) { return tree_equal; }
+int compare_nothing(const void *, const void *) {
+    return tree_equal;
+}
 
 int ipmc_idb_avl_compare_ifh_vrf(const void *a, const void *b) {
     if (a == nullptr || b == nullptr) {
@@ -52,9 +56,12 @@ int ipmc_idb_avl_compare_ifh_vrf(const void *a, const void *b) {
     return left < right ? tree_less : left == right ? tree_equal : tree_greater;
 }
 
-void *ipmc_idb_wavl2idb(void *node) { return node == nullptr ? nullptr : idb_of(node); }
+void *ipmc_idb_wavl2idb(void *node) {
+    return node == nullptr ? nullptr : idb_of(node);
+}
 
-const tree_compare_fn table_tree_compares[] = {compare_nothing, ipmc_idb_avl_compare_ifh_vrf, compare_nothing};
+const tree_compare_fn table_tree_compares[] = {compare_nothing, ipmc_idb_avl_compare_ifh_vrf,
+                                               compare_nothing};
 
 int sanity_walk_fn(void *, void *) {
     MLIB_NOT_BUILT("ip6mc_idb_refcount_sanity_fn");
@@ -65,27 +72,36 @@ int sanity_walk_fn(void *, void *) {
 
 extern "C" {
 
-const shm_wavl_fns ipmc_table_idb_fns = {ipmc_shmwin_wavl_malloc, ipmc_shmwin_wavl_free, ipmc_idb_wavl2idb,
-                                         table_tree_compares, nullptr};
+const shm_wavl_fns ipmc_table_idb_fns = {ipmc_shmwin_wavl_malloc, ipmc_shmwin_wavl_free,
+                                         ipmc_idb_wavl2idb, table_tree_compares, nullptr};
 
-cerrno ip6mc_idb_lookup(ifhtype, ipv4mc_idb_st **) { return MLIB_NOT_BUILT("ip6mc_idb_lookup"); }
+cerrno ip6mc_idb_lookup(ifhtype, ipv4mc_idb_st **) {
+    return MLIB_NOT_BUILT("ip6mc_idb_lookup");
+}
 
 int ip6mc_idb_refcount_sanity_walk(ipv4mc_table_st *table) {
     wavl_walk(&table->idb_tree, IPV4MC_IDB_THREAD_VRF, sanity_walk_fn, nullptr);
     return 1;
 }
 
-cerrno ip6mc_idb_mdt_unlock(ipv4mc_table_st *, ifhtype, uint32_t) { return MLIB_NOT_BUILT("ip6mc_idb_mdt_unlock"); }
+cerrno ip6mc_idb_mdt_unlock(ipv4mc_table_st *, ifhtype, uint32_t) {
+    return MLIB_NOT_BUILT("ip6mc_idb_mdt_unlock");
+}
 
-cerrno ip6mc_idb_mdt_mtu_set(ipv4mc_table_st *) { return MLIB_NOT_BUILT("ip6mc_idb_mdt_mtu_set"); }
+cerrno ip6mc_idb_mdt_mtu_set(ipv4mc_table_st *) {
+    return MLIB_NOT_BUILT("ip6mc_idb_mdt_mtu_set");
+}
 
 }  // extern "C"
 
-void ipmc_idb_link_tbl(ipv4mc_idb_st **, rsi_vrf_id_t, ipv4mc_table_st *) { MLIB_NOT_BUILT("ipmc_idb_link_tbl"); }
+void ipmc_idb_link_tbl(ipv4mc_idb_st **, rsi_vrf_id_t, ipv4mc_table_st *) {
+    MLIB_NOT_BUILT("ipmc_idb_link_tbl");
+}
 
 void ipmc_idb_link_vrf(rsi_vrf_id_t vrf_id, ipv4mc_table_st *table, int link) {
-    MLIB_DEBUG(IPV4_DEBUG_IDB, "%sLinking idbs %s tablle type 0x%x vid 0x%x tid 0x%x name %s", link != 0 ? "" : "UN",
-               link != 0 ? "to" : "from", table->table_type, table->vrf_id, table->tid, table->vrf_name);
+    MLIB_DEBUG(IPV4_DEBUG_IDB, "%sLinking idbs %s tablle type 0x%x vid 0x%x tid 0x%x name %s",
+               link != 0 ? "" : "UN", link != 0 ? "to" : "from", table->table_type, table->vrf_id,
+               table->tid, table->vrf_name);
     if (link != 0) {
         wavl_tree copy = ipv4mc_desc->shmwin_info->idb_tree;
         link_request request{vrf_id, table};
@@ -104,7 +120,8 @@ int ipmc_idb_local_ifcount_walk_fn(void *node, void *context) {
     return 1;
 }
 
-cerrno ipmc_idb_link_mdt_idb_to_vrf(ipv4mc_table_st *table, ifhtype handle, uint32_t vrf_id, int with_mtu) {
+cerrno ipmc_idb_link_mdt_idb_to_vrf(ipv4mc_table_st *table, ifhtype handle, uint32_t vrf_id,
+                                    int with_mtu) {
     if (handle == 0) {
         return 0;
     }
@@ -115,7 +132,8 @@ cerrno ipmc_idb_link_mdt_idb_to_vrf(ipv4mc_table_st *table, ifhtype handle, uint
         return rc;
     }
     if (idb->vrf_id != vrf_id) {
-        MLIB_DEBUG(IPV4_DEBUG_EV, "Updating vrf id on MDT intf 0x%x  old 0x%x new 0x%x", handle, idb->vrf_id, vrf_id);
+        MLIB_DEBUG(IPV4_DEBUG_EV, "Updating vrf id on MDT intf 0x%x  old 0x%x new 0x%x", handle,
+                   idb->vrf_id, vrf_id);
         mfwd6::journal::store(idb->vrf_id, vrf_id);
         ipmc_idb_link_tbl(&idb, vrf_id, table);
         if (with_mtu != 0 && idb != nullptr && idb->vtable != nullptr) {

@@ -6,7 +6,6 @@
 #include "ipv4/multicast/lib/ip6mc_platform.h"
 #include "ipv4/multicast/lib/ip6mc_table.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
-#include "ipv4/multicast/platform_default/src/ip_mcast_idb_pppoe.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/tables.h"
 #include "ipv4/multicast/platform_default/src/setup.h"
 #include "services/diag/text.h"
@@ -37,11 +36,13 @@ struct start_request {
 };
 
 void trace_state() {
-    _ltrace_2(ip6mc_mlib_eve_ltrace(), MLIB_TRACE_LIB_STATE, descriptor.prev_state, descriptor.state);
+    _ltrace_2(ip6mc_mlib_eve_ltrace(), MLIB_TRACE_LIB_STATE, descriptor.prev_state,
+              descriptor.state);
 }
 
 void report_state_change() {
-    MLIB_DEBUG(IPV4_DEBUG_STATE, "Lib state changed from %s to %s", ipv4_mlib_state_string(descriptor.prev_state),
+    MLIB_DEBUG(IPV4_DEBUG_STATE, "Lib state changed from %s to %s",
+               ipv4_mlib_state_string(descriptor.prev_state),
                ipv4_mlib_state_string(descriptor.state));
 }
 
@@ -50,7 +51,6 @@ void tell_client(const ipv4mc_lib_callback_msg &message) {
         descriptor.callback(&descriptor, &message, descriptor.callback_context);
     }
 }
-
 
 // A key for the searches of tables by id: of the process, made anew at every start.
 cerrno renew_table_search() {
@@ -63,7 +63,8 @@ cerrno renew_table_search() {
     void *object = nullptr;
     const cerrno rc = shm_avl_tree_allocate_object(&ipmc_db_tid_fns, tree, size, &object);
     if (rc != 0) {
-        MLIB_ERR("Cannot allocate %d bytes for table search : %s", static_cast<int>(size), cerr_strerror(rc));
+        MLIB_ERR("Cannot allocate %d bytes for table search : %s", static_cast<int>(size),
+                 cerr_strerror(rc));
         return rc;
     }
     if (object == nullptr) {
@@ -94,7 +95,8 @@ void fill_descriptor(const start_request &request) {
 cerrno open_window(const start_request &request, int keep_buffer_pool) {
     cerrno rc = platform_get_mcast_params(&plat_params);
     if (rc != 0) {
-        MLIB_ERR("Cannot get platform specific info for shared mem %d: %s", static_cast<int>(rc), cerr_strerror(rc));
+        MLIB_ERR("Cannot get platform specific info for shared mem %d: %s", static_cast<int>(rc),
+                 cerr_strerror(rc));
         return rc;
     }
     rc = ip6mc_shmwin_open(request.attach_only, keep_buffer_pool);
@@ -163,7 +165,7 @@ cerrno start_owner() {
         return rc;
     }
     if (descriptor.evm != nullptr) {
-        rc = retry_init(descriptor.evm, 1, 0, 1, 0, 0);
+        rc = retry_init(static_cast<event_manager_t *>(descriptor.evm), 1, 0, 1, 0, 0);
         if (rc != 0) {
             MLIB_ERR("Cannot initialize retry library: %s", cerr_strerror(rc));
         }
@@ -209,7 +211,8 @@ cerrno stop_platform(int attach_only, uint32_t reason) {
 
 void drop_table_search() {
     if (table_search != nullptr) {
-        shm_avl_tree_free_object(&ipmc_db_tid_fns, descriptor.shmwin_info->table_tid_tree, table_search);
+        shm_avl_tree_free_object(&ipmc_db_tid_fns, descriptor.shmwin_info->table_tid_tree,
+                                 table_search);
         table_search = nullptr;
     }
 }
@@ -234,7 +237,8 @@ void leave_window(int attach_only, uint32_t reason, cerrno *result) {
     if (reason > IPV4MC_TERMINATE_UPDATE) {
         return;
     }
-    _ltrace_2(ip6mc_mlib_eve_ltrace(), MLIB_TRACE_LIB_LEAVE, reason, static_cast<uint64_t>(attach_only));
+    _ltrace_2(ip6mc_mlib_eve_ltrace(), MLIB_TRACE_LIB_LEAVE, reason,
+              static_cast<uint64_t>(attach_only));
     if (attach_only == 0) {
         const cerrno rc = ip6mc_shmwin_reset(0);
         if (rc != 0) {
@@ -272,10 +276,11 @@ void ipv4mc_update_state(uint32_t state) {
     trace_state();
 }
 
-cerrno ip6mc_lib_init(void *evm, void *im_context, int attach_only, uint16_t protocol, uint16_t caps,
-                      uint32_t default_tid, uint32_t default_vrf_id, uint32_t node_role,
-                      ipv4mc_lib_callback_ft callback, ipmc_free_hook_ft free_hook, void *callback_context,
-                      void *idb_param, int keep_buffer_pool) {
+cerrno ip6mc_lib_init(void *evm, void *im_context, int attach_only, uint16_t protocol,
+                      uint16_t caps, uint32_t default_tid, uint32_t default_vrf_id,
+                      uint32_t node_role, ipv4mc_lib_callback_ft callback,
+                      ipmc_free_hook_ft free_hook, void *callback_context, void *idb_param,
+                      int keep_buffer_pool) {
     if (descriptor.lib_init != 0) {
         MLIB_DEBUG(IPV4_DEBUG_EV, "Multicast Library already initialized");
         MLIB_DEBUG(IPV4_DEBUG_EV, "HOW??????");
@@ -284,9 +289,9 @@ cerrno ip6mc_lib_init(void *evm, void *im_context, int attach_only, uint16_t pro
     MLIB_DEBUG(IPV4_DEBUG_EV, "%s:Multicast Library Init", __func__);
     ipmc_idb_pppoe_parent_db_init();
 
-    const start_request request{evm,       im_context, attach_only, protocol,  caps,
-                                default_tid, default_vrf_id, node_role, callback, free_hook,
-                                callback_context, idb_param};
+    const start_request request{evm,      im_context,  attach_only,      protocol,
+                                caps,     default_tid, default_vrf_id,   node_role,
+                                callback, free_hook,   callback_context, idb_param};
     cerrno rc = open_window(request, keep_buffer_pool);
     if (rc != 0) {
         return rc;
@@ -324,8 +329,8 @@ cerrno ip6mc_lib_terminate(int attach_only, uint32_t reason) {
     }
     leave_window(attach_only, reason, &result);
 
-    // For reason 2 and above the window stays mapped although the descriptor says that it is closed: the
-    // process is expected to exit.
+    // For reason 2 and above the window stays mapped although the descriptor says that it is
+    // closed: the process is expected to exit.
     descriptor.shmwin_init = 0;
     descriptor.lib_init = 0;
     descriptor.idb_init = 0;
@@ -337,7 +342,8 @@ cerrno ip6mc_lib_terminate(int attach_only, uint32_t reason) {
 }
 
 // Called by the platform half, perhaps on a thread of its own.
-void ipv4mc_local_platform_callback_func(ipv4mc_descriptor_struct *, const ipv4mc_platform_msg_st *message) {
+void ipv4mc_local_platform_callback_func(ipv4mc_descriptor_struct *,
+                                         const ipv4mc_platform_msg_st *message) {
     if (message->type == IPV4MC_PLATFORM_MSG_NOTIFY) {
         ipv4mc_lib_callback_msg pass_on{};
         pass_on.type = IPV4MC_LIB_MSG_NOTIFY;
@@ -398,16 +404,22 @@ cerrno ip6mc_clear_hw_resources(uint32_t arg) {
     return 0;
 }
 
-void ipmc_platform_async_err_set_cb(ipmc_platform_async_err_ft cb) { async_err_cb = cb; }
+void ipmc_platform_async_err_set_cb(ipmc_platform_async_err_ft cb) {
+    async_err_cb = cb;
+}
 
 // Not tested for NULL: a platform that reports errors has been given its handler first.
-cerrno ipmc_platform_async_err_handler(uint64_t obj_id, uint32_t oor_error, cerrno code, uint32_t object_type,
-                                       uint32_t unit, void *context) {
+cerrno ipmc_platform_async_err_handler(uint64_t obj_id, uint32_t oor_error, cerrno code,
+                                       uint32_t object_type, uint32_t unit, void *context) {
     return async_err_cb(obj_id, oor_error, code, object_type, unit, context);
 }
 
-void ipmc_set_download_complete_rcvd(int flag) { download_complete_rcvd = flag; }
+void ipmc_set_download_complete_rcvd(int flag) {
+    download_complete_rcvd = flag;
+}
 
-int ipmc_get_download_complete_rcvd(void) { return download_complete_rcvd; }
+int ipmc_get_download_complete_rcvd(void) {
+    return download_complete_rcvd;
+}
 
 }  // extern "C"

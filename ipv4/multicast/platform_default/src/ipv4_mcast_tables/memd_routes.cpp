@@ -29,7 +29,8 @@ void ipmc_table_memd_routes_clear(ipv4mc_table_st *table, uint32_t link_index) {
     ipv4mc_route_entry_st *next = nullptr;
     for (ipv4mc_route_entry_st *route = table->memd_route_list; route != nullptr; route = next) {
         next = route->memd_next[link_index];
-        MLIB_DEBUG(IPV4_DEBUG_DEV, "MEMD Clear: VRF table 0x%x Core route %s,%s/%d attr 0x%lx  mdt handle 0x%x",
+        MLIB_DEBUG(IPV4_DEBUG_DEV,
+                   "MEMD Clear: VRF table 0x%x Core route %s,%s/%d attr 0x%lx  mdt handle 0x%x",
                    table->tid, mlib::source_text(&route->source), mlib::address_text(&route->group),
                    static_cast<int>(route->pfx_len), route->attributes, route->mdt_ifh);
         const group change;

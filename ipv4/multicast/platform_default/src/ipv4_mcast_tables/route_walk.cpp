@@ -1,5 +1,5 @@
-// Ordered walks over the routes of a table. The trie may hold leaves of other tables: each step looks at
-// the table of the leaf.
+// Ordered walks over the routes of a table. The trie may hold leaves of other tables: each step
+// looks at the table of the leaf.
 #include <sched.h>
 
 #include <cerrno>
@@ -13,7 +13,8 @@
 
 namespace {
 
-// An (S,G) key is whole; a group has the caller's length; nothing at all means the start of the table.
+// An (S,G) key is whole; a group has the caller's length; nothing at all means the start of the
+// table.
 uint32_t key_length(const ip_maddr_st *source, const ip_maddr_st *group, uint32_t length) {
     if (!mlib::is_any(source)) {
         return GTRIE_KEY_BITS;
@@ -25,8 +26,8 @@ void yield_to_others() {
     const uint32_t count = ipv6_mlib_pak_client_mutex_get_count();
     if (count != 0) {
         const ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
-        MLIB_ERR("[%d] Mult lock count %d (%s/%d)", __LINE__, static_cast<int>(count), hdr->pak_lock_fn,
-                 hdr->pak_lock_line);
+        MLIB_ERR("[%d] Mult lock count %d (%s/%d)", __LINE__, static_cast<int>(count),
+                 hdr->pak_lock_fn, hdr->pak_lock_line);
     }
     sched_yield();
 }
@@ -53,9 +54,9 @@ ipv4mc_route_entry_st *ip6mc_route_first_key(ipv4mc_table_st *table, const ip_ma
     auto *route = static_cast<ipv4mc_route_entry_st *>(
         ip6mc_gtrie_platform_first_leaf(table->ingress_gtrie, prefix, bits, &error));
     if (error != 0) {
-        MLIB_ERR("0x%x(%s): Cannot find the first leaf for (%s,%s/%d): %s", table->tid, table->vrf_name,
-                 mlib::source_text(source), mlib::address_text(group), static_cast<int>(length),
-                 cerr_strerror(error));
+        MLIB_ERR("0x%x(%s): Cannot find the first leaf for (%s,%s/%d): %s", table->tid,
+                 table->vrf_name, mlib::source_text(source), mlib::address_text(group),
+                 static_cast<int>(length), cerr_strerror(error));
         return nullptr;
     }
     // A leaf of another table ends the search here, other than in ip6mc_route_next.
@@ -82,8 +83,9 @@ ipv4mc_route_entry_st *ip6mc_route_next(ipv4mc_table_st *table, ipv4mc_route_ent
         next = static_cast<ipv4mc_route_entry_st *>(
             ip6mc_gtrie_platform_next_leaf(table->ingress_gtrie, next, &error));
         if (error != 0) {
-            MLIB_ERR("Error getting successor of (%s,%s/%d) table 0x%x(%s): %s", mlib::source_text(&from->source),
-                     mlib::address_text(&from->group), static_cast<int>(from->pfx_len), table->tid, table->vrf_name,
+            MLIB_ERR("Error getting successor of (%s,%s/%d) table 0x%x(%s): %s",
+                     mlib::source_text(&from->source), mlib::address_text(&from->group),
+                     static_cast<int>(from->pfx_len), table->tid, table->vrf_name,
                      cerr_strerror(error));
             return nullptr;
         }
@@ -107,9 +109,11 @@ cerrno ip6mc_route_walk(ipv4mc_table_st *table, uint32_t yield_count, ipv4mc_rou
     }
     uint32_t done = 0;
     ipv4mc_route_entry_st *next = nullptr;
-    for (ipv4mc_route_entry_st *route = ip6mc_route_first_key(table, &mlib::any_address, &mlib::any_address, 0);
+    for (ipv4mc_route_entry_st *route =
+             ip6mc_route_first_key(table, &mlib::any_address, &mlib::any_address, 0);
          route != nullptr; route = next) {
-        next = ip6mc_route_next(table, route);  // before the function, which may delete the route at hand
+        next = ip6mc_route_next(table,
+                                route);  // before the function, which may delete the route at hand
         if (yield_count != 0 && done == yield_count) {
             yield_to_others();
             done = 0;

@@ -3,9 +3,9 @@
 #include "ipv4/multicast/lib/ip6mc_idb.h"
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/lib/ip6mc_platform.h"
+#include "ipv4/multicast/lib/ip6mc_platform_wrappers.h"
 #include "ipv4/multicast/lib/multicast_alloc.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
-#include "ipv4/multicast/lib/ip6mc_platform_wrappers.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/tables.h"
 #include "ipv4/multicast/platform_default/src/setup.h"
 #include "services/diag/text.h"
@@ -24,9 +24,11 @@ constexpr uint32_t default_table_limit_step = 1000;
 
 ipv4mc_table_st *allocate_vrf_table(const char *vrf_name, uint32_t tid, uint32_t vrf_id) {
     const size_t size = sizeof(ipv4mc_table_st);
-    auto *table = static_cast<ipv4mc_table_st *>(ipv4mc_shmwin_malloc_inline(size, IPMC_SHMWIN_ALLOC_TABLE));
+    auto *table =
+        static_cast<ipv4mc_table_st *>(ipv4mc_shmwin_malloc_inline(size, IPMC_SHMWIN_ALLOC_TABLE));
     if (table == nullptr) {
-        MLIB_ERR("Cannot allocate %zd bytes for new table 0x%x/0x%x/%s", size, tid, vrf_id, vrf_name);
+        MLIB_ERR("Cannot allocate %zd bytes for new table 0x%x/0x%x/%s", size, tid, vrf_id,
+                 vrf_name);
         return nullptr;
     }
     table->svd_location = IPV4MC_SVD_REMOTE;
@@ -66,7 +68,8 @@ void undo_new_vrf_table(ipv4mc_table_st **vrf_table, bool with_trees) {
     *vrf_table = nullptr;
 }
 
-bool complete_new_vrf_table(ipv4mc_table_st **vrf_table, uint32_t tid, uint32_t vrf_id, const char *vrf_name) {
+bool complete_new_vrf_table(ipv4mc_table_st **vrf_table, uint32_t tid, uint32_t vrf_id,
+                            const char *vrf_name) {
     ipv4mc_table_st *table = *vrf_table;
     if (shm_wavl_init(&ipmc_table_idb_fns, &table->idb_tree, 3) != 0) {
         undo_new_vrf_table(vrf_table, false);
@@ -76,20 +79,20 @@ bool complete_new_vrf_table(ipv4mc_table_st **vrf_table, uint32_t tid, uint32_t 
         undo_new_vrf_table(vrf_table, true);
         return false;
     }
-    const cerrno rc =
-        ip6mc_platform_table_operation_wrapper(IPV4MC_ACTION_CREATE, tid, vrf_id, vrf_name, &table, 1);
+    const cerrno rc = ip6mc_platform_table_operation_wrapper(IPV4MC_ACTION_CREATE, tid, vrf_id,
+                                                             vrf_name, &table, 1);
     if (rc != 0) {
         MLIB_ERR("Error in platform dependant call action 0x%x %s %s VRF table %s/0x%x : %d %s",
-                 IPV4MC_ACTION_CREATE, ipv4_mlib_action_string(IPV4MC_ACTION_CREATE, nullptr), "new", vrf_name,
-                 vrf_id, static_cast<int>(rc), cerr_strerror(rc));
+                 IPV4MC_ACTION_CREATE, ipv4_mlib_action_string(IPV4MC_ACTION_CREATE, nullptr),
+                 "new", vrf_name, vrf_id, static_cast<int>(rc), cerr_strerror(rc));
         undo_new_vrf_table(vrf_table, true);
         return false;
     }
     return true;
 }
 
-bool create_or_update_vrf(const char *vrf_name, uint32_t tid, uint32_t vrf_id, ipv4mc_table_st **vrf_table,
-                          int *vrf_is_new) {
+bool create_or_update_vrf(const char *vrf_name, uint32_t tid, uint32_t vrf_id,
+                          ipv4mc_table_st **vrf_table, int *vrf_is_new) {
     ipv4mc_table_st *table = *vrf_table;
     {
         const group change;
@@ -108,23 +111,25 @@ bool create_or_update_vrf(const char *vrf_name, uint32_t tid, uint32_t vrf_id, i
             return false;
         }
     } else if (ip6mc_bvi_db_init(table) == 0) {
-        MLIB_ERR("Error in bvi_db_init (recovery) action 0x%x %s existing VRF table %s/0x%x", IPV4MC_ACTION_CREATE,
-                 ipv4_mlib_action_string(IPV4MC_ACTION_CREATE, nullptr), vrf_name, vrf_id);
+        MLIB_ERR("Error in bvi_db_init (recovery) action 0x%x %s existing VRF table %s/0x%x",
+                 IPV4MC_ACTION_CREATE, ipv4_mlib_action_string(IPV4MC_ACTION_CREATE, nullptr),
+                 vrf_name, vrf_id);
         return false;
     }
     *vrf_table = table;
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Table %s/v:0x%x %s !!", table_name_text(table->vrf_name), table->vrf_id,
-               *vrf_is_new != 0 ? "created" : "updated");
+    MLIB_DEBUG(IPV4_DEBUG_EV, "Table %s/v:0x%x %s !!", table_name_text(table->vrf_name),
+               table->vrf_id, *vrf_is_new != 0 ? "created" : "updated");
     return true;
 }
 
 ipv4mc_table_st *make_tid_record(uint32_t tid) {
     void *object = nullptr;
-    const cerrno rc = shm_avl_tree_allocate_object(&ipmc_db_tid_fns, ipv4mc_desc->shmwin_info->table_tid_tree,
-                                                   sizeof(ipv4mc_table_st), &object);
+    const cerrno rc =
+        shm_avl_tree_allocate_object(&ipmc_db_tid_fns, ipv4mc_desc->shmwin_info->table_tid_tree,
+                                     sizeof(ipv4mc_table_st), &object);
     if (rc != 0 || object == nullptr) {
-        MLIB_ERR("Cannot allocate %zd bytes for table <tid> 0x%x : %s", sizeof(ipv4mc_table_st), tid,
-                 cerr_strerror(rc));
+        MLIB_ERR("Cannot allocate %zd bytes for table <tid> 0x%x : %s", sizeof(ipv4mc_table_st),
+                 tid, cerr_strerror(rc));
         return nullptr;
     }
     auto *table = static_cast<ipv4mc_table_st *>(object);
@@ -134,7 +139,8 @@ ipv4mc_table_st *make_tid_record(uint32_t tid) {
     return table;
 }
 
-bool create_tid(uint32_t tid, uint32_t vrf_id, const char *vrf_name, ipv4mc_table_st **tid_table, int *tid_is_new) {
+bool create_tid(uint32_t tid, uint32_t vrf_id, const char *vrf_name, ipv4mc_table_st **tid_table,
+                int *tid_is_new) {
     ipv4mc_table_st *table = nullptr;
     {
         const group change;
@@ -146,16 +152,16 @@ bool create_tid(uint32_t tid, uint32_t vrf_id, const char *vrf_name, ipv4mc_tabl
         ipmc_table_add_avl(table);
     }
     ipmc_table_zero_route_counters(table);
-    const cerrno rc =
-        ip6mc_platform_table_operation_wrapper(IPV4MC_ACTION_CREATE, tid, vrf_id, vrf_name, &table, *tid_is_new);
+    const cerrno rc = ip6mc_platform_table_operation_wrapper(IPV4MC_ACTION_CREATE, tid, vrf_id,
+                                                             vrf_name, &table, *tid_is_new);
     if (rc == 0) {
         *tid_table = table;
         MLIB_DEBUG(IPV4_DEBUG_EV, "Table tid 0x%x created !!", tid);
         return true;
     }
-    MLIB_ERR("Error in platform dependant call action 0x%x %s %s TID table 0x%x : %d %s", IPV4MC_ACTION_CREATE,
-             ipv4_mlib_action_string(IPV4MC_ACTION_CREATE, nullptr), "new", tid, static_cast<int>(rc),
-             cerr_strerror(rc));
+    MLIB_ERR("Error in platform dependant call action 0x%x %s %s TID table 0x%x : %d %s",
+             IPV4MC_ACTION_CREATE, ipv4_mlib_action_string(IPV4MC_ACTION_CREATE, nullptr), "new",
+             tid, static_cast<int>(rc), cerr_strerror(rc));
     const group change;
     ipmc_table_rem_avl(table);
     shm_avl_tree_free_object(&ipmc_db_tid_fns, ipv4mc_desc->shmwin_info->table_tid_tree, table);
@@ -172,7 +178,8 @@ void ipmc_table_zero_route_counters(ipv4mc_table_st *table) {
     }
 }
 
-// A table stands in a thread only when it has that key, so the key and the insertion are one change.
+// A table stands in a thread only when it has that key, so the key and the insertion are one
+// change.
 void ipmc_table_take_vrf_keys(ipv4mc_table_st *table, const char *vrf_name, uint32_t vrf_id) {
     const group change;
     if (vrf_name[0] != '\0' && table->vrf_name[0] == '\0') {
@@ -186,8 +193,9 @@ void ipmc_table_take_vrf_keys(ipv4mc_table_st *table, const char *vrf_name, uint
     }
 }
 
-int ipmc_table_create(const char *vrf_name, uint32_t tid, uint32_t vrf_id, ipv4mc_table_st **vrf_table,
-                      int *vrf_is_new, ipv4mc_table_st **tid_table, int *tid_is_new) {
+int ipmc_table_create(const char *vrf_name, uint32_t tid, uint32_t vrf_id,
+                      ipv4mc_table_st **vrf_table, int *vrf_is_new, ipv4mc_table_st **tid_table,
+                      int *tid_is_new) {
     *vrf_is_new = 0;
     *tid_is_new = 0;
     if (vrf_id != 0 || vrf_name[0] != '\0') {

@@ -6,11 +6,12 @@
 #include "ipv4/multicast/lib/ip6mc_idb.h"
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/lib/ip6mc_platform.h"
+#include "ipv4/multicast/lib/ip6mc_platform_wrappers.h"
 #include "ipv4/multicast/lib/multicast_alloc.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
-#include "ipv4/multicast/lib/ip6mc_platform_wrappers.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/tables.h"
 #include "ipv4/multicast/platform_default/src/setup.h"
+#include "services/diag/text.h"
 #include "services/gtrie/gtrie.h"
 #include "services/journal/journal.h"
 #include "services/trees/avl.h"
@@ -23,24 +24,30 @@ using mfwd6::journal::publish;
 using mfwd6::journal::store;
 
 // In the order in which they are given back; the eighth handle stays out of this walk.
-constexpr uint32_t deleted_mdt_handles[] = {IPV4MC_MDT_GRE,     IPV4MC_MDT_MLDP, IPV4MC_MDT_INBAND,
-                                            IPV4MC_MDT_G_INBAND, IPV4MC_MDT_P2MP_TE, IPV4MC_MDT_IR,
-                                            IPV4MC_MDT_TREE_SID};
+constexpr uint32_t deleted_mdt_handles[] = {
+    IPV4MC_MDT_GRE,     IPV4MC_MDT_MLDP, IPV4MC_MDT_INBAND,  IPV4MC_MDT_G_INBAND,
+    IPV4MC_MDT_P2MP_TE, IPV4MC_MDT_IR,   IPV4MC_MDT_TREE_SID};
 
 constexpr uint32_t mdt_unlock_kind_table = 7;
 
-char yes_no(const void *pointer) { return pointer != nullptr ? 'Y' : 'N'; }
+char yes_no(const void *pointer) {
+    return pointer != nullptr ? 'Y' : 'N';
+}
 
-const char *action_text(const table_request &request) { return ipv4_mlib_action_string(request.action, nullptr); }
+const char *action_text(const table_request &request) {
+    return ipv4_mlib_action_string(request.action, nullptr);
+}
 
 void move_bvi_entries(const table_request &request) {
     ipmc_idb_link_vrf(request.vrf_id, request.vrf_table, 0);
     const uint32_t to = ipv4mc_desc->default_vrf_id;
-    MLIB_DEBUG(IPV4_DEBUG_BVI, "%s:TBL DEL! Moving BVI entries from vid[0x%x] to tid[0x%x]", __func__,
-               request.vrf_id, to);
+    MLIB_DEBUG(IPV4_DEBUG_BVI, "%s:TBL DEL! Moving BVI entries from vid[0x%x] to tid[0x%x]",
+               __func__, request.vrf_id, to);
     if (ip6mc_bvi_intf_db_walk2(request.vrf_id, to, 1) != 0) {
-        MLIB_ERR("ERR:%s Moving BVI entries from vid[0x%x] to tid[0x%x] failed but proceeding with table delete",
-                 __func__, request.vrf_id, to);
+        MLIB_ERR(
+            "ERR:%s Moving BVI entries from vid[0x%x] to tid[0x%x] failed but proceeding with "
+            "table delete",
+            __func__, request.vrf_id, to);
     }
 }
 
@@ -52,11 +59,12 @@ bool keeps_core_routes(const table_request &request) {
 
 void unlink_tid_table(const table_request &request) {
     ipv4mc_table_st *table = request.tid_table;
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Action %s: Unlinking TID table 0x%x (%c)", action_text(request), table->tid,
-               yes_no(table->vtable));
+    MLIB_DEBUG(IPV4_DEBUG_EV, "Action %s: Unlinking TID table 0x%x (%c)", action_text(request),
+               table->tid, yes_no(table->vtable));
     const group change;
     if (keeps_core_routes(request)) {
-        MLIB_DEBUG(IPV4_DEBUG_EV, "Action %s: leave tbl 0x%x (%c) as ACTIVE since memd list in non-null",
+        MLIB_DEBUG(IPV4_DEBUG_EV,
+                   "Action %s: leave tbl 0x%x (%c) as ACTIVE since memd list in non-null",
                    action_text(request), table->tid, yes_no(table->vtable));
     } else {
         store(table->active, 0U);
@@ -71,8 +79,8 @@ void unlink_vrf_table(const table_request &request) {
     if (table->tid_table != nullptr) {
         store(table->prev_tid, table->tid_table->tid);
     }
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Action %s: Unlinking VID table 0x%x/%s (%c)", action_text(request), table->vrf_id,
-               table->vrf_name, yes_no(table->tid_table));
+    MLIB_DEBUG(IPV4_DEBUG_EV, "Action %s: Unlinking VID table 0x%x/%s (%c)", action_text(request),
+               table->vrf_id, table->vrf_name, yes_no(table->tid_table));
     store(table->active, 0U);
     publish(table->tid_table, static_cast<ipv4mc_table_st *>(nullptr));
     ipmc_table_rem_wavl(table, IPV4MC_TABLE_THREAD_VRF_ID);
@@ -92,23 +100,23 @@ void unlink(const table_request &request) {
 }
 
 cerrno tell_platform_of_tid(table_request &request) {
-    const cerrno rc = ip6mc_platform_table_operation_wrapper(request.action, request.tid, request.vrf_id,
-                                                             request.vrf_name, &request.tid_table, 0);
+    const cerrno rc = ip6mc_platform_table_operation_wrapper(
+        request.action, request.tid, request.vrf_id, request.vrf_name, &request.tid_table, 0);
     if (rc != 0) {
         MLIB_ERR("Error in platform dependant call action %d %s existing table 0x%x %d %s",
-                 static_cast<int>(request.action), action_text(request), request.tid, static_cast<int>(rc),
-                 cerr_strerror(rc));
+                 static_cast<int>(request.action), action_text(request), request.tid,
+                 static_cast<int>(rc), cerr_strerror(rc));
     }
     return rc;
 }
 
 cerrno tell_platform_of_vrf(table_request &request) {
-    const cerrno rc = ip6mc_platform_table_operation_wrapper(request.action, request.tid, request.vrf_id,
-                                                             request.vrf_name, &request.vrf_table, 0);
+    const cerrno rc = ip6mc_platform_table_operation_wrapper(
+        request.action, request.tid, request.vrf_id, request.vrf_name, &request.vrf_table, 0);
     if (rc != 0) {
         MLIB_ERR("Error in platform dependant call action %d %s existing table v:0x%x(%s) %d %s",
-                 static_cast<int>(request.action), action_text(request), request.vrf_id, request.vrf_name,
-                 static_cast<int>(rc), cerr_strerror(rc));
+                 static_cast<int>(request.action), action_text(request), request.vrf_id,
+                 request.vrf_name, static_cast<int>(rc), cerr_strerror(rc));
     }
     return rc;
 }
@@ -139,10 +147,11 @@ void close_tries(const table_request &request) {
 
 void count_interfaces(const table_request &request) {
     ipmc_idb_ifcount_walk_st seen{};
-    wavl_walk(&request.vrf_table->idb_tree, IPV4MC_IDB_THREAD_VRF, ipmc_idb_local_ifcount_walk_fn, &seen);
-    MLIB_DEBUG(IPV4_DEBUG_DEV, "Action %s : Table %s/0x%x has %d idbs (mdt present %c)", action_text(request),
-               request.vrf_table->vrf_name, request.vrf_id, static_cast<int>(seen.count),
-               seen.mdt_present != 0 ? 'Y' : 'N');
+    wavl_walk(&request.vrf_table->idb_tree, IPV4MC_IDB_THREAD_VRF, ipmc_idb_local_ifcount_walk_fn,
+              &seen);
+    MLIB_DEBUG(IPV4_DEBUG_DEV, "Action %s : Table %s/0x%x has %d idbs (mdt present %c)",
+               action_text(request), request.vrf_table->vrf_name, request.vrf_id,
+               static_cast<int>(seen.count), seen.mdt_present != 0 ? 'Y' : 'N');
 }
 
 void unlock_mdt_handles(ipv4mc_table_st *table) {
@@ -153,7 +162,8 @@ void unlock_mdt_handles(ipv4mc_table_st *table) {
         }
         const cerrno rc = ip6mc_idb_mdt_unlock(table, handle, mdt_unlock_kind_table);
         if (rc != 0) {
-            MLIB_ERR("0x%x: Failed to unset MDT handle. prev 0x%x, error %s", table->tid, handle, cerr_strerror(rc));
+            MLIB_ERR("0x%x: Failed to unset MDT handle. prev 0x%x, error %s", table->tid, handle,
+                     cerr_strerror(rc));
         } else {
             MLIB_DEBUG(IPV4_DEBUG_IDB, "  0x%x: MDT handle cleared. prev 0x%x", table->tid, handle);
         }
@@ -213,22 +223,25 @@ void ipmc_table_free_vrf(ipv4mc_table_st *vrf_table) {
 
 cerrno ipmc_table_deactivate(table_request &request) {
     if (request.vrf_table == nullptr && request.tid_table == nullptr) {
-        MLIB_DEBUG(IPV4_DEBUG_WRN, "Tbl deactivate: Null %s", request.tid != 0 ? "table tid" : "table vid");
+        MLIB_DEBUG(IPV4_DEBUG_WRN, "Tbl deactivate: Null %s",
+                   request.tid != 0 ? "table tid" : "table vid");
         return EINVAL;
     }
-    _ltrace_3(ip6mc_mlib_eve_ltrace(), MLIB_TRACE_TABLE_DEACTIVATE, request.action, request.tid, request.vrf_id);
+    _ltrace_3(ip6mc_mlib_eve_ltrace(), MLIB_TRACE_TABLE_DEACTIVATE, request.action, request.tid,
+              request.vrf_id);
     if (request.vrf_table != nullptr) {
         ip6mc_idb_refcount_sanity_walk(request.vrf_table);
     }
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Action %s : Table %s/0x%x (%c) 0x%xx (%c)", action_text(request), request.vrf_name,
-               request.vrf_id, yes_no(request.vrf_table), request.tid, yes_no(request.tid_table));
+    MLIB_DEBUG(IPV4_DEBUG_EV, "Action %s : Table %s/0x%x (%c) 0x%xx (%c)", action_text(request),
+               request.vrf_name, request.vrf_id, yes_no(request.vrf_table), request.tid,
+               yes_no(request.tid_table));
     if (request.action != IPV4MC_ACTION_CLEAR) {
         unlink(request);
     }
     const cerrno rc = tell_platform(request);
     if (rc != 0) {
-        MLIB_ERR("table action %s for 0x%x(%s) failed : %s", action_text(request), request.tid, request.vrf_name,
-                 cerr_strerror(rc));
+        MLIB_ERR("table action %s for 0x%x(%s) failed : %s", action_text(request), request.tid,
+                 request.vrf_name, cerr_strerror(rc));
         return rc;
     }
     if (request.tid_table != nullptr) {
@@ -240,8 +253,8 @@ cerrno ipmc_table_deactivate(table_request &request) {
     if (request.action == IPV4MC_ACTION_DELETE) {
         delete_records(request);
     }
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Success table action %s for 0x%x(%s)", action_text(request), request.tid,
-               request.vrf_name);
+    MLIB_DEBUG(IPV4_DEBUG_EV, "Success table action %s for 0x%x(%s)", action_text(request),
+               request.tid, request.vrf_name);
     if (request.table_pp != nullptr) {
         *request.table_pp = request.vrf_table != nullptr ? request.vrf_table : request.tid_table;
     }

@@ -1,14 +1,15 @@
-// The one way in which a table is made, activated, cleared, deactivated or deleted. A table has a VRF side
-// and a TID side that may come in any order: most of this works out which of the two there are.
+// The one way in which a table is made, activated, cleared, deactivated or deleted. A table has a
+// VRF side and a TID side that may come in any order: most of this works out which of the two there
+// are.
 #include <cerrno>
 #include <cstring>
 
 #include "ipv4/multicast/lib/ip6mc_diag.h"
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/lib/ip6mc_platform.h"
+#include "ipv4/multicast/lib/ip6mc_platform_wrappers.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
 #include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/lock_guards.h"
-#include "ipv4/multicast/lib/ip6mc_platform_wrappers.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/tables.h"
 #include "ipv4/multicast/platform_default/src/setup.h"
 #include "services/diag/messages.h"
@@ -23,16 +24,20 @@ using mfwd6::journal::store;
 
 constexpr size_t name_size = sizeof(ipv4mc_table_st::vrf_name);
 
-constexpr uint32_t bit(uint32_t action) { return 1U << action; }
+constexpr uint32_t bit(uint32_t action) {
+    return 1U << action;
+}
 
 constexpr uint32_t needs_table =
     bit(IPV4MC_ACTION_DELETE) | bit(IPV4MC_ACTION_CLEAR) | bit(IPV4MC_ACTION_CLEAR_ROUTES) |
-    bit(IPV4MC_ACTION_ACCT_ENABLE) | bit(IPV4MC_ACTION_ACCT_DISABLE) | bit(IPV4MC_ACTION_ACCT_FWD_ENABLE) |
-    bit(IPV4MC_ACTION_ACCT_FWD_DISABLE) | bit(IPV4MC_ACTION_RATE_ENABLE) | bit(IPV4MC_ACTION_RATE_DISABLE);
+    bit(IPV4MC_ACTION_ACCT_ENABLE) | bit(IPV4MC_ACTION_ACCT_DISABLE) |
+    bit(IPV4MC_ACTION_ACCT_FWD_ENABLE) | bit(IPV4MC_ACTION_ACCT_FWD_DISABLE) |
+    bit(IPV4MC_ACTION_RATE_ENABLE) | bit(IPV4MC_ACTION_RATE_DISABLE);
 static_assert(needs_table == 0x1f8d0);
 
 constexpr uint32_t takes_keys_from_table = bit(IPV4MC_ACTION_DELETE) | bit(IPV4MC_ACTION_CLEAR) |
-                                           bit(IPV4MC_ACTION_CLEAR_ROUTES) | bit(IPV4MC_ACTION_DEACTIVATE);
+                                           bit(IPV4MC_ACTION_CLEAR_ROUTES) |
+                                           bit(IPV4MC_ACTION_DEACTIVATE);
 
 constexpr uint32_t removes_routes =
     bit(IPV4MC_ACTION_DELETE) | bit(IPV4MC_ACTION_CLEAR) | bit(IPV4MC_ACTION_CLEAR_ROUTES);
@@ -40,9 +45,13 @@ constexpr uint32_t removes_routes =
 constexpr uint32_t makes_what_is_missing =
     bit(IPV4MC_ACTION_CREATE) | bit(IPV4MC_ACTION_COMMIT) | bit(IPV4MC_ACTION_ACTIVATE);
 
-bool is_one_of(ipv4mc_action_type action, uint32_t actions) { return action < 32 && (bit(action) & actions) != 0; }
+bool is_one_of(ipv4mc_action_type action, uint32_t actions) {
+    return action < 32 && (bit(action) & actions) != 0;
+}
 
-const char *action_text(const table_request &request) { return ipv4_mlib_action_string(request.action, nullptr); }
+const char *action_text(const table_request &request) {
+    return ipv4_mlib_action_string(request.action, nullptr);
+}
 
 ipv4mc_table_st *given_table(const table_request &request) {
     return request.table_pp != nullptr ? *request.table_pp : nullptr;
@@ -54,20 +63,22 @@ void answer(const table_request &request, ipv4mc_table_st *table) {
     }
 }
 
-bool wants_vrf(const table_request &request) { return request.vrf_id != 0 || request.vrf_name[0] != '\0'; }
+bool wants_vrf(const table_request &request) {
+    return request.vrf_id != 0 || request.vrf_name[0] != '\0';
+}
 
 cerrno check(const table_request &request) {
     const size_t name_length = strnlen(request.vrf_name, name_size);
     if (request.tid == 0 && request.vrf_id == 0 && request.table_pp == nullptr &&
         (name_length == 0 || name_length >= name_size)) {
-        MLIB_DEBUG(IPV4_DEBUG_EV, "Just in action %s, t:0x%x/v:0x%x/%s, table ptr %s", action_text(request),
-                   request.tid, request.vrf_id, request.vrf_name, "NULL");
+        MLIB_DEBUG(IPV4_DEBUG_EV, "Just in action %s, t:0x%x/v:0x%x/%s, table ptr %s",
+                   action_text(request), request.tid, request.vrf_id, request.vrf_name, "NULL");
         MLIB_ERR("Invalid Parameters");
         return EINVAL;
     }
     if (is_one_of(request.action, needs_table) && given_table(request) == nullptr) {
-        MLIB_ERR("Invalid Parameters for table %s/t:0x%x/v:0x%x oper 0x%x", request.vrf_name, request.tid,
-                 request.vrf_id, request.action);
+        MLIB_ERR("Invalid Parameters for table %s/t:0x%x/v:0x%x oper 0x%x", request.vrf_name,
+                 request.tid, request.vrf_id, request.action);
         return EINVAL;
     }
     return 0;
@@ -126,24 +137,24 @@ void walk_routes(const table_request &request, ipv4mc_route_walk_ft function, co
     uint32_t action = request.action;
     const cerrno rc = ip6mc_route_walk(table->tid_table, request.arg, function, &action);
     if (rc != 0) {
-        orv_errmsg(orv_msg_rec_ipv4_mlib_table_per_prefix_getfn(), 5, what, table->vrf_name, "Retrying later:",
-                   cerr_strerror(rc));
+        orv_errmsg(orv_msg_rec_ipv4_mlib_table_per_prefix_getfn(), 5, what, table->vrf_name,
+                   "Retrying later:", cerr_strerror(rc));
     }
 }
 
 cerrno switch_accounting(const table_request &request) {
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Just in action %s, t:0x%x/v:0x%x/%s, table ptr %s ", action_text(request), request.tid,
-               request.vrf_id, request.vrf_name, "valid");
+    MLIB_DEBUG(IPV4_DEBUG_EV, "Just in action %s, t:0x%x/v:0x%x/%s, table ptr %s ",
+               action_text(request), request.tid, request.vrf_id, request.vrf_name, "valid");
     walk_routes(request, ipv4mc_route_accounting_fn, action_text(request));
-    const cerrno rc = ip6mc_platform_table_operation_wrapper(request.action, request.tid, request.vrf_id,
-                                                             request.vrf_name, request.table_pp, 0);
+    const cerrno rc = ip6mc_platform_table_operation_wrapper(
+        request.action, request.tid, request.vrf_id, request.vrf_name, request.table_pp, 0);
     // The setting stands whatever the routes and the platform said: the client repeats the action.
     ipv4mc_table_st *table = given_table(request);
     set_accounting(table, request.action);
     if (rc != 0) {
         MLIB_ERR("Error in platform dependant call action %d %s existing table %s %d %s",
-                 static_cast<int>(request.action), action_text(request), table->vrf_name, static_cast<int>(rc),
-                 cerr_strerror(rc));
+                 static_cast<int>(request.action), action_text(request), table->vrf_name,
+                 static_cast<int>(rc), cerr_strerror(rc));
     }
     return rc;
 }
@@ -168,8 +179,8 @@ ipv4mc_table_st *find_vrf_table(const table_request &request) {
         sstrncpy(key.vrf_name, request.vrf_name, name_size);
     }
     const mlib::tbl_read_lock guard(__LINE__);
-    return static_cast<ipv4mc_table_st *>(
-        shm_wavl_search(&ipmc_db_table_fns, &ipv4mc_desc->shmwin_info->table_name_tree, &key, thread));
+    return static_cast<ipv4mc_table_st *>(shm_wavl_search(
+        &ipmc_db_table_fns, &ipv4mc_desc->shmwin_info->table_name_tree, &key, thread));
 }
 
 void find_tables(table_request &request) {
@@ -179,41 +190,43 @@ void find_tables(table_request &request) {
     if (request.vrf_table == nullptr && wants_vrf(request)) {
         request.vrf_table = find_vrf_table(request);
     }
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Action %s Table t:0x%x %s, Table v:0x%x/%s %s", action_text(request), request.tid,
-               request.tid_table != nullptr ? "present" : "absent", request.vrf_id, request.vrf_name,
-               request.vrf_table != nullptr ? "present" : "absent");
+    MLIB_DEBUG(IPV4_DEBUG_EV, "Action %s Table t:0x%x %s, Table v:0x%x/%s %s", action_text(request),
+               request.tid, request.tid_table != nullptr ? "present" : "absent", request.vrf_id,
+               request.vrf_name, request.vrf_table != nullptr ? "present" : "absent");
 }
 
 bool something_is_missing(const table_request &request) {
     bool missing = false;
     if (request.vrf_table == nullptr && wants_vrf(request)) {
-        MLIB_DEBUG(IPV4_DEBUG_EV, "Table v:0x%x/%s does not exist and action=0x%x", request.vrf_id, request.vrf_name,
-                   request.action);
+        MLIB_DEBUG(IPV4_DEBUG_EV, "Table v:0x%x/%s does not exist and action=0x%x", request.vrf_id,
+                   request.vrf_name, request.action);
         answer(request, nullptr);
         missing = true;
     }
     if (request.tid_table == nullptr && request.tid != 0) {
-        MLIB_DEBUG(IPV4_DEBUG_EV, "Table t:0x%x does not exist and action=0x%x", request.tid, request.action);
+        MLIB_DEBUG(IPV4_DEBUG_EV, "Table t:0x%x does not exist and action=0x%x", request.tid,
+                   request.action);
         missing = true;
     }
     return missing;
 }
 
 void report_platform(const table_request &request, bool is_new, cerrno rc) {
-    MLIB_ERR("Error in platform dependant call action 0x%x %s %s VRF table 0x%x/%s : %d %s", request.action,
-             action_text(request), is_new ? "new" : "existing", request.vrf_id, request.vrf_name,
-             static_cast<int>(rc), cerr_strerror(rc));
+    MLIB_ERR("Error in platform dependant call action 0x%x %s %s VRF table 0x%x/%s : %d %s",
+             request.action, action_text(request), is_new ? "new" : "existing", request.vrf_id,
+             request.vrf_name, static_cast<int>(rc), cerr_strerror(rc));
 }
 
 // A VRF table that waits for its table id.
 cerrno finish_vrf_alone(table_request &request, int vrf_is_new) {
     answer(request, request.vrf_table);
-    MLIB_DEBUG(IPV4_DEBUG_EV, "IFRS VRF table %s. No more table processing", request.vrf_table->vrf_name);
+    MLIB_DEBUG(IPV4_DEBUG_EV, "IFRS VRF table %s. No more table processing",
+               request.vrf_table->vrf_name);
     if (request.action == IPV4MC_ACTION_CREATE) {
         return 0;
     }
-    const cerrno rc = ip6mc_platform_table_operation_wrapper(request.action, 0, request.vrf_id, request.vrf_name,
-                                                             &request.vrf_table, vrf_is_new);
+    const cerrno rc = ip6mc_platform_table_operation_wrapper(
+        request.action, 0, request.vrf_id, request.vrf_name, &request.vrf_table, vrf_is_new);
     if (rc != 0) {
         report_platform(request, vrf_is_new != 0, rc);
     }
@@ -223,9 +236,11 @@ cerrno finish_vrf_alone(table_request &request, int vrf_is_new) {
 // A TID table made because its routes came first.
 cerrno finish_orphan(table_request &request, int tid_is_new) {
     answer(request, request.tid_table);
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Orphan TID table %s. Just activate TID table", tid_is_new != 0 ? "new" : "existing");
+    MLIB_DEBUG(IPV4_DEBUG_EV, "Orphan TID table %s. Just activate TID table",
+               tid_is_new != 0 ? "new" : "existing");
     ipv4mc_table_st *no_vrf = nullptr;
-    cerrno rc = ipmc_table_activate_tid(request.tid, 0, "", &no_vrf, &request.tid_table, &tid_is_new);
+    cerrno rc =
+        ipmc_table_activate_tid(request.tid, 0, "", &no_vrf, &request.tid_table, &tid_is_new);
     if (rc != 0) {
         MLIB_ERR("VRF Table activation failed");
         return rc;
@@ -233,7 +248,8 @@ cerrno finish_orphan(table_request &request, int tid_is_new) {
     if (request.action == IPV4MC_ACTION_CREATE) {
         return 0;
     }
-    rc = ip6mc_platform_table_operation_wrapper(request.action, request.tid, 0, "", &request.tid_table, tid_is_new);
+    rc = ip6mc_platform_table_operation_wrapper(request.action, request.tid, 0, "",
+                                                &request.tid_table, tid_is_new);
     if (rc != 0) {
         report_platform(request, tid_is_new != 0, rc);
     }
@@ -242,15 +258,15 @@ cerrno finish_orphan(table_request &request, int tid_is_new) {
 
 cerrno finish_both(table_request &request, int vrf_is_new) {
     answer(request, request.vrf_table);
-    const cerrno rc =
-        ipmc_table_activate(request.tid, request.vrf_id, request.vrf_name, &request.vrf_table, vrf_is_new);
+    const cerrno rc = ipmc_table_activate(request.tid, request.vrf_id, request.vrf_name,
+                                          &request.vrf_table, vrf_is_new);
     if (rc == 0) {
-        MLIB_DEBUG(IPV4_DEBUG_EV, "Success table action %s for 0x%x(%s)", action_text(request), request.tid,
-                   request.vrf_name);
+        MLIB_DEBUG(IPV4_DEBUG_EV, "Success table action %s for 0x%x(%s)", action_text(request),
+                   request.tid, request.vrf_name);
         return 0;
     }
-    MLIB_ERR("table action %s for 0x%x(%s) failed : %s", action_text(request), request.tid, request.vrf_name,
-             cerr_strerror(rc));
+    MLIB_ERR("table action %s for 0x%x(%s) failed : %s", action_text(request), request.tid,
+             request.vrf_name, cerr_strerror(rc));
     // A VRF table that lost its keys can be found by nobody any more.
     if (request.vrf_table->vrf_id == 0 && request.vrf_table->vrf_name[0] == '\0') {
         ipmc_table_free_vrf(request.vrf_table);
@@ -261,14 +277,14 @@ cerrno finish_both(table_request &request, int vrf_is_new) {
 
 cerrno operate_on_missing(table_request &request) {
     if (!is_one_of(request.action, makes_what_is_missing)) {
-        MLIB_DEBUG(IPV4_DEBUG_EV, "Table action 0x%x but cannot find 0x%x/v:0x%x/%s", request.action, request.tid,
-                   request.vrf_id, request.vrf_name);
+        MLIB_DEBUG(IPV4_DEBUG_EV, "Table action 0x%x but cannot find 0x%x/v:0x%x/%s",
+                   request.action, request.tid, request.vrf_id, request.vrf_name);
         return ENOENT;
     }
     int vrf_is_new = 0;
     int tid_is_new = 0;
-    if (ipmc_table_create(request.vrf_name, request.tid, request.vrf_id, &request.vrf_table, &vrf_is_new,
-                          &request.tid_table, &tid_is_new) == 0) {
+    if (ipmc_table_create(request.vrf_name, request.tid, request.vrf_id, &request.vrf_table,
+                          &vrf_is_new, &request.tid_table, &tid_is_new) == 0) {
         return ENOMEM;
     }
     if (request.tid == 0) {
@@ -284,7 +300,8 @@ void report_packet_mutex_held() {
     const auto count = static_cast<int32_t>(ipv6_mlib_pak_client_mutex_get_count());
     const ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
     if (count > 1) {
-        MLIB_ERR("[%d] Multiple lock count %d (%s/%d)", __LINE__, count, hdr->pak_lock_fn, hdr->pak_lock_line);
+        MLIB_ERR("[%d] Multiple lock count %d (%s/%d)", __LINE__, count, hdr->pak_lock_fn,
+                 hdr->pak_lock_line);
     } else if (count < 0) {
         MLIB_ERR("[%d] Negative lock count: %d", __LINE__, count);
     }
@@ -311,11 +328,13 @@ bool remove_routes(table_request &request) {
     }
     report_packet_mutex_held();
     uint32_t stopped = 0;
-    const cerrno rc = ip6mc_route_delete_all(request.tid_table, request.arg, 2,
-                                             request.action == IPV4MC_ACTION_CLEAR_ROUTES ? 1 : 0, &stopped);
+    const cerrno rc =
+        ip6mc_route_delete_all(request.tid_table, request.arg, 2,
+                               request.action == IPV4MC_ACTION_CLEAR_ROUTES ? 1 : 0, &stopped);
     drop_core_routes(request);
     if (rc != 0) {
-        MLIB_ERR("Cannot delete all routes & signals from Table t:0x%x : %s", request.tid, cerr_strerror(rc));
+        MLIB_ERR("Cannot delete all routes & signals from Table t:0x%x : %s", request.tid,
+                 cerr_strerror(rc));
     } else {
         MLIB_DEBUG(IPV4_DEBUG_EV, "Table t:0x%x exists, action=%s. All routes deleted", request.tid,
                    action_text(request));
@@ -334,38 +353,39 @@ cerrno clear_or_delete(table_request &request) {
 }
 
 cerrno activate_existing(table_request &request) {
-    const cerrno rc = ipmc_table_activate(request.tid, request.vrf_id, request.vrf_name, &request.vrf_table, 0);
+    const cerrno rc =
+        ipmc_table_activate(request.tid, request.vrf_id, request.vrf_name, &request.vrf_table, 0);
     if (rc == 0) {
         answer(request, request.vrf_table != nullptr ? request.vrf_table : request.tid_table);
         return 0;
     }
     if (request.vrf_table != nullptr) {
-        MLIB_DEBUG(IPV4_DEBUG_EV, "table action %s for 0x%x(%s) REMOVE from VRF_NAME TREE", action_text(request),
-                   request.tid, request.vrf_name);
-        MLIB_DEBUG(IPV4_DEBUG_EV, "table action %s for 0x%x(%s) REMOVE from VRF_ID TREE", action_text(request),
-                   request.tid, request.vrf_name);
+        MLIB_DEBUG(IPV4_DEBUG_EV, "table action %s for 0x%x(%s) REMOVE from VRF_NAME TREE",
+                   action_text(request), request.tid, request.vrf_name);
+        MLIB_DEBUG(IPV4_DEBUG_EV, "table action %s for 0x%x(%s) REMOVE from VRF_ID TREE",
+                   action_text(request), request.tid, request.vrf_name);
         ipmc_table_free_vrf(request.vrf_table);
         answer(request, nullptr);
     }
-    MLIB_ERR("table action %s for 0x%x(%s) failed : %s", action_text(request), request.tid, request.vrf_name,
-             cerr_strerror(rc));
+    MLIB_ERR("table action %s for 0x%x(%s) failed : %s", action_text(request), request.tid,
+             request.vrf_name, cerr_strerror(rc));
     return rc;
 }
 
 cerrno answer_existing(table_request &request) {
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Table 0x%x/v:0x%x/%s exists and action=%s", request.tid, request.vrf_id,
-               request.vrf_name, action_text(request));
+    MLIB_DEBUG(IPV4_DEBUG_EV, "Table 0x%x/v:0x%x/%s exists and action=%s", request.tid,
+               request.vrf_id, request.vrf_name, action_text(request));
     ipv4mc_table_st *table = request.vrf_table != nullptr ? request.vrf_table : request.tid_table;
     answer(request, table);
     if (request.action != IPV4MC_ACTION_COMMIT) {
         return 0;
     }
-    const cerrno rc = ip6mc_platform_table_operation_wrapper(request.action, request.tid, request.vrf_id,
-                                                             request.vrf_name, &table, 0);
+    const cerrno rc = ip6mc_platform_table_operation_wrapper(
+        request.action, request.tid, request.vrf_id, request.vrf_name, &table, 0);
     if (rc != 0) {
         MLIB_ERR("Error in platform dependant call action %d %s new table 0x%x(%s): %d %s",
-                 static_cast<int>(request.action), action_text(request), request.tid, request.vrf_name,
-                 static_cast<int>(rc), cerr_strerror(rc));
+                 static_cast<int>(request.action), action_text(request), request.tid,
+                 request.vrf_name, static_cast<int>(rc), cerr_strerror(rc));
     }
     return rc;
 }
@@ -385,13 +405,15 @@ cerrno operate_on_existing(table_request &request) {
 
 }  // namespace
 
-extern "C" cerrno ip6mc_table_operation(ipv4mc_action_type action, uint32_t tid, rsi_vrf_id_t vrf_id,
-                                        const char *vrf_name, ipv4mc_table_st **table_pp, uint32_t arg) {
+extern "C" cerrno ip6mc_table_operation(ipv4mc_action_type action, uint32_t tid,
+                                        rsi_vrf_id_t vrf_id, const char *vrf_name,
+                                        ipv4mc_table_st **table_pp, uint32_t arg) {
     if (ipv4mc_desc->state != IPV4MC_LIB_STATE_READY) {
         MLIB_ERR("Multicast library Not ready\n");
         return EBADF;
     }
-    table_request request{action, tid, vrf_id, vrf_name != nullptr ? vrf_name : "", table_pp, arg, nullptr, nullptr};
+    table_request request{action,   tid, vrf_id,  vrf_name != nullptr ? vrf_name : "",
+                          table_pp, arg, nullptr, nullptr};
     const cerrno rc = check(request);
     if (rc != 0) {
         return rc;
@@ -404,5 +426,6 @@ extern "C" cerrno ip6mc_table_operation(ipv4mc_action_type action, uint32_t tid,
     }
     take_keys_from_table(request);
     find_tables(request);
-    return something_is_missing(request) ? operate_on_missing(request) : operate_on_existing(request);
+    return something_is_missing(request) ? operate_on_missing(request)
+                                         : operate_on_existing(request);
 }

@@ -14,18 +14,20 @@ void ipmc_table_add_avl(ipv4mc_table_st *table);
 void ipmc_table_rem_avl(ipv4mc_table_st *table);
 
 // Both return 1 on success, 0 after a failure that was reported and undone.
-int ipmc_table_create(const char *vrf_name, uint32_t tid, uint32_t vrf_id, ipv4mc_table_st **vrf_table,
-                      int *vrf_is_new, ipv4mc_table_st **tid_table, int *tid_is_new);
+int ipmc_table_create(const char *vrf_name, uint32_t tid, uint32_t vrf_id,
+                      ipv4mc_table_st **vrf_table, int *vrf_is_new, ipv4mc_table_st **tid_table,
+                      int *tid_is_new);
 
 // Gives a VRF table the keys that it lacks, and puts it into their threads.
 void ipmc_table_take_vrf_keys(ipv4mc_table_st *table, const char *vrf_name, uint32_t vrf_id);
 
 void ipmc_table_zero_route_counters(ipv4mc_table_st *table);
 
-cerrno ipmc_table_activate_tid(uint32_t tid, uint32_t vrf_id, const char *vrf_name, ipv4mc_table_st **vrf_table,
-                               ipv4mc_table_st **tid_table, int *is_new);
-cerrno ipmc_table_activate(uint32_t tid, uint32_t vrf_id, const char *vrf_name, ipv4mc_table_st **vrf_table,
-                           int is_new);
+cerrno ipmc_table_activate_tid(uint32_t tid, uint32_t vrf_id, const char *vrf_name,
+                               ipv4mc_table_st **vrf_table, ipv4mc_table_st **tid_table,
+                               int *is_new);
+cerrno ipmc_table_activate(uint32_t tid, uint32_t vrf_id, const char *vrf_name,
+                           ipv4mc_table_st **vrf_table, int is_new);
 
 // What one call of ip6mc_table_operation works on.
 struct table_request {
@@ -48,9 +50,12 @@ void ipmc_table_drop_vrf_keys(ipv4mc_table_st *table);
 void ipmc_table_free_vrf(ipv4mc_table_st *vrf_table);
 
 void ipmc_table_memd_routes_clear(ipv4mc_table_st *table, uint32_t link_index);
-cerrno ipmc_idb_link_mdt_idb_to_vrf(ipv4mc_table_st *table, ifhtype handle, uint32_t vrf_id, int with_mtu);
+cerrno ipmc_idb_link_mdt_idb_to_vrf(ipv4mc_table_st *table, ifhtype handle, uint32_t vrf_id,
+                                    int with_mtu);
 
 // Texts for messages.
-inline const char *table_name_text(const char *name) { return name == nullptr || name[0] == '\0' ? "-" : name; }
+inline const char *table_name_text(const char *name) {
+    return name == nullptr || name[0] == '\0' ? "-" : name;
+}
 
 #endif

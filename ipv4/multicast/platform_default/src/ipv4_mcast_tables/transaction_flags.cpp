@@ -16,11 +16,14 @@ void warn_closed(const char *function, int line) {
     }
 }
 
-void report_closed(const char *function, int line) { mlib::report_error(function, line, "shmwin not initialized"); }
+void report_closed(const char *function, int line) {
+    mlib::report_error(function, line, "shmwin not initialized");
+}
 
 using closed_fn = void (*)(const char *function, int line);
 
-cerrno set_word(header_word word, uint32_t value, closed_fn closed, const char *function, int line) {
+cerrno set_word(header_word word, uint32_t value, closed_fn closed, const char *function,
+                int line) {
     if (ipv4mc_desc->shmwin_init == 0) {
         closed(function, line);
         return EBADF;
@@ -29,7 +32,8 @@ cerrno set_word(header_word word, uint32_t value, closed_fn closed, const char *
     return 0;
 }
 
-cerrno get_word(header_word word, uint32_t *value_p, closed_fn closed, const char *function, int line) {
+cerrno get_word(header_word word, uint32_t *value_p, closed_fn closed, const char *function,
+                int line) {
     if (ipv4mc_desc->shmwin_init == 0) {
         closed(function, line);
         return EBADF;
@@ -45,15 +49,15 @@ cerrno get_word(header_word word, uint32_t *value_p, closed_fn closed, const cha
 }  // namespace
 
 // The flags of the library warn on a closed window; the three of NetIO report it.
-#define TRANSACTION_FLAG(prefix, flag, word, closed)                                                  \
-    extern "C" cerrno prefix##_set_##flag(void) {                                                     \
-        return set_word(&ipv4mc_shmwin_hdr_st::word, 1, closed, __func__, __LINE__);                  \
-    }                                                                                                 \
-    extern "C" cerrno prefix##_clear_##flag(void) {                                                   \
-        return set_word(&ipv4mc_shmwin_hdr_st::word, 0, closed, __func__, __LINE__);                  \
-    }                                                                                                 \
-    extern "C" cerrno prefix##_get_##flag(uint32_t *value_p) {                                        \
-        return get_word(&ipv4mc_shmwin_hdr_st::word, value_p, closed, __func__, __LINE__);            \
+#define TRANSACTION_FLAG(prefix, flag, word, closed)                                       \
+    extern "C" cerrno prefix##_set_##flag(void) {                                          \
+        return set_word(&ipv4mc_shmwin_hdr_st::word, 1, closed, __func__, __LINE__);       \
+    }                                                                                      \
+    extern "C" cerrno prefix##_clear_##flag(void) {                                        \
+        return set_word(&ipv4mc_shmwin_hdr_st::word, 0, closed, __func__, __LINE__);       \
+    }                                                                                      \
+    extern "C" cerrno prefix##_get_##flag(uint32_t *value_p) {                             \
+        return get_word(&ipv4mc_shmwin_hdr_st::word, value_p, closed, __func__, __LINE__); \
     }
 
 TRANSACTION_FLAG(ip6mc, update_in_progress_flag, update_in_progress, warn_closed)

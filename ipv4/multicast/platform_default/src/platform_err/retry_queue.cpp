@@ -1,6 +1,7 @@
-// The queue of objects whose last platform call failed. It lies in the window, so that a restarted process
-// goes on retrying what the one before it left.
+// The queue of objects whose last platform call failed. It lies in the window, so that a restarted
+// process goes on retrying what the one before it left.
 #include "ipv4/multicast/lib/ip6mc_lib.h"
+#include "ipv4/multicast/lib/ip6mc_platform_err.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
 #include "ipv4/multicast/platform_default/src/setup.h"
 #include "services/events/dlqueue.h"
@@ -31,7 +32,8 @@ extern "C" void ipmc_queue_init(void) {
     ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
     if (hdr->retry_queue == nullptr) {
         const mfwd6::journal::group change;
-        void *head = ipv4mc_shmwin_malloc_inline(sizeof(dlqueue_node_t), IPMC_SHMWIN_ALLOC_RETRY_QUEUE);
+        void *head =
+            ipv4mc_shmwin_malloc_inline(sizeof(dlqueue_node_t), IPMC_SHMWIN_ALLOC_RETRY_QUEUE);
         if (head != nullptr) {
             dlqueue_init(static_cast<dlqueue_node_t *>(head), nullptr);
             mfwd6::journal::publish(hdr->retry_queue, static_cast<dlqueue_node_t *>(head));
