@@ -61,7 +61,7 @@ MFWD6_EXPORT const ipv6_acl_entry_t *ipv6_acl_get_next(ipv6_acl_handle_t acl,
 MFWD6_EXPORT void ipv6_prefix_only(const void *address, uint32_t length, void *prefix);
 
 // Gives `name` a list, in place of one that it may have. The entries are copied; a sequence of 0
-// becomes the one before plus 10, rounded down to a ten. EINVAL: a name that is empty or too long,
+// becomes the one before plus 10, the first one 10. EINVAL: a name that is empty or too long,
 // an action, a length above 128, bits behind a prefix, sequences that do not ascend;
 // IPV6_ACL_TOO_MANY, ENOMEM. On failure the name keeps its list.
 MFWD6_EXPORT cerrno ipv6_acl_set(const char *name, const ipv6_acl_entry_t *entries, size_t count);

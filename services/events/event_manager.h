@@ -32,7 +32,7 @@ MFWD6_EXPORT void event_manager_destroy(event_manager_t *evm);
 
 // Waits until something happened or `timeout_ms` is over (-1: no limit, 0: do not wait; always in
 // real time) and calls the handlers that are due. *dispatched, if not NULL, receives their number:
-// 0 after a timeout or a stop. A stop asked for before or meanwhile ends the call and is used up by
+// 0 after a timeout. A stop asked for before or meanwhile ends the call and is used up by
 // it. EINVAL when called from a handler.
 MFWD6_EXPORT cerrno event_manager_run_once(event_manager_t *evm, int timeout_ms,
                                            uint32_t *dispatched);

@@ -15,7 +15,7 @@
  * adjusted length below 13 of a 269-bit key means all tables of the trie, in first_leaf only.
  *
  * Sharing. With ip6mc_gtrie_set_sharing(1) in force, tables with 269-bit keys that have the same
- * window, kind and memory functions' home share one physical trie; without, each table has its own.
+ * window, and kind share one physical trie; without, each table has its own.
  * A handle stays with the trie it was made on, whatever the switch says later. In a shared trie
  *   - lookup, lookup_exact, leaf_create, leaf_insert, leaf_delete, less_specific_of_leaf see and
  * change the leaves of the handle's own table only;
@@ -208,7 +208,7 @@ MFWD6_EXPORT void *ip6mc_gtrie_platform_less_specific_of_leaf(void *handle, void
  * -------------------------------------------------------------------------------- */
 
 /* Finds the leaf of this key, or makes a detached one with a record of `size` bytes. *leaf gets it,
-   *created 1 for a new one, else 0 (also on failure, with *leaf NULL). */
+ *created 1 for a new one, else 0 (also on failure, with *leaf NULL). */
 MFWD6_EXPORT cerrno ip6mc_gtrie_leaf_create(void *handle, const uint8_t *key, uint32_t length,
                                             void **leaf, size_t size, int *created);
 MFWD6_EXPORT cerrno ip6mc_gtrie_platform_leaf_create(void *handle, const uint8_t *key,

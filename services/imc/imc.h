@@ -23,7 +23,8 @@ MFWD6_BEGIN_C
 #define IMC_NO_RECEIVER 0x44e05002U   // nobody takes this control code
 #define IMC_NO_BACKEND 0x44e05003U    // no backend of this name is registered
 #define IMC_BAD_PROTOCOL 0x44e05004U  // protocol or caps of a control record is 0
-#define IMC_LOST 0x44e05005U          // the backend lost its connection; what it knew last stands
+#define IMC_LOST \
+    0x44e05005U  // not known, but the backend lost its connection: it may exist all the same
 
 // Interface types.
 enum imc_type {

@@ -84,9 +84,9 @@ MFWD6_EXPORT int platform_ifhandle_is_virtual_check_for_mcast(uint32_t ifh);
 // node has none.
 MFWD6_EXPORT cerrno platform_fapid_is_local(uint32_t fapid, int *is_local);
 
-// Writes the name of an interface of a node: the type, the node id in decimal and each of the four
-// numbers that is not negative, joined with "_"; as in "FINT1" and "FINT1_0_2". A number may not
-// follow a negative one (PLATFORM_INFO_BAD_NAME). ENOMEM when name and terminator do not fit in
+// Writes the name of an interface of a node: the type with the node id in decimal, and each of the
+// four numbers that is not negative, joined with "_"; as in "FINT1" and "FINT1_0_2". A number may
+// not follow a negative one (PLATFORM_INFO_BAD_NAME). ENOMEM when name and terminator do not fit in
 // `size` bytes; the buffer is an empty string after a failure.
 MFWD6_EXPORT cerrno platform_node_construct_ifname(char *buffer, size_t size, const char *type,
                                                    uint32_t node_id, int rack, int slot,
@@ -94,8 +94,8 @@ MFWD6_EXPORT cerrno platform_node_construct_ifname(char *buffer, size_t size, co
 
 // Takes a table id apart: bits 31 to 24 the address family, 23 to 20 the subsequent family, 12 to 0
 // the number of the table, which is *decoded and goes into search keys. Outputs for the families
-// may be NULL. PLATFORM_INFO_BAD_TABLE_ID when bits 19 to 13 are not zero: two tables would share a
-// number.
+// may be NULL. PLATFORM_INFO_BAD_TABLE_ID when bits 19 to 13 are not zero, as two tables would then
+// share a number; the outputs are written all the same.
 MFWD6_EXPORT cerrno rsi_c_tbl_id_decode2(uint32_t table_id, uint32_t *family, uint32_t *subfamily,
                                          uint32_t *decoded);
 

@@ -37,8 +37,9 @@ typedef int (*tree_compare_fn)(const void *a, const void *b);
 
 enum { tree_less = 0, tree_equal = 1, tree_greater = 2 };
 
-// Codes of this service. Besides: EINVAL for null or impossible arguments, EEXIST for a key that
-// the tree holds already, EBUSY for a node that is in a tree, ENOMEM.
+// Codes of this service, with texts in cerr_strerror. Besides: EINVAL for null or impossible
+// arguments, EEXIST for a key that the tree holds already, EBUSY for a node that is in a tree,
+// ENOMEM.
 #define TREE_E_NOT_RUNNING \
     ((cerrno)0x44024100) /* no tree was made at this address, or it was finished */
 #define TREE_E_NOT_FOUND                                                                     \
@@ -50,18 +51,10 @@ enum { tree_less = 0, tree_equal = 1, tree_greater = 2 };
 #define TREE_E_LINKS ((cerrno)0x44024703) /* verify: a parent, first or last link is wrong */
 #define TREE_E_COUNT ((cerrno)0x44024704) /* verify: the head counts other than there are */
 
-MFWD6_BEGIN_C
-
-// The codes above get their texts for cerr_strerror. Once per process; the first use of a tree does
-// it too.
-MFWD6_EXPORT void trees_register_texts(void);
-
 // True while `node` is in some tree.
 static inline int tree_node_linked(const struct tree_node *node) {
     return node->up != 0;
 }
-
-MFWD6_END_C
 
 #ifdef __cplusplus
 #include <type_traits>
