@@ -15,18 +15,21 @@
 // a meaning: IP6MC_PLATFORM_QUIET_REFUSAL from the CREATE of an interface, and, by habit of the
 // platforms of this tree, ENOSPC (28) for a full table of the hardware. On the way up (CREATE,
 // COMMIT, ACTIVATE, an update) a failure means that nothing changed in the hardware: the library
-// undoes its own change, or queues the object for a retry. On the way down (DELETE, CLEAR,
-// DEACTIVATE) a failure is reported and the record goes all the same: whatever the hardware kept is
-// found by ip6mc_platform_enumerate.
+// undoes its own change, or queues the object for a retry. On the way down (DELETE, CLEAR) a
+// failure is reported and the record goes all the same: whatever the hardware kept is found by
+// ip6mc_platform_enumerate. The exceptions are a single interface of a route, which then stays, and
+// a table, whose removal stops there.
 //
 // Repetition. Every operation may be repeated: after a restart the owner commits what the window
 // holds, whatever the hardware still has. CREATE of what exists and DELETE of what does not are
 // successes.
 //
 // Ownership. Records belong to the library and lie in the window. A platform reads them during a
-// call and writes only the fields that their headers leave to the platform half, and the extension
-// behind a record, whose size it states in platform_get_mcast_params. It may keep the address of a
-// record between the CREATE and the DELETE of that record, and no longer.
+// call and writes only the extension behind a record, whose size platform_get_mcast_params states,
+// and the fields that are noted as the platform half's. It keeps no counts in them: who writes an
+// attribute word (the forwarding process, or the library) also raises and lowers what the word's
+// bits count. It may keep the address of a record between the CREATE and the DELETE of that record,
+// and no longer.
 #ifndef IP6MC_PLATFORM_H
 #define IP6MC_PLATFORM_H
 
@@ -159,7 +162,7 @@ MFWD6_EXPORT cerrno ipv6_mfwd_platform_is_slotmask_xid_change(
 // ---- interfaces of routes -----------------------------------------------------------------------
 
 // One action on an interface of a route: CREATE (the entry is linked to nothing yet), COMMIT,
-// DELETE, CLEAR, AMT_STAT_CLEAR, and CREATE and COMMIT in a replay.
+// DELETE, CLEAR, AMT_STAT_CLEAR, BVI_UPD, and CREATE and COMMIT in a replay.
 //
 // `ifh` is the interface; `intf_arg` is the handle of the interface underneath, 0 for none.
 // `*intf_pp` is the entry with its new attribute word, `old_attributes` the word before (0 when

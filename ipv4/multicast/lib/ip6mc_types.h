@@ -91,6 +91,7 @@ enum ipv4mc_action_types {
     IPV4MC_ACTION_MLC_SET = 0x11,      // platform: this node is the table's master line card
     IPV4MC_ACTION_MLC_UNSET = 0x12,    // platform: it is not any more
     IPV4MC_ACTION_NOT_ENTERED = 19,    // routes: success before anything is looked at
+    IPV4MC_ACTION_BVI_UPD = 20,        // platform: the L2 state behind a BVI interface has changed
     IPV4MC_ACTION_AMT_STAT_CLEAR = 22  // interfaces
 };
 
