@@ -36,6 +36,10 @@ struct ipv4mc_bvi_entry_t {
     uint32_t stale;    // not yet confirmed since the mark
     uint32_t del_pnd;  // goes as soon as `ref_cnt` is 0
 };
+IP6MC_RECORD(ipv4mc_bvi_entry_t, 184);
+static_assert(offsetof(ipv4mc_bvi_entry_t, node) == 0 && offsetof(ipv4mc_bvi_entry_t, key) == 48 &&
+                  offsetof(ipv4mc_bvi_entry_t, key_bits) == 84,
+              "the tree was told these places when it was made");
 
 struct ipv4mc_bvi_if_t {
     rn_node_t node;                        // the tree's; cleared when the record moves
@@ -45,6 +49,10 @@ struct ipv4mc_bvi_if_t {
     ipv4mc_bvi_entry_t *bvi_entry;  // whose `if_tree` holds the record
     ipv4mc_route_entry_st *route;
 };
+IP6MC_RECORD(ipv4mc_bvi_if_t, 96);
+static_assert(offsetof(ipv4mc_bvi_if_t, node) == 0 && offsetof(ipv4mc_bvi_if_t, key) == 32 &&
+                  offsetof(ipv4mc_bvi_if_t, key_bits) == 68,
+              "the tree was told these places when it was made");
 
 // Which VRF the entries of a BVI are in.
 struct ipv4mc_bvi_intf_db_t {
@@ -55,6 +63,11 @@ struct ipv4mc_bvi_intf_db_t {
     uint32_t unlink_pending;  // unlinked from its VRF while its flood entry is still there
     uint32_t moved;
 };
+IP6MC_RECORD(ipv4mc_bvi_intf_db_t, 56);
+static_assert(offsetof(ipv4mc_bvi_intf_db_t, node) == 0 &&
+                  offsetof(ipv4mc_bvi_intf_db_t, ifh) == 32 &&
+                  offsetof(ipv4mc_bvi_intf_db_t, key_bits) == 36,
+              "the tree was told these places when it was made");
 
 // Lists that the caller of a batch of links gives.
 typedef struct ipmc_bvi_list_st {

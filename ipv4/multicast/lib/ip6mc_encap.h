@@ -33,6 +33,9 @@ struct ipv4mc_encap_entry_st {
     ipv4mc_route_entry_st *route_head;  // linked through `next_encap` and `prev_encap`
     ip6mc_gtrie_leaf_t gtrie_leaf;      // the trie's
 };
+IP6MC_RECORD(ipv4mc_encap_entry_st, 64);
+static_assert(offsetof(ipv4mc_encap_entry_st, gtrie_leaf) == 48,
+              "the trie was told this place when it was made");
 
 struct ipv4mc_encap_leaf_st {
     ipv4mc_encap_leaf_st *prev_encap_leaf;  // the encap's list
@@ -43,6 +46,7 @@ struct ipv4mc_encap_leaf_st {
     ipv4mc_regdb_entry_st *regdb_entry;
     uint32_t tr;  // transport flag as last accepted by the platform
 };
+IP6MC_RECORD(ipv4mc_encap_leaf_st, 56);
 
 // Types of a transport. 0 is no key: a position ahead of the first.
 enum ipv4mc_regdb_types {
@@ -102,5 +106,10 @@ struct ipv4mc_regdb_entry_st {
     ipv4mc_regdb_core_info_st core_info;     // as last committed
     ipv4mc_regdb_entry_st *next_idle_regdb;  // next hops that lost their last interface
 };
+IP6MC_RECORD(ipv4mc_regdb_entry_st, 120);
+static_assert(offsetof(ipv4mc_regdb_entry_st, node) == 0 &&
+                  offsetof(ipv4mc_regdb_entry_st, key) == 32 &&
+                  offsetof(ipv4mc_regdb_entry_st, key_bits) == 60,
+              "the tree was told these places when it was made");
 
 #endif

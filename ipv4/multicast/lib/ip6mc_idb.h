@@ -95,6 +95,7 @@ struct ipmc_bundle_member_st {
     ifhtype ul_ifh_member;
     uint16_t member_link_id;
 };
+IP6MC_RECORD(ipmc_bundle_member_st, 8);
 
 // `bundle_members` is always one block of this many, the first `bundle_member_count` in use, sorted
 // by handle, the others zero.
@@ -106,6 +107,7 @@ struct ipmc_vlan_node_st {
     ifhtype *key;
     ifhtype ifh;
 };
+IP6MC_RECORD(ipmc_vlan_node_st, 72);
 
 struct ipv4mc_idb_st {
     ifhtype ifh;  // key of the global and the VRF thread
@@ -150,6 +152,7 @@ struct ipv4mc_idb_st {
     uint8_t mc_cfg_vrf_flags;
     uint8_t local_iftype_counted;  // counted in `local_ifcount` of its table
 };
+IP6MC_RECORD(ipv4mc_idb_st, 416);
 static_assert(offsetof(ipv4mc_idb_st, ifh) == 0 && offsetof(ipv4mc_idb_st, node) == 8,
               "comparisons reach the handle from a node");
 
@@ -166,6 +169,7 @@ struct ipmc_intf_change_req_st {
     ipmc_intf_change_req_st *prev;
     ipmc_intf_change_req_st *next;
 };
+IP6MC_RECORD(ipmc_intf_change_req_st, 88);
 
 // Requests that a table holds at most.
 #define IPMC_INTF_CHANGE_REQ_MAX UINT64_C(1000)

@@ -15,18 +15,21 @@
 // a meaning: IP6MC_PLATFORM_QUIET_REFUSAL from the CREATE of an interface, and, by habit of the
 // platforms of this tree, ENOSPC (28) for a full table of the hardware. On the way up (CREATE,
 // COMMIT, ACTIVATE, an update) a failure means that nothing changed in the hardware: the library
-// undoes its own change, or queues the object for a retry. On the way down (DELETE, CLEAR,
-// DEACTIVATE) a failure is reported and the record goes all the same: whatever the hardware kept is
-// found by ip6mc_platform_enumerate.
+// undoes its own change, or queues the object for a retry. On the way down (DELETE, CLEAR) a
+// failure is reported and the record goes all the same: whatever the hardware kept is found by
+// ip6mc_platform_enumerate. The exceptions are a single interface of a route, which then stays, and
+// a table, whose removal stops there.
 //
 // Repetition. Every operation may be repeated: after a restart the owner commits what the window
 // holds, whatever the hardware still has. CREATE of what exists and DELETE of what does not are
 // successes.
 //
 // Ownership. Records belong to the library and lie in the window. A platform reads them during a
-// call and writes only the fields that their headers leave to the platform half, and the extension
-// behind a record, whose size it states in platform_get_mcast_params. It may keep the address of a
-// record between the CREATE and the DELETE of that record, and no longer.
+// call and writes only the extension behind a record, whose size platform_get_mcast_params states,
+// and the fields that are noted as the platform half's. It keeps no counts in them: who writes an
+// attribute word (the forwarding process, or the library) also raises and lowers what the word's
+// bits count. It may keep the address of a record between the CREATE and the DELETE of that record,
+// and no longer.
 #ifndef IP6MC_PLATFORM_H
 #define IP6MC_PLATFORM_H
 
@@ -70,19 +73,20 @@ typedef void (*ipv4mc_platform_callback_ft)(ipv4mc_descriptor_struct *descriptor
 // ip6mc_platform_lib_terminate and reports changes of its state through
 // descriptor->platform_callback. It need not be ready when this returns; while it is not, the
 // library of an owner stays in its state 1.
-cerrno ip6mc_platform_lib_init(void *evm, int attach_only, ipv4mc_descriptor_struct *descriptor);
+MFWD6_EXPORT cerrno ip6mc_platform_lib_init(void *evm, int attach_only,
+                                            ipv4mc_descriptor_struct *descriptor);
 
 // Stops the platform half. `reason` 0 and 1: the state of the owner's window ends with it. 2 and
 // above: the process stops and another takes over, the hardware goes on forwarding. Success when
 // never started.
-cerrno ip6mc_platform_lib_terminate(int attach_only, uint32_t reason);
+MFWD6_EXPORT cerrno ip6mc_platform_lib_terminate(int attach_only, uint32_t reason);
 
 // Writes an ipv4mc_platform_state. The owner's start asks once; a later change is told by message.
-cerrno ip6mc_platform_get_state(uint32_t *state_p);
+MFWD6_EXPORT cerrno ip6mc_platform_get_state(uint32_t *state_p);
 
 // Frees all that the hardware holds for this library. `arg` is 0 from the library itself, else the
 // client's own word.
-cerrno ip6mc_platform_clear_hw_resources(uint32_t arg);
+MFWD6_EXPORT cerrno ip6mc_platform_clear_hw_resources(uint32_t arg);
 
 // ---- tables -------------------------------------------------------------------------------------
 
@@ -97,8 +101,9 @@ cerrno ip6mc_platform_clear_hw_resources(uint32_t arg);
 //
 // The library relies on: no route operation comes for a table-id side before its ACTIVATE, none
 // after its DEACTIVATE or DELETE.
-cerrno ip6mc_platform_table_operation(ipv4mc_action_type action, uint32_t tid, rsi_vrf_id_t vrf_id,
-                                      const char *vrf_name, ipv4mc_table_st **table_pp, int is_new);
+MFWD6_EXPORT cerrno ip6mc_platform_table_operation(ipv4mc_action_type action, uint32_t tid,
+                                                   rsi_vrf_id_t vrf_id, const char *vrf_name,
+                                                   ipv4mc_table_st **table_pp, int is_new);
 
 // ---- routes -------------------------------------------------------------------------------------
 
@@ -115,11 +120,10 @@ cerrno ip6mc_platform_table_operation(ipv4mc_action_type action, uint32_t tid, r
 // In a replay `*route_pp` is NULL on entry and the last three arguments are 0. The platform then
 // takes the record that it knows for this key, or finds it in table->ingress_gtrie, programs its
 // present attribute word, and writes it to `*route_pp`.
-cerrno ip6mc_platform_route_operation(ipv4mc_action_type action, ipv4mc_table_st *table,
-                                      const ip_maddr_st *source, const ip_maddr_st *group,
-                                      uint16_t pfx_len, ipv4mc_route_entry_st **route_pp,
-                                      mrib_attrib_entry_type old_attributes,
-                                      mrib_attrib_ti_mofrr_type mofrr_attrib, int is_new);
+MFWD6_EXPORT cerrno ip6mc_platform_route_operation(
+    ipv4mc_action_type action, ipv4mc_table_st *table, const ip_maddr_st *source,
+    const ip_maddr_st *group, uint16_t pfx_len, ipv4mc_route_entry_st **route_pp,
+    mrib_attrib_entry_type old_attributes, mrib_attrib_ti_mofrr_type mofrr_attrib, int is_new);
 
 // Types of a route update (ipv4mc_route_update_st). Others are passed to the platform before the
 // library refuses them.
@@ -138,25 +142,27 @@ enum ipv4mc_route_update_types {
 
 // Changes one property of a committed route. The record still has the old value; the library writes
 // the new one after a success.
-cerrno ip6mc_platform_route_update(ipv4mc_route_entry_st *route, ipv4mc_route_update_type type,
-                                   const ipv4mc_route_update_st *update);
+MFWD6_EXPORT cerrno ip6mc_platform_route_update(ipv4mc_route_entry_st *route,
+                                                ipv4mc_route_update_type type,
+                                                const ipv4mc_route_update_st *update);
 
 // The parent from which `child` (a route with inherit accept) takes its accepting interfaces has
 // changed: child->IF_parent is the new one, may be NULL, and `old_parent` the one before, may be
 // NULL.
-cerrno ip6mc_platform_change_IF_parent(ipv4mc_table_st *table, ipv4mc_route_entry_st *child,
-                                       ipv4mc_route_entry_st *old_parent);
+MFWD6_EXPORT cerrno ip6mc_platform_change_IF_parent(ipv4mc_table_st *table,
+                                                    ipv4mc_route_entry_st *child,
+                                                    ipv4mc_route_entry_st *old_parent);
 
 // Question: would a COMMIT of this route, whose record holds the new attribute word, change the set
 // of slots that the fabric replicates it to, or its transfer id? Writes 1 or 0 to `changed_p`.
-cerrno ipv6_mfwd_platform_is_slotmask_xid_change(
+MFWD6_EXPORT cerrno ipv6_mfwd_platform_is_slotmask_xid_change(
     ipv4mc_table_st *table, ipv4mc_route_entry_st *route, const ip_maddr_st *source,
     const ip_maddr_st *group, mrib_attrib_entry_type old_attributes, int *changed_p);
 
 // ---- interfaces of routes -----------------------------------------------------------------------
 
 // One action on an interface of a route: CREATE (the entry is linked to nothing yet), COMMIT,
-// DELETE, CLEAR, AMT_STAT_CLEAR, and CREATE and COMMIT in a replay.
+// DELETE, CLEAR, AMT_STAT_CLEAR, BVI_UPD, and CREATE and COMMIT in a replay.
 //
 // `ifh` is the interface; `intf_arg` is the handle of the interface underneath, 0 for none.
 // `*intf_pp` is the entry with its new attribute word, `old_attributes` the word before (0 when
@@ -166,11 +172,12 @@ cerrno ipv6_mfwd_platform_is_slotmask_xid_change(
 //
 // An entry whose CREATE failed gets no other call. Before a DELETE of a route every one of its
 // interfaces has had its DELETE or CLEAR.
-cerrno ip6mc_platform_intf_operation(ipv4mc_action_type action, ipv4mc_table_st *table,
-                                     ipv4mc_route_entry_st *route, ifhtype ifh, uint32_t intf_arg,
-                                     ipv4mc_intf_entry_st **intf_pp, ipv4mc_idb_st *idb,
-                                     uintptr_t platform_arg, mrib_attrib_entry_type old_attributes,
-                                     int is_new);
+MFWD6_EXPORT cerrno ip6mc_platform_intf_operation(ipv4mc_action_type action, ipv4mc_table_st *table,
+                                                  ipv4mc_route_entry_st *route, ifhtype ifh,
+                                                  uint32_t intf_arg, ipv4mc_intf_entry_st **intf_pp,
+                                                  ipv4mc_idb_st *idb, uintptr_t platform_arg,
+                                                  mrib_attrib_entry_type old_attributes,
+                                                  int is_new);
 
 // ---- interfaces of the router -------------------------------------------------------------------
 
@@ -217,13 +224,15 @@ typedef struct ipv4mc_idb_op_spec_st {
 } ipv4mc_idb_op_spec_st;
 
 // One action on an interface of the router.
-cerrno ip6mc_platform_idb_operation(ipv4mc_idb_op action, ipv4mc_idb_st *idb_a,
-                                    ipv4mc_idb_st *idb_b, ipv4mc_idb_op_spec_st *op_spec);
+MFWD6_EXPORT cerrno ip6mc_platform_idb_operation(ipv4mc_idb_op action, ipv4mc_idb_st *idb_a,
+                                                 ipv4mc_idb_st *idb_b,
+                                                 ipv4mc_idb_op_spec_st *op_spec);
 
 // ---- encapsulation ------------------------------------------------------------------------------
 
 // One action on an encap id: CREATE, COMMIT, CLEAR, DELETE. A later COMMIT is a re-programming.
-cerrno ip6mc_platform_encapid_operation(ipv4mc_action_type action, ipv4mc_encap_entry_st *encap);
+MFWD6_EXPORT cerrno ip6mc_platform_encapid_operation(ipv4mc_action_type action,
+                                                     ipv4mc_encap_entry_st *encap);
 
 // Types of an encap update.
 enum ipv4mc_encap_update_types {
@@ -231,66 +240,78 @@ enum ipv4mc_encap_update_types {
 };
 
 // Changes one property of an encap; a COMMIT of the encap follows.
-cerrno ip6mc_platform_encap_update(ipv4mc_encap_entry_st *encap, uint32_t type, const void *update);
+MFWD6_EXPORT cerrno ip6mc_platform_encap_update(ipv4mc_encap_entry_st *encap, uint32_t type,
+                                                const void *update);
 
 // One action on a leaf, the use of a transport by an encap: CREATE (the leaf is linked to nothing
 // yet, `encap` and `regdb` say what it will join), COMMIT with a new transport flag `tr`, CLEAR and
 // DELETE.
-cerrno ip6mc_platform_encap_leaf_operation(ipv4mc_action_type action, ipv4mc_encap_leaf_st *leaf,
-                                           ipv4mc_encap_entry_st *encap,
-                                           ipv4mc_regdb_entry_st *regdb, uint32_t tr);
+MFWD6_EXPORT cerrno ip6mc_platform_encap_leaf_operation(ipv4mc_action_type action,
+                                                        ipv4mc_encap_leaf_st *leaf,
+                                                        ipv4mc_encap_entry_st *encap,
+                                                        ipv4mc_regdb_entry_st *regdb, uint32_t tr);
 
 // One action on a transport: CREATE (the entry has no key yet), COMMIT, CLEAR and DELETE.
 // `core_info` may be NULL except for COMMIT.
-cerrno ip6mc_platform_regdb_operation(ipv4mc_action_type action, ipv4mc_regdb_entry_st *entry,
-                                      const ipv4mc_regdb_core_info_st *core_info);
+MFWD6_EXPORT cerrno ip6mc_platform_regdb_operation(ipv4mc_action_type action,
+                                                   ipv4mc_regdb_entry_st *entry,
+                                                   const ipv4mc_regdb_core_info_st *core_info);
 
 // ---- counters -----------------------------------------------------------------------------------
 
 // Packets (and bytes) of a route as counted by the hardware where they come in, since the route was
 // programmed or cleared. ENOENT (2) when the hardware does not hold the route; `*count_p` is then
 // 0.
-cerrno ip6mc_platform_get_hw_in_stats(ipv4mc_table_st *table, const ip_maddr_st *source,
-                                      const ip_maddr_st *group, uint16_t pfx_len,
-                                      ipv4mc_route_entry_st *route, uint64_t *count_p);
-cerrno ip6mc_platform_get_hw_in_stats_bytes(ipv4mc_table_st *table, const ip_maddr_st *source,
-                                            const ip_maddr_st *group, uint16_t pfx_len,
-                                            ipv4mc_route_entry_st *route, uint64_t *count_p);
+MFWD6_EXPORT cerrno ip6mc_platform_get_hw_in_stats(ipv4mc_table_st *table,
+                                                   const ip_maddr_st *source,
+                                                   const ip_maddr_st *group, uint16_t pfx_len,
+                                                   ipv4mc_route_entry_st *route, uint64_t *count_p);
+MFWD6_EXPORT cerrno ip6mc_platform_get_hw_in_stats_bytes(ipv4mc_table_st *table,
+                                                         const ip_maddr_st *source,
+                                                         const ip_maddr_st *group, uint16_t pfx_len,
+                                                         ipv4mc_route_entry_st *route,
+                                                         uint64_t *count_p);
 
 // The same where they go out. `route` may be NULL, then the key tells.
-cerrno ip6mc_platform_get_hw_eg_stats(ipv4mc_table_st *table, const ip_maddr_st *source,
-                                      const ip_maddr_st *group, uint16_t pfx_len,
-                                      ipv4mc_route_entry_st *route, uint64_t *count_p);
-cerrno ip6mc_platform_get_hw_eg_stats_bytes(ipv4mc_table_st *table, const ip_maddr_st *source,
-                                            const ip_maddr_st *group, uint16_t pfx_len,
-                                            ipv4mc_route_entry_st *route, uint64_t *count_p);
+MFWD6_EXPORT cerrno ip6mc_platform_get_hw_eg_stats(ipv4mc_table_st *table,
+                                                   const ip_maddr_st *source,
+                                                   const ip_maddr_st *group, uint16_t pfx_len,
+                                                   ipv4mc_route_entry_st *route, uint64_t *count_p);
+MFWD6_EXPORT cerrno ip6mc_platform_get_hw_eg_stats_bytes(ipv4mc_table_st *table,
+                                                         const ip_maddr_st *source,
+                                                         const ip_maddr_st *group, uint16_t pfx_len,
+                                                         ipv4mc_route_entry_st *route,
+                                                         uint64_t *count_p);
 
 // Packets and bytes that came in through an encap: through one leaf, or all of it with `leaf` NULL.
 // `encap` may be NULL, then the id tells. `dropped_p` may be NULL.
-cerrno ip6mc_platform_encap_get_hw_in_stats(uint32_t encap_id, ipv4mc_encap_entry_st *encap,
-                                            ipv4mc_encap_leaf_st *leaf, uint64_t *packets_p,
-                                            uint64_t *bytes_p, uint64_t *dropped_p);
+MFWD6_EXPORT cerrno ip6mc_platform_encap_get_hw_in_stats(uint32_t encap_id,
+                                                         ipv4mc_encap_entry_st *encap,
+                                                         ipv4mc_encap_leaf_st *leaf,
+                                                         uint64_t *packets_p, uint64_t *bytes_p,
+                                                         uint64_t *dropped_p);
 
 // ---- questions ----------------------------------------------------------------------------------
 
 // 1 when the route tries exist in software only, 0 when the hardware has its own. Does not change
 // while the platform runs.
-int ip6mc_platform_is_sw_only_gtrie(void);
+MFWD6_EXPORT int ip6mc_platform_is_sw_only_gtrie(void);
 
 // Writes 1 to `is_local_p` when traffic of a virtual interface touches this node now, else 0.
-cerrno ip6mc_platform_is_virtual_interface_local(ifhtype ifh, uint8_t *is_local_p);
+MFWD6_EXPORT cerrno ip6mc_platform_is_virtual_interface_local(ifhtype ifh, uint8_t *is_local_p);
 
 // Chance for the platform to name the member of a bundle that carries (source, group): non-zero
 // when it has, and then both outputs are written. 0 leaves the choice to the library's own hash and
 // the outputs as they are. The answer must be the same in every process.
-int ip6mc_platform_bundle_sg_hash(ifhtype bundle, const ip_maddr_st *source,
-                                  const ip_maddr_st *group, ifhtype *member_p, uint16_t *link_id_p);
+MFWD6_EXPORT int ip6mc_platform_bundle_sg_hash(ifhtype bundle, const ip_maddr_st *source,
+                                               const ip_maddr_st *group, ifhtype *member_p,
+                                               uint16_t *link_id_p);
 
 // Reads the data that came with an L2 state: writes 1 to `is_local_p` when receivers behind the BVI
 // are on this node, 0 when not. Non-zero when it cannot be told. An answer of 0 that leaves
 // `is_local_p` alone counts as local.
-cerrno ipv6_mfwd_platform_is_bvi_local(const uint8_t *plfm_data, uint8_t plfm_data_len,
-                                       int *is_local_p);
+MFWD6_EXPORT cerrno ipv6_mfwd_platform_is_bvi_local(const uint8_t *plfm_data, uint8_t plfm_data_len,
+                                                    int *is_local_p);
 
 // ---- what the hardware holds --------------------------------------------------------------------
 
@@ -341,12 +362,13 @@ typedef cerrno (*ip6mc_platform_held_ft)(const ip6mc_platform_held_st *held, voi
 // compares this with the window, and removes or programs the difference. Works as soon as
 // ip6mc_platform_lib_init has succeeded. The first non-zero answer of `fn` is returned, else 0; 22
 // for a NULL `fn` or an unknown kind.
-cerrno ip6mc_platform_enumerate(ip6mc_platform_kind kind, ip6mc_platform_held_ft fn, void *context);
+MFWD6_EXPORT cerrno ip6mc_platform_enumerate(ip6mc_platform_kind kind, ip6mc_platform_held_ft fn,
+                                             void *context);
 
 // Takes one thing out of the hardware of which the window has no record, as it came out of
 // ip6mc_platform_enumerate. What hangs on it (interfaces of a route, routes of a table) goes with
 // it. Success when it is not there.
-cerrno ip6mc_platform_remove_held(const ip6mc_platform_held_st *held);
+MFWD6_EXPORT cerrno ip6mc_platform_remove_held(const ip6mc_platform_held_st *held);
 
 MFWD6_END_C
 

@@ -24,6 +24,7 @@ struct ipmc_retry_msg {
     uint32_t type;        // one of ipmc_retry_msg_types
     void *object;         // ipv4mc_route_entry_st or ipv4mc_encap_entry_st
 };
+IP6MC_RECORD(ipmc_retry_msg, 40);
 
 MFWD6_BEGIN_C
 

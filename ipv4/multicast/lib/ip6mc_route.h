@@ -39,6 +39,7 @@ typedef struct ipv4mc_route_acct_st {
     uint64_t words64[2];
     uint32_t words32[7];
 } ipv4mc_route_acct_st;
+IP6MC_RECORD(ipv4mc_route_acct_st, 48);
 
 // Rate record of a route, a block of type IPMC_SHMWIN_ALLOC_ROUTE. All but the timestamp is the
 // platform half's.
@@ -122,6 +123,12 @@ struct ipv4mc_route_entry_st {
     ipv4mc_route_entry_st *prev_encap;
     ipv4mc_regdb_entry_st *regdb_entry;  // the GRE transport that rides on this core route
 };
+IP6MC_RECORD(ipv4mc_route_entry_st, 544);
+static_assert(offsetof(ipv4mc_route_entry_st, group) == 0 &&
+                  offsetof(ipv4mc_route_entry_st, table) == 160 &&
+                  offsetof(ipv4mc_route_entry_st, intf_list) == 256 &&
+                  offsetof(ipv4mc_route_entry_st, attributes) == 416,
+              "followed by processes that read beside the owner");
 
 // Statistics of an interface entry. Some words are zeroed by a statistics clear, the others are
 // left alone.
@@ -168,6 +175,12 @@ struct ipv4mc_intf_entry_st {
     uint8_t on_idb_list;      // 1 while on the interface's `route_list`
     ipv4mc_bvi_if_t *bvi_if;  // of an interface with BVI
 };
+IP6MC_RECORD(ipv4mc_intf_entry_st, 264);
+static_assert(offsetof(ipv4mc_intf_entry_st, next_intf) == 0 &&
+                  offsetof(ipv4mc_intf_entry_st, intf_type) == 16 &&
+                  offsetof(ipv4mc_intf_entry_st, attributes) == 40 &&
+                  offsetof(ipv4mc_intf_entry_st, avl_node) == 168,
+              "followed by processes that read beside the owner");
 
 // What a route update carries; `type` of the update says which field counts.
 struct ipv4mc_route_update_st {

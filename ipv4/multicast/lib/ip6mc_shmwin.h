@@ -87,6 +87,7 @@ struct ipv4mc_shmwin_hdr_st {
     pthread_mutex_t changed_route_mutex;  // process-shared and robust; guards `changed_route_wake`
     pthread_cond_t changed_route_cond;    // process-shared; signalled with the first entry
 };
+IP6MC_RECORD(ipv4mc_shmwin_hdr_st, 9984);
 static_assert(offsetof(ipv4mc_shmwin_hdr_st, version_minor) == 0 &&
                   offsetof(ipv4mc_shmwin_hdr_st, version_major) == 2,
               "the version must be readable whatever the rest looks like");

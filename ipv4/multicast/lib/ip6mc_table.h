@@ -64,6 +64,7 @@ typedef struct ipv4mc_table_counters_st {
     uint32_t bvi_eg_removals;  // and that ceased to be
     uint32_t reserved;         // zero
 } ipv4mc_table_counters_st;
+IP6MC_RECORD(ipv4mc_table_counters_st, 24);
 
 // One table. In the VRF role a block of type IPMC_SHMWIN_ALLOC_TABLE, in the TID role an object of
 // `table_tid_tree`.
@@ -128,6 +129,7 @@ struct ipv4mc_table_st {
     uint64_t intf_req_lookup_failed;
     uint64_t intf_req_skipped;  // the route was in no state to change
 };
+IP6MC_RECORD(ipv4mc_table_st, 544);
 static_assert(offsetof(ipv4mc_table_st, node) == 0 && offsetof(ipv4mc_table_st, tid) == 48 &&
                   offsetof(ipv4mc_table_st, vrf_id) == 52 &&
                   offsetof(ipv4mc_table_st, vrf_name) == 56,

@@ -13,6 +13,18 @@
 #include "services/cerrno.h"
 #include "services/export.h"
 
+// States the size of a record that other processes read, and that it is plain data.
+#ifdef __cplusplus
+#include <type_traits>
+#define IP6MC_RECORD(type, bytes)                                               \
+    static_assert(sizeof(type) == (bytes) && std::is_standard_layout_v<type> && \
+                      std::is_trivially_copyable_v<type>,                       \
+                  "other processes read this record")
+#else
+#define IP6MC_RECORD(type, bytes) \
+    static_assert(sizeof(type) == (bytes), "other processes read this record")
+#endif
+
 // Interface handle; 0 is none.
 typedef uint32_t ifhtype;
 
@@ -26,7 +38,7 @@ typedef struct ip_maddr_st {
         uint32_t words[4];
     };
 } ip_maddr_st;
-static_assert(sizeof(ip_maddr_st) == 16, "an address is copied to and from packets");
+IP6MC_RECORD(ip_maddr_st, 16);
 
 // A typed address, as core networks are named by: default MDT source and group, core trees.
 typedef struct mdt_addr {
@@ -34,7 +46,7 @@ typedef struct mdt_addr {
     uint32_t word1;
     uint32_t word2;
 } mdt_addr;
-static_assert(sizeof(mdt_addr) == 12, "part of a key that is compared bit by bit");
+IP6MC_RECORD(mdt_addr, 12);
 
 // Which words a type uses, and how it prints. Types above 12 print as nothing.
 enum mdt_addr_types {
@@ -79,6 +91,7 @@ enum ipv4mc_action_types {
     IPV4MC_ACTION_MLC_SET = 0x11,      // platform: this node is the table's master line card
     IPV4MC_ACTION_MLC_UNSET = 0x12,    // platform: it is not any more
     IPV4MC_ACTION_NOT_ENTERED = 19,    // routes: success before anything is looked at
+    IPV4MC_ACTION_BVI_UPD = 20,        // platform: the L2 state behind a BVI interface has changed
     IPV4MC_ACTION_AMT_STAT_CLEAR = 22  // interfaces
 };
 
