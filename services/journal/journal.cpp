@@ -85,6 +85,19 @@ void recount_frees(log *l) {
     l->frees = frees;
 }
 
+// A dead process's private memory is not ours: such entries are made void, one store each.
+void pass_over_private(log *l) {
+    if (hooks == nullptr || hooks->covers == nullptr) {
+        return;
+    }
+    for (uint64_t i = 0; i < l->used; ++i) {
+        entry &e = entries(l)[i];
+        if (kind_at(e) <= kind::word8 && !hooks->covers(l, address_at(e))) {
+            e.where = static_cast<uint64_t>(kind::free_on_commit) << 56;
+        }
+    }
+}
+
 }  // namespace
 
 log *format(void *where, size_t bytes) {
@@ -259,12 +272,14 @@ recovery recover(log *l) {
         commit_with_frees(l);
         result = recovery::finished;
     } else if (l->used != 0) {
-        if (undo_to(l, 0)) {
-            ++l->undone;
-            result = recovery::undone;
-        } else {
+        if (l->used > l->capacity) {
             l->used = 0;
             result = recovery::damaged;
+        } else {
+            pass_over_private(l);
+            undo_to(l, 0);
+            ++l->undone;
+            result = recovery::undone;
         }
     }
     l->frees = 0;

@@ -79,6 +79,10 @@ struct binding {
 // alone.
 struct block_hooks {
     void (*release)(log *outer, void *block);
+    // Whether `address` may be written on behalf of a dead holder of `l`: it lies in memory that
+    // the log shares with other processes. Entries for private memory are passed over in `recover`.
+    // Null: all may.
+    bool (*covers)(const log *l, const void *address) = nullptr;
 };
 
 // State of one thread. Treat as private; it is here so that the hot path can be inline.
@@ -235,6 +239,18 @@ class group {
         } else {
             begin_slow(l);
         }
+        mark_ = l->used;
+    }
+
+    // A group on the log of a lock that the caller holds and that nobody else can write to
+    // meanwhile; never joins. `peer` is the identity under which the lock is held.
+    group(log *l, uint32_t peer)
+        : log_(l), outer_(self.current), outer_depth_(self.depth), outer_peer_(self.peer) {
+        std::atomic_ref<uint32_t>(l->holder).store(peer, std::memory_order_relaxed);
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        self.current = l;
+        self.depth = 1;
+        self.peer = peer;
         mark_ = l->used;
     }
 
