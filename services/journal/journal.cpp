@@ -87,6 +87,9 @@ void recount_frees(log *l) {
 
 // A dead process's private memory is not ours: such entries are made void, one store each.
 void pass_over_private(log *l) {
+    if (hooks == nullptr || hooks->covers == nullptr) {
+        return;
+    }
     for (uint64_t i = 0; i < l->used; ++i) {
         entry &e = entries(l)[i];
         if (kind_at(e) <= kind::word8 && !hooks->covers(l, address_at(e))) {
@@ -269,20 +272,34 @@ recovery recover(log *l) {
         commit_with_frees(l);
         result = recovery::finished;
     } else if (l->used != 0) {
-        if (hooks != nullptr && hooks->covers != nullptr) {
-            pass_over_private(l);
-        }
-        if (undo_to(l, 0)) {
-            ++l->undone;
-            result = recovery::undone;
-        } else {
+        if (l->used > l->capacity) {
             l->used = 0;
             result = recovery::damaged;
+        } else {
+            pass_over_private(l);
+            undo_to(l, 0);
+            ++l->undone;
+            result = recovery::undone;
         }
     }
     l->frees = 0;
     std::atomic_ref<uint32_t>(l->holder).store(0, std::memory_order_release);
     return result;
+}
+
+bool after_commit(void (*then)(void *context), void *context) {
+    if (self.after != nullptr || self.current == nullptr) {
+        return false;
+    }
+    self.after_context = context;
+    self.after = then;
+    return true;
+}
+
+void run_after() {
+    void (*then)(void *) = self.after;
+    self.after = nullptr;
+    then(self.after_context);
 }
 
 }  // namespace mfwd6::journal

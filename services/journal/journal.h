@@ -92,6 +92,8 @@ struct thread_state {
     uint32_t peer;   // identity used for `current`
     uint32_t bound_count;
     binding bound[6];  // pushed by locks, innermost last
+    void (*after)(void *context);  // to be called once when no group is open any more
+    void *after_context;
 };
 
 MFWD6_EXPORT extern constinit thread_local thread_state self
@@ -140,6 +142,12 @@ enum class recovery { clean, undone, finished, damaged };
 // dead and that nobody else recovers the same log. `damaged`: the group had overflowed and cannot
 // be undone. The allocator's log must be recovered before any other.
 MFWD6_EXPORT recovery recover(log *l);
+
+// Calls `then` when the calling thread's outermost group has committed; one such call at a time (false,
+// and nothing is noted, while another is pending or when no group is open). For a lock that must cover
+// the commit of a change that an outer group will make.
+MFWD6_EXPORT bool after_commit(void (*then)(void *context), void *context);
+MFWD6_EXPORT void run_after();
 
 // Private to `group`: out of line because they are rare or long.
 MFWD6_EXPORT void begin_slow(log *chosen);
@@ -280,6 +288,9 @@ class group {
         self.current = outer_;
         self.depth = outer_depth_;
         self.peer = outer_peer_;
+        if (self.after != nullptr && self.current == nullptr) [[unlikely]] {
+            run_after();
+        }
     }
 
     // Runs back what this group (and the groups inside it) stored and allocated so far. The group
