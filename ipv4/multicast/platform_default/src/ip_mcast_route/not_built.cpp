@@ -1,15 +1,9 @@
-// Entry points of routes that other rooms call already.
+// Operations on routes that other rooms call already.
 #include "ipv4/multicast/lib/ip6mc_route.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/routes.h"
 
 extern "C" {
-
-cerrno ip6mc_route_operation(ipv4mc_action_type, ipv4mc_table_st *, const ip_maddr_st *,
-                             const ip_maddr_st *, uint16_t, const ip_maddr_st *,
-                             ipv4mc_route_entry_st **, mrib_attrib_entry_type,
-                             mrib_attrib_ti_mofrr_type, int *) {
-    return MLIB_NOT_BUILT("ip6mc_route_operation");
-}
 
 cerrno ipv4mc_route_accounting_fn(ipv4mc_route_entry_st *, void *) {
     return MLIB_NOT_BUILT("ipv4mc_route_accounting_fn");
@@ -20,3 +14,11 @@ cerrno ipv4mc_route_rate_per_route_fn(ipv4mc_route_entry_st *, void *) {
 }
 
 }  // extern "C"
+
+cerrno ipv4mc_route_delete(const route_request &) { return MLIB_NOT_BUILT("ip6mc_route_operation DELETE"); }
+
+cerrno ipv4mc_route_clear_action(const route_request &) { return MLIB_NOT_BUILT("ip6mc_route_operation CLEAR"); }
+
+cerrno ipv4mc_process_setclear_IF_flag(ipv4mc_table_st *, ipv4mc_route_entry_st *, int) {
+    return MLIB_NOT_BUILT("ipv4mc_process_setclear_IF_flag");
+}

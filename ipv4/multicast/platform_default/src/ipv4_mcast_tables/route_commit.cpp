@@ -1,0 +1,187 @@
+// COMMIT of a route: the hardware hears of it, and a new route becomes findable.
+#include <cerrno>
+
+#include "ipv4/multicast/lib/ip6mc_diag.h"
+#include "ipv4/multicast/lib/ip6mc_lib.h"
+#include "ipv4/multicast/lib/ip6mc_platform_err.h"
+#include "ipv4/multicast/lib/ip6mc_platform_wrappers.h"
+#include "ipv4/multicast/lib/ip6mc_table.h"
+#include "ipv4/multicast/platform_default/src/diagnostics/address_text.h"
+#include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/routes.h"
+#include "services/gtrie/gtrie.h"
+#include "services/journal/journal.h"
+
+namespace {
+
+using mfwd6::journal::store;
+
+#define REQUEST_KEY ROUTE_KEY_ARGS(request.source, request.group, request.pfx_len)
+#define REQUEST_ACTION static_cast<int>(request.action), mlib::action_text(request.action)
+
+constexpr uint64_t attribute_ia = MRIB_ROUTE_IA;
+constexpr uint64_t attribute_if = MRIB_ROUTE_IF;
+
+struct transition {
+    bool set;
+    bool unset;
+};
+
+transition change_of(const route_request &request, uint64_t bit) {
+    const bool before = (request.old_attributes & bit) != 0;
+    const bool now = ((*request.route_entry)->attributes & bit) != 0;
+    return {!before && now, before && !now};
+}
+
+cerrno find_parent(const route_request &request) {
+    ipv4mc_route_entry_st *route = *request.route_entry;
+    ipv4mc_route_entry_st *parent = nullptr;
+    const cerrno rc = ip6mc_get_parent_IF_route(request.table, route, &parent, 0);
+    if (rc != 0) {
+        MLIB_ERR("Cannot get parent of new route (%s,%s/%d) action %d %s Error %d %s", REQUEST_KEY, REQUEST_ACTION,
+                 static_cast<int>(rc), cerr_strerror(rc));
+        return rc;
+    }
+    store(route->IF_parent, parent);
+    if (parent != nullptr) {
+        MLIB_DEBUG(IPV4_DEBUG_EV, "[%d] Route (%s,%s/%d). New IF parent is (%s,%s/%d)", __LINE__, REQUEST_KEY,
+                   ROUTE_ARGS(parent));
+    }
+    return 0;
+}
+
+cerrno with_fault_point(cerrno rc) { return fim_armed(mlib_fim_hdl, MLIB_FAULT_ROUTE_COMMIT) ? EAGAIN : rc; }
+
+// Tells the platform of a new route. 0 also when the failure was taken over by the error handler.
+cerrno program_new(const route_request &request) {
+    ipv4mc_route_entry_st *route = *request.route_entry;
+    if (ipmc_platform_can_program_route(route, *request.is_new) == 0) {
+        MLIB_DEBUG(IPV4_DEBUG_ROUTE, "%s:%d - Skip HW prog Route (%s,%s/%d)", __func__, __LINE__, REQUEST_KEY);
+        return 0;
+    }
+    const cerrno rc = with_fault_point(ip6mc_platform_route_operation_wrapper(
+        IPV4MC_ACTION_COMMIT, request.table, request.source, request.group, request.pfx_len, request.route_entry, 0,
+        0, *request.is_new));
+    if (rc == 0) {
+        return 0;
+    }
+    MLIB_ERR("Platform specific route operation failed (%s,%s/%d) action %d %s Error %d %s ", REQUEST_KEY,
+             REQUEST_ACTION, static_cast<int>(rc), cerr_strerror(rc));
+    return ipmc_platform_err_handler_sync_route(route, rc);
+}
+
+cerrno program_existing(const route_request &request) {
+    ipv4mc_route_entry_st *route = *request.route_entry;
+    if (ipmc_platform_can_program_route(route, *request.is_new) == 0) {
+        MLIB_DEBUG(IPV4_DEBUG_ROUTE, "%s:%d - Skip HW prog Route (%s,%s/%d)", __func__, __LINE__, REQUEST_KEY);
+        return 0;
+    }
+    const cerrno rc = with_fault_point(ip6mc_platform_route_operation_wrapper(
+        IPV4MC_ACTION_COMMIT, request.table, request.source, request.group, request.pfx_len, request.route_entry,
+        request.old_attributes, request.mofrr_attrib, *request.is_new));
+    if (rc == 0) {
+        return 0;
+    }
+    MLIB_ERR("Platform specific route operation failed (%s,%s/%d) action %d %s Error %d %s", REQUEST_KEY,
+             REQUEST_ACTION, static_cast<int>(rc), cerr_strerror(rc));
+    return ipmc_platform_err_handler_sync_route(route, rc);
+}
+
+// From here on the route is found. An error cannot be repaired.
+cerrno publish(const route_request &request) {
+    cerrno error = 0;
+    ip6mc_gtrie_platform_leaf_insert(request.table->ingress_gtrie, *request.route_entry, &error);
+    if (error == 0) {
+        return 0;
+    }
+    MLIB_ERR("Failed to insert (Commit) ingress route (%s,%s/%d): %s (possible corruption)", REQUEST_KEY,
+             cerr_strerror(error));
+    return mlib::stop_for_corruption();
+}
+
+// Setting comes behind the platform: the parent must exist before children turn to it.
+cerrno turn_children_to(const route_request &request) {
+    if (!change_of(request, attribute_if).set) {
+        return 0;
+    }
+    MLIB_DEBUG(IPV4_DEBUG_EV, "[%d] Route (%s,%s/%d) IF set action %s ", __LINE__, REQUEST_KEY,
+               mlib::action_text(request.action));
+    const cerrno rc = ipv4mc_process_setclear_IF_flag(request.table, *request.route_entry, 1);
+    if (rc != 0) {
+        MLIB_ERR("Failed to set IF flag for (%s,%s/%d) action %d %s  Error %d %s", REQUEST_KEY, REQUEST_ACTION,
+                 static_cast<int>(rc), cerr_strerror(rc));
+    }
+    return rc;
+}
+
+// Clearing comes before the platform: children move off this parent first.
+cerrno turn_children_away(const route_request &request) {
+    if (!change_of(request, attribute_if).unset) {
+        return 0;
+    }
+    MLIB_DEBUG(IPV4_DEBUG_EV, "[%d] Route (%s,%s/%d) IF unset action %s ", __LINE__, REQUEST_KEY,
+               mlib::action_text(request.action));
+    const cerrno rc = ipv4mc_process_setclear_IF_flag(request.table, *request.route_entry, 0);
+    if (rc != 0) {
+        MLIB_ERR("Failed to clear IF flag for (%s,%s/%d) action %d %s  Error %d %s", REQUEST_KEY, REQUEST_ACTION,
+                 static_cast<int>(rc), cerr_strerror(rc));
+    }
+    return rc;
+}
+
+cerrno follow_ia(const route_request &request) {
+    const transition ia = change_of(request, attribute_ia);
+    if (ia.unset) {
+        store((*request.route_entry)->IF_parent, nullptr);
+        MLIB_DEBUG(IPV4_DEBUG_EV, "[%d] Route (%s,%s/%d) IA unset action %s ", __LINE__, REQUEST_KEY,
+                   mlib::action_text(request.action));
+    }
+    if (!ia.set) {
+        return 0;
+    }
+    MLIB_DEBUG(IPV4_DEBUG_EV, "[%d] Route (%s,%s/%d) IA set action %s ", __LINE__, REQUEST_KEY,
+               mlib::action_text(request.action));
+    return find_parent(request);
+}
+
+cerrno commit_new(const route_request &request) {
+    cerrno rc = ((*request.route_entry)->attributes & attribute_ia) != 0 ? find_parent(request) : 0;
+    if (rc == 0) {
+        rc = program_new(request);
+    }
+    if (rc == 0) {
+        rc = publish(request);
+    }
+    if (rc == 0) {
+        rc = turn_children_to(request);
+    }
+    if (rc == 0) {
+        MLIB_TRACE_TEXT(IPV4_DEBUG_ROUTE, "New route (%s,%s/%d)", REQUEST_KEY);
+        MLIB_DEBUG(IPV4_DEBUG_ROUTE_COMMIT, "Committed new route (%s,%s/%d)", REQUEST_KEY);
+    }
+    return rc;
+}
+
+cerrno commit_existing(const route_request &request) {
+    cerrno rc = turn_children_away(request);
+    if (rc == 0) {
+        rc = follow_ia(request);
+    }
+    if (rc == 0) {
+        rc = program_existing(request);
+    }
+    if (rc == 0) {
+        rc = turn_children_to(request);
+    }
+    if (rc == 0) {
+        MLIB_TRACE_TEXT(IPV4_DEBUG_ROUTE, "Existing route (%s,%s/%d)", REQUEST_KEY);
+        MLIB_DEBUG(IPV4_DEBUG_ROUTE_COMMIT, "Committed Existing route (%s,%s/%d)", REQUEST_KEY);
+    }
+    return rc;
+}
+
+}  // namespace
+
+cerrno ipv4mc_route_commit(const route_request &request) {
+    return *request.is_new != 0 ? commit_new(request) : commit_existing(request);
+}
