@@ -8,6 +8,10 @@
 // Locks. A change needs the writer's side of the lock that covers the tree; a search, a walk, a
 // step to the next record needs its reader's side. The trees take no lock themselves.
 //
+// Private memory. A tree in memory of the process alone works the same, without a journal. Change
+// it where no log is bound (see services/journal): a log in a window would keep addresses that mean
+// nothing to the process that recovers it.
+//
 // Functions. No function pointer is ever kept in a tree: it would belong to the process that stored
 // it. Comparisons come with each call.
 #ifndef MFWD6_SERVICES_TREES_NODE_H
