@@ -95,7 +95,9 @@ struct ring {
     ring_slot *slots;
     uint64_t mask;
     size_t length;
-    int fd;  // -1 for private memory; else holds the lock that proves the writer's life
+    int fd;      // -1 for private memory or a ring left behind; else holds the lock that proves the
+                 // writer's life
+    ring *next;  // among the rings left behind
 };
 
 // The ring of a handle, opened if it was not; NULL only when no memory of any kind is to be had.
