@@ -311,7 +311,7 @@ void write_more_text(const ring *to, uint64_t first, const char *text, size_t le
             return;  // readers miss this part and pass over the record
         }
         const size_t bytes = std::min(length, more_text_bytes);
-        put(slot, 0, first);
+        put(slot, at_meta, pack_more(first));
         put_text(slot, at_more_text, text, bytes);
         finish(slot, first + part);
         text += bytes;

@@ -186,6 +186,28 @@ TEST_F(Trace, ATextWhoseBeginningIsOverwrittenIsPassedOver) {
     ltrace_close(reader);
 }
 
+TEST_F(Trace, TheEndOfALostTextIsNotTakenForARecord) {
+    ltrace_handle *handle = ip6mc_mlib_warn_ltrace();
+    ltrace_reader *reader = nullptr;
+    ASSERT_EQ(ltrace_open_handle(handle, &reader), 0U);
+    ltrace_ring_info info;
+    ltrace_info(reader, &info);
+    for (uint64_t i = 0; i < info.slots; ++i) {
+        _ltrace_6(handle, 2, 2, 2, 2, 2, 2, 2);  // what the slots hold before
+    }
+    _lstrace(handle, 1, nullptr,
+             std::string(60, 'x').c_str());  // two slots, the second nearly empty
+    for (uint64_t i = 0; i < info.slots - 1; ++i) {
+        _ltrace(handle, 3);
+    }
+    const auto records = read_all(reader);
+    EXPECT_EQ(records.size(), info.slots - 1);
+    for (const auto &record : records) {
+        ASSERT_EQ(record.id, 3U);
+    }
+    ltrace_close(reader);
+}
+
 TEST_F(Trace, CanBeReadAfterTheWriterWasKilled) {
     const pid_t child = fork_ready([] {
         for (uint64_t i = 0; i < 100; ++i) {
