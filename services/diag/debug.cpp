@@ -227,7 +227,10 @@ bool is_private(const char *program) {
 __attribute__((format(printf, 3, 0))) void write_line(uint32_t debug_class, const char *header,
                                                       const char *format, va_list arguments) {
     char text[2048];
-    vsnprintf(text, sizeof(text), format == nullptr ? "" : format, arguments);
+    text[0] = '\0';
+    if (format != nullptr) {
+        vsnprintf(text, sizeof(text), format, arguments);
+    }
     for (size_t length = strlen(text); length > 0 && text[length - 1] == '\n';) {
         text[--length] = '\0';
     }

@@ -106,6 +106,7 @@ fault_file *map_shared(const char *name, const char (*texts)[fim_text_size], uin
     if (file != nullptr) {
         fill(file, texts, count);
     }
+    unlock_file(fd);  // the mapping would keep it
     close(fd);
     return file;
 }

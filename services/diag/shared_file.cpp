@@ -97,6 +97,11 @@ int lock_file(int fd, bool wait) {
     return 0;
 }
 
+void unlock_file(int fd) {
+    struct flock lock = whole_file(F_UNLCK);
+    fcntl(fd, F_OFD_SETLK, &lock);
+}
+
 bool is_locked(int fd) {
     // Asked as a reader would, so that a descriptor opened for reading suffices.
     struct flock lock = whole_file(F_RDLCK);

@@ -30,8 +30,10 @@ int open_file(const char *path, open_mode mode, int *fd);
 int grow_file(int fd, size_t length);
 
 // An open-file-description lock on the whole file; the kernel drops it with the process. `wait`
-// false: EAGAIN if another holds it. Closing the descriptor gives it back.
+// false: EAGAIN if another holds it. Closing the descriptor gives it back only if the file is not
+// mapped: a mapping keeps the open file, and so the lock.
 int lock_file(int fd, bool wait);
+void unlock_file(int fd);
 // True while another open of the file holds such a lock.
 bool is_locked(int fd);
 

@@ -58,7 +58,8 @@ enum : size_t {
     k_debug
 };
 
-std::mutex opening;
+std::mutex opening;  // and of `left_behind`
+ring *left_behind;   // rings of a former run dir; a writer may still be in one, so they stay mapped
 
 uint64_t nanoseconds(clockid_t clock) {
     timespec now = {};
@@ -197,18 +198,31 @@ ring *open_ring(const ltrace_handle *handle) {
     return opened;
 }
 
+void close_file(ring *of) {
+    if (of->fd >= 0) {
+        close(of->fd);
+        of->fd = -1;
+    }
+}
+
+void end_ring(ring *gone) {
+    if (gone != nullptr) {
+        munmap(gone->header, gone->length);
+        close_file(gone);
+        delete gone;
+    }
+}
+
 // The parent's rings are the parent's: the child closes its copies, so that the lock on the file
 // does not outlive the parent.
 void forget_rings() {
     for (ltrace_handle &handle : handles) {
-        ring *old = handle.open.exchange(nullptr, std::memory_order_relaxed);
-        if (old != nullptr) {
-            munmap(old->header, old->length);
-            if (old->fd >= 0) {
-                close(old->fd);
-            }
-            delete old;
-        }
+        end_ring(handle.open.exchange(nullptr, std::memory_order_relaxed));
+    }
+    while (left_behind != nullptr) {
+        ring *gone = left_behind;
+        left_behind = gone->next;
+        end_ring(gone);
     }
 }
 
@@ -297,7 +311,7 @@ void write_more_text(const ring *to, uint64_t first, const char *text, size_t le
             return;  // readers miss this part and pass over the record
         }
         const size_t bytes = std::min(length, more_text_bytes);
-        put(slot, 0, first);
+        put(slot, at_meta, pack_more(first));
         put_text(slot, at_more_text, text, bytes);
         finish(slot, first + part);
         text += bytes;
@@ -317,8 +331,15 @@ ring *ring_of(ltrace_handle *handle) {
 void traces_leave_run_dir() {
     const std::lock_guard hold(opening);
     for (ltrace_handle &handle : handles) {
-        handle.open.store(nullptr,
-                          std::memory_order_release);  // a writer may be in it: stays mapped
+        ring *old = handle.open.exchange(nullptr, std::memory_order_acq_rel);
+        if (old != nullptr) {
+            if (old->fd >= 0) {
+                unlock_file(old->fd);
+            }
+            close_file(old);  // its file may be replaced if the run dir comes back
+            old->next = left_behind;
+            left_behind = old;
+        }
     }
 }
 

@@ -62,7 +62,7 @@ bool read_more_text(const ltrace_reader *reader, uint64_t first, ltrace_record *
         }
         const ring_slot *slot = slot_at(reader, position);
         const size_t bytes = std::min<size_t>(record->length - done, more_text_bytes);
-        const bool belongs = get(slot, 0) == first;
+        const bool belongs = get(slot, at_meta) == pack_more(first);
         get_text(slot, at_more_text, record->text + done, bytes);
         if (!belongs || !is_done(reader, position)) {
             return false;

@@ -53,12 +53,14 @@ constexpr size_t ring_bytes(uint64_t slots) {
     return sizeof(ring_header) + slots * sizeof(ring_slot);
 }
 
-// What a slot holds. The first slot of a record: time, id, meta, then six words, or the traceback
-// and the beginning of the text. Further slots: the position of the first, then text.
+// What a slot holds. The first slot of a record: meta, time, id, then six words, or the traceback
+// and the beginning of the text. Further slots: the position of the first, then text. The first
+// word of either ends in the type, so that what a former record left in a slot is never taken for
+// the beginning of one.
 enum class slot_type : uint64_t { words = 1, text = 2, more = 3 };
-inline constexpr size_t at_time = 0;
-inline constexpr size_t at_id = 1;
-inline constexpr size_t at_meta = 2;
+inline constexpr size_t at_meta = 0;
+inline constexpr size_t at_time = 1;
+inline constexpr size_t at_id = 2;
 inline constexpr size_t at_payload = 3;
 inline constexpr size_t at_text = 8;
 inline constexpr size_t at_more_text = 1;
@@ -89,13 +91,19 @@ constexpr slot_meta unpack(uint64_t v) {
             static_cast<slot_type>(v >> 60U)};
 }
 
+constexpr uint64_t pack_more(uint64_t first) {
+    return first | static_cast<uint64_t>(slot_type::more) << 60U;
+}
+
 // One ring as mapped by this process.
 struct ring {
     ring_header *header;
     ring_slot *slots;
     uint64_t mask;
     size_t length;
-    int fd;  // -1 for private memory; else holds the lock that proves the writer's life
+    int fd;      // -1 for private memory or a ring left behind; else holds the lock that proves the
+                 // writer's life
+    ring *next;  // among the rings left behind
 };
 
 // The ring of a handle, opened if it was not; NULL only when no memory of any kind is to be had.

@@ -68,4 +68,11 @@ TEST(Cbuf, RefusesWhatCannotBe) {
     cbuf_destroy(nullptr);
 }
 
+TEST(Cbuf, WithoutMemoryThereIsNoBuffer) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "sanitizers stop the program at such a size";
+#endif
+    EXPECT_EQ(cbuf_create(UINT32_MAX, INT32_MAX), nullptr);
+}
+
 }  // namespace

@@ -103,6 +103,38 @@ TEST_F(Fault, WhatIsArmedOutlivesTheProcess) {
               0);
 }
 
+TEST_F(Fault, TwoLiveProcessesOfAProgramShareATable) {
+    int ready[2] = {};
+    int done[2] = {};
+    ASSERT_EQ(pipe(ready), 0);
+    ASSERT_EQ(pipe(done), 0);
+    const auto make = [] {
+        fim_handle made = nullptr;
+        fim_register("shared", points, 3, 0, &made, nullptr);
+        return made;
+    };
+    const pid_t child = fork();
+    if (child == 0) {
+        make();
+        char byte = 'x';
+        _exit(write(ready[1], &byte, 1) == 1 && read(done[0], &byte, 1) == 1 ? 0 : 1);
+    }
+    char byte = 0;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    EXPECT_EQ(in_child([&] {
+                  alarm(10);  // ends a wait for a lock that the other process still holds
+                  const fim_handle made = make();
+                  return made != nullptr && fim_arm(made, 1, 0, 1) == 0 && fim_armed(made, 1) ? 0
+                                                                                              : 1;
+              }),
+              0);
+    ASSERT_EQ(write(done[1], &byte, 1), 1);
+    waitpid(child, nullptr, 0);
+    for (const int fd : {ready[0], ready[1], done[0], done[1]}) {
+        close(fd);
+    }
+}
+
 TEST_F(Fault, TheSameNameGivesTheSameHandle) {
     fim_handle again = nullptr;
     ASSERT_EQ(fim_register(name.c_str(), points, 3, 0, &again, nullptr), 0U);

@@ -4,12 +4,13 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <set>
 #include <thread>
 
 #include "services/diag/text.h"
@@ -181,6 +182,28 @@ TEST_F(Trace, ATextWhoseBeginningIsOverwrittenIsPassedOver) {
     EXPECT_EQ(records.size(), info.slots - 5);
     for (const auto &record : records) {
         ASSERT_EQ(record.id, 2U);
+    }
+    ltrace_close(reader);
+}
+
+TEST_F(Trace, TheEndOfALostTextIsNotTakenForARecord) {
+    ltrace_handle *handle = ip6mc_mlib_warn_ltrace();
+    ltrace_reader *reader = nullptr;
+    ASSERT_EQ(ltrace_open_handle(handle, &reader), 0U);
+    ltrace_ring_info info;
+    ltrace_info(reader, &info);
+    for (uint64_t i = 0; i < info.slots; ++i) {
+        _ltrace_6(handle, 2, 2, 2, 2, 2, 2, 2);  // what the slots hold before
+    }
+    _lstrace(handle, 1, nullptr,
+             std::string(60, 'x').c_str());  // two slots, the second nearly empty
+    for (uint64_t i = 0; i < info.slots - 1; ++i) {
+        _ltrace(handle, 3);
+    }
+    const auto records = read_all(reader);
+    EXPECT_EQ(records.size(), info.slots - 1);
+    for (const auto &record : records) {
+        ASSERT_EQ(record.id, 3U);
     }
     ltrace_close(reader);
 }
@@ -398,6 +421,49 @@ TEST_F(Trace, OnAFullFileSystemTheRingIsPrivate) {
         GTEST_SKIP() << "this machine does not let us mount a tmpfs";
     }
     EXPECT_EQ(result, 0);
+}
+
+TEST_F(Trace, WithoutAnyMemoryRecordsAreDroppedUntilThereIsSome) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "sanitizers need address space without a limit";
+#endif
+    EXPECT_EQ(in_child([] {
+                  rlimit limit = {};
+                  getrlimit(RLIMIT_AS, &limit);
+                  const rlim_t before = limit.rlim_cur;
+                  limit.rlim_cur = 4096;
+                  setrlimit(RLIMIT_AS, &limit);
+                  ltrace_handle *handle = ip6mc_mlib_err_ltrace();
+                  _ltrace(handle, 1);
+                  ltrace_reader *reader = nullptr;
+                  if (ltrace_open_handle(handle, &reader) != ENOMEM || reader != nullptr) {
+                      return 1;
+                  }
+                  limit.rlim_cur = before;
+                  setrlimit(RLIMIT_AS, &limit);
+                  _ltrace(handle, 2);
+                  if (ltrace_open_handle(handle, &reader) != 0) {
+                      return 2;
+                  }
+                  const auto records = read_all(reader);
+                  return records.size() == 1 && records[0].id == 2 ? 0 : 3;
+              }),
+              0);
+}
+
+TEST_F(Trace, ARunDirThatComesBackGetsAFreshRing) {
+    ltrace_handle *handle = ip6mc_mlib_err_ltrace();
+    _ltrace(handle, 1);
+    const std::string other = directory + "/other";
+    ASSERT_EQ(diag_set_run_dir(other.c_str()), 0U);
+    _ltrace(handle, 2);
+    ASSERT_EQ(diag_set_run_dir(directory.c_str()), 0U);
+    _ltrace(handle, 3);
+    ltrace_reader *reader = open(getpid(), "err");
+    const auto records = read_all(reader);
+    ASSERT_EQ(records.size(), 1U);
+    EXPECT_EQ(records[0].id, 3U);
+    ltrace_close(reader);
 }
 
 TEST_F(Trace, BadArgumentsAreRefused) {
