@@ -1,15 +1,38 @@
 # A thin face over CMake; `make help` lists the targets.
 SHELL := /bin/bash
 JOBS ?= $(shell nproc)
+WERROR ?= OFF
 
 .PHONY: help setup build run test test-release test-asan test-tsan bench lint format clean
 
 help:            ## show this list
-	@grep -hE '^[a-z-]+: .*##|^[a-z-]+:  *##' $(MAKEFILE_LIST) | sed -E 's/:[^#]*##/\t/' | expand -t 16
+	@sed -nE 's/^([a-z-]+):.*## (.*)/  \1\t\2/p' $(MAKEFILE_LIST) | expand -t 18
 
 setup:           ## install the Debian packages that are missing
 	@scripts/install-packages
 
-build: setup     ## build everything, release
-	cmake --preset release >/dev/null
+build: setup     ## build everything (release)
+	@cmake --preset release -DMFWD6_WERROR=$(WERROR) >/dev/null
 	cmake --build --preset release -j $(JOBS)
+
+run: build       ## a process is killed in the middle of its work; the next one shows what survived
+	build/release/bin/mfwd6-survive
+
+test: test-release test-asan test-tsan  ## all tests: release, address+undefined, thread sanitizer
+
+test-release test-asan test-tsan: test-%: setup
+	@cmake --preset $* -DMFWD6_WERROR=$(WERROR) >/dev/null
+	cmake --build --preset $* -j $(JOBS)
+	ctest --preset $* -j $(JOBS)
+
+bench: build     ## run the benchmarks, each beside its yardstick
+	scripts/bench
+
+lint: setup      ## clang-format, clang-tidy and a build with Clang, all without complaint
+	scripts/lint
+
+format: setup    ## apply clang-format
+	scripts/format
+
+clean:           ## remove what was built
+	rm -rf build
