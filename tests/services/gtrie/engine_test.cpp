@@ -213,6 +213,7 @@ TEST_P(Worst, ChainOfAllNestedPrefixes) {
     for (uint32_t i = 0; i < bits; ++i) {
         whole.set(i, keys.pick(2) != 0);
     }
+    whole.length = bits;
     std::vector<uint32_t> lengths;
     for (uint32_t i = 0; i <= bits; ++i) {
         lengths.insert(lengths.begin() + keys.pick(i + 1), i);
