@@ -79,7 +79,8 @@ entry find_from(const node *n, uint32_t code) {
     if (n->kind != node_kind::wide) {
         return smallest_from(n, code);
     }
-    const entry child = smallest_child_from(wide_of(n), code >> 3);
+    // A code behind the full one of its symbol (bits 7) means the next symbol.
+    const entry child = smallest_child_from(wide_of(n), (code + 1) >> 3);
     const node *side = side_of(n);
     const entry ending = side == nullptr ? 0 : smallest_from(side, code);
     if (ending == 0 || child == 0) {
