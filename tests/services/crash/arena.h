@@ -93,7 +93,7 @@ inline bool killed_at(arena *a, uint64_t point, const std::function<void()> &wor
         points_left = point;
         journal::crash_hook = count_down;
         work();
-        _exit(0);
+        _exit(::testing::Test::HasFailure() ? 1 : 0);
     }
     int status = 0;
     EXPECT_EQ(waitpid(child, &status, 0), child);
