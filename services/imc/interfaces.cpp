@@ -86,9 +86,12 @@ void change(imc_context *c, interface *i, const char *name, uint16_t type, uint3
     if (std::strcmp(i->name, name) == 0 && i->type == type && i->parent == parent) {
         return;
     }
+    // The new place is sought among the others: the name in hand is out of order.
     remove_at(c->by_name, c->count, name_place(c, i->name));
+    --c->count;
     std::strcpy(i->name, name);
-    insert_at(c->by_name, c->count - 1, name_place(c, name), i);
+    insert_at(c->by_name, c->count, name_place(c, name), i);
+    ++c->count;
     i->type = type;
     i->parent = parent;
     tell(c, IMC_CHANGED, i);
