@@ -45,6 +45,7 @@ void recover_peer(const recovery_plan &plan, peers::peer_id dead) {
     }
     for (uint32_t i = 0; i < peers::domains; ++i) {
         recover_log(plan, dead, plan.window->logs[i]);
+        journal::crash_point();
         if (i == static_cast<uint32_t>(peers::domain::allocator)) {
             // The logs that follow need the allocator, and nobody would free its lock for this
             // thread.
@@ -53,6 +54,7 @@ void recover_peer(const recovery_plan &plan, peers::peer_id dead) {
     }
     tell(plan, dead, nullptr, journal::recovery::clean);
     peers::clear_slot(plan.window, dead);
+    journal::crash_point();
     unlock(plan.recovery, once);
 }
 
