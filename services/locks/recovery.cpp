@@ -31,6 +31,15 @@ void recover_log(const recovery_plan &plan, peers::peer_id dead, journal::log *l
     }
 }
 
+// An earlier recoverer may have died while it gave back a block for `dead`: what it had stored of
+// that reaches into the log of `dead`, and must be undone before that log is read.
+void settle_allocator(const recovery_plan &plan) {
+    const mutex_options how = {.window = plan.window};
+    if (is_taken(lock(plan.allocator, how))) {
+        unlock(plan.allocator, how);
+    }
+}
+
 }  // namespace
 
 void recover_peer(const recovery_plan &plan, peers::peer_id dead) {
@@ -50,6 +59,7 @@ void recover_peer(const recovery_plan &plan, peers::peer_id dead) {
             // The logs that follow need the allocator, and nobody would free its lock for this
             // thread.
             release_dead(plan.allocator, dead);
+            settle_allocator(plan);
         }
     }
     tell(plan, dead, nullptr, journal::recovery::clean);

@@ -47,6 +47,13 @@ void give_block(journal::log *around, void *block) {
     locks::unlock(&page_in_use->at->allocator, allocator_lock());
 }
 
+void free_block_of(uint64_t &word) {
+    if (word != 0) {
+        journal::note_free(journal::self.current, reinterpret_cast<void *>(word));
+        journal::store(word, 0);
+    }
+}
+
 const journal::block_hooks hooks = {.release = give_block};
 
 class Recovery : public testing::Test {
@@ -60,7 +67,7 @@ class Recovery : public testing::Test {
         locks::lock(&p.at->mutex, window);
         {
             journal::group g;
-            journal::store(p.at->words[0], 1);
+            free_block_of(p.at->words[1]);
             void *b = take_block();
             journal::store(p.at->words[1], reinterpret_cast<uint64_t>(b));
         }
@@ -68,8 +75,8 @@ class Recovery : public testing::Test {
         rrw_lock_get_timedwrlock(&p.at->rw, &t);
         {
             journal::group g;
-            journal::note_free(journal::self.current, reinterpret_cast<void *>(p.at->words[1]));
-            journal::store(p.at->words[1], 0);
+            free_block_of(p.at->words[1]);
+            free_block_of(p.at->words[2]);
             void *b = take_block();
             journal::store(p.at->words[2], reinterpret_cast<uint64_t>(b));
         }

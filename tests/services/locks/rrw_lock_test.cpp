@@ -466,15 +466,15 @@ TEST(RrwLock, InitOfALockInLiveUseIsEbusyAndHarmless) {
     EXPECT_EQ(holds(p.at->rw), 0U);
 }
 
-std::string *told = nullptr;
+std::string told;
 void tell(const char *format, ...) {
     char text[256];
     va_list arguments;
     va_start(arguments, format);
     vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
-    *told += text;
-    *told += '\n';
+    told += text;
+    told += '\n';
 }
 
 TEST(RrwLock, InitRecoversWhatTheDeadLeftAndTellsIt) {
@@ -491,12 +491,10 @@ TEST(RrwLock, InitRecoversWhatTheDeadLeftAndTellsIt) {
     ASSERT_EQ(p.open(), 0);
     EXPECT_EQ(rrw_lock_init(&p.at->rw, 2, 1, tell, 0), 16U);
     writer.kill();
-    std::string text;
-    told = &text;
     EXPECT_EQ(rrw_lock_init(&p.at->rw, 2, 1, tell, 0), 0U);
     EXPECT_EQ(p.at->words[0], 5U);
     EXPECT_EQ(p.at->rw.gate, 0U);
-    EXPECT_NE(text.find("died, its changes were recovered"), std::string::npos) << text;
+    EXPECT_NE(told.find("died, its changes were recovered"), std::string::npos) << told;
 }
 
 TEST(RrwLock, LockZeroedUnderItsHoldersStaysUsable) {
