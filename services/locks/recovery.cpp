@@ -31,6 +31,15 @@ void recover_log(const recovery_plan &plan, peers::peer_id dead, journal::log *l
     }
 }
 
+// An earlier recoverer may have died while it gave back a block for `dead`: what it had stored of
+// that reaches into the log of `dead`, and must be undone before that log is read.
+void settle_allocator(const recovery_plan &plan) {
+    const mutex_options how = {.window = plan.window};
+    if (is_taken(lock(plan.allocator, how))) {
+        unlock(plan.allocator, how);
+    }
+}
+
 }  // namespace
 
 void recover_peer(const recovery_plan &plan, peers::peer_id dead) {
@@ -45,14 +54,17 @@ void recover_peer(const recovery_plan &plan, peers::peer_id dead) {
     }
     for (uint32_t i = 0; i < peers::domains; ++i) {
         recover_log(plan, dead, plan.window->logs[i]);
+        journal::crash_point();
         if (i == static_cast<uint32_t>(peers::domain::allocator)) {
             // The logs that follow need the allocator, and nobody would free its lock for this
             // thread.
             release_dead(plan.allocator, dead);
+            settle_allocator(plan);
         }
     }
     tell(plan, dead, nullptr, journal::recovery::clean);
     peers::clear_slot(plan.window, dead);
+    journal::crash_point();
     unlock(plan.recovery, once);
 }
 

@@ -23,11 +23,13 @@ void unbind(const mutex_options &how) {
 }
 
 outcome taken(robust_mutex *m, const mutex_options &how, peers::peer_id peer, outcome result) {
+    journal::crash_point();
     m->depth = 1;
     if (!bind(how, peer)) {
         word::release(m->word, 1);
         return outcome::no_binding;
     }
+    journal::crash_point();
     return result;
 }
 
@@ -106,6 +108,7 @@ outcome acquire(robust_mutex *m, const mutex_options &how, bool wait) {
                 return outcome::taken_again;
             }
         } else if (waits.suspicious() && holder_is_dead(how, seen)) {
+            journal::crash_point();
             mark = word::waiting;
             // Its recovery may have freed the mutex, or another waiter may have been faster.
             if (w.compare_exchange_strong(seen, me | mark)) {
@@ -168,7 +171,9 @@ cerrno unlock(robust_mutex *m, const mutex_options &how) {
         return 0;
     }
     unbind(how);
+    journal::crash_point();
     word::release(m->word, 1);
+    journal::crash_point();
     return 0;
 }
 

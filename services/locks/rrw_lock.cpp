@@ -114,6 +114,7 @@ bool dead_and_recovered(const caller &who, uint64_t seen) {
         return false;
     }
     recover(who, peer);
+    journal::crash_point();
     return true;
 }
 
@@ -328,7 +329,9 @@ cerrno unlock_write(const caller &who, int line) {
         return EPERM;  // the lock was zeroed under us
     }
     who.lock->line = line;
+    journal::crash_point();
     open_gate(who);
+    journal::crash_point();
     return 0;
 }
 
@@ -338,7 +341,9 @@ cerrno unlock_read(const caller &who, int line) {
     }
     --who.mine->reads;
     std::atomic_ref<int32_t>(who.slot().line).store(line, std::memory_order_relaxed);
+    journal::crash_point();
     leave(who);
+    journal::crash_point();
     return 0;
 }
 
@@ -412,7 +417,9 @@ cerrno rrw_lock_get_timedwrlock(rrw_lock_t *lock, const struct timespec *deadlin
     if (code != 0) {
         return code;
     }
+    journal::crash_point();
     code = drain(who, deadline);
+    journal::crash_point();
     if (code == 0) {
         code = bind_log(who);
     }
@@ -421,6 +428,7 @@ cerrno rrw_lock_get_timedwrlock(rrw_lock_t *lock, const struct timespec *deadlin
         return code;
     }
     who.mine->writes = 1;
+    journal::crash_point();
     return 0;
 }
 
@@ -434,12 +442,15 @@ cerrno rrw_lock_get_timedrdlock(rrw_lock_t *lock, const struct timespec *deadlin
         return code;
     }
     make_known(who);
+    journal::crash_point();
     if (!enter(who)) {
         return EAGAIN;
     }
+    journal::crash_point();
     // A thread that holds the lock already keeps writers out, or is the writer.
     if (idle(*who.mine) && at(lock->gate).load() != 0) {
         leave(who);
+        journal::crash_point();
         code = read_slow(who, deadline);
     }
     if (code == 0) {
