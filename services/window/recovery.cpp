@@ -57,7 +57,6 @@ bool undo_covers(const journal::log *l, const void *address) {
 void empty_log(journal::log *l) {
     l->used = 0;
     l->frees = 0;
-    l->overflowed = 0;
     std::atomic_signal_fence(std::memory_order_seq_cst);
     l->committing = 0;
 }
@@ -89,7 +88,7 @@ bool logs_plausible(const open_window &w) {
     for (uint32_t d = 0; d < peers::domains; ++d) {
         const journal::log *l = w.env.logs[d];
         if (l->magic != journal::log_magic || l->capacity != log_entries[d] ||
-            l->used > l->capacity) {
+            (l->used & ~journal::overflow_bit) > l->capacity) {
             return false;
         }
     }
