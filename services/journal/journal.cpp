@@ -15,6 +15,9 @@ namespace {
 binding process_binding{};
 const block_hooks *hooks = nullptr;
 
+// Identity on memory that belongs to no window, where nobody else looks.
+constexpr uint32_t peerless = 1;
+
 constexpr uint64_t address_mask = (uint64_t{1} << 56) - 1;
 
 kind kind_at(const entry &e) {
@@ -82,6 +85,19 @@ void recount_frees(log *l) {
     l->frees = frees;
 }
 
+// A dead process's private memory is not ours: such entries are made void, one store each.
+void pass_over_private(log *l) {
+    if (hooks == nullptr || hooks->covers == nullptr) {
+        return;
+    }
+    for (uint64_t i = 0; i < l->used; ++i) {
+        entry &e = entries(l)[i];
+        if (kind_at(e) <= kind::word8 && !hooks->covers(l, address_at(e))) {
+            e.where = static_cast<uint64_t>(kind::free_on_commit) << 56;
+        }
+    }
+}
+
 }  // namespace
 
 log *format(void *where, size_t bytes) {
@@ -132,13 +148,18 @@ log *choose() {
 
 namespace {
 
+// An explicit group may be on a log that nothing is bound to: it has the identity of the group
+// around it, else that of the process.
 uint32_t peer_for(const log *l) {
     for (uint32_t i = self.bound_count; i > 0; --i) {
         if (self.bound[i - 1].target == l) {
             return self.bound[i - 1].peer;
         }
     }
-    return process_binding.target == l ? process_binding.peer : self.peer;
+    if (process_binding.target != l && self.peer != 0) {
+        return self.peer;
+    }
+    return process_binding.peer != 0 ? process_binding.peer : peerless;
 }
 
 }  // namespace
@@ -147,7 +168,7 @@ void begin_slow(log *chosen) {
     const uint32_t peer = peer_for(chosen);
     uint32_t idle = 0;
     while (!std::atomic_ref<uint32_t>(chosen->holder)
-                .compare_exchange_weak(idle, peer != 0 ? peer : 1, std::memory_order_acquire)) {
+                .compare_exchange_weak(idle, peer, std::memory_order_acquire)) {
         // Only another thread of this process can hold it: a dead holder is recovered before
         // binding.
         idle = 0;
@@ -161,7 +182,9 @@ void begin_slow(log *chosen) {
 void commit_with_frees(log *l) {
     std::atomic_signal_fence(std::memory_order_seq_cst);
     l->committing = 1;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
     crash_point();
+    l->used &= ~overflow_bit;
     while (l->used != 0) {
         const entry e = entries(l)[l->used - 1];
         if (kind_at(e) == kind::free_on_commit) {
@@ -172,13 +195,15 @@ void commit_with_frees(log *l) {
         crash_point();
     }
     l->frees = 0;
-    l->overflowed = 0;
     ++l->commits;
     std::atomic_signal_fence(std::memory_order_seq_cst);
     l->committing = 0;
 }
 
-void undo_to(log *l, uint64_t mark) {
+bool undo_to(log *l, uint64_t mark) {
+    if (l->used > l->capacity) {
+        return false;
+    }
     while (l->used > mark) {
         undo_last(l);
         crash_point();
@@ -186,20 +211,48 @@ void undo_to(log *l, uint64_t mark) {
     if (l->frees != 0) {
         recount_frees(l);
     }
+    return true;
 }
 
 void overflow(log *l) {
-    l->overflowed = 1;
+    if ((l->used & overflow_bit) == 0) {
+        l->used |= overflow_bit;
+        ++l->overflowed;
+    }
 }
 
 void note_allocation(log *outer, void *block) {
-    if (outer->used >= outer->capacity) {
-        overflow(outer);
-        return;
+    const uint64_t n = outer->used;
+    if (n < outer->capacity) {
+        entries(outer)[n] = {
+            (static_cast<uint64_t>(kind::free_on_undo) << 56) | reinterpret_cast<uint64_t>(block),
+            0};
+        store(outer->used, n + 1);
+    } else if ((n & overflow_bit) == 0) {
+        // Through the allocator's journal like the note itself: a later restore must not lose it.
+        store(outer->used, n | overflow_bit);
+        ++outer->overflowed;
     }
-    entries(outer)[outer->used] = {
-        (static_cast<uint64_t>(kind::free_on_undo) << 56) | reinterpret_cast<uint64_t>(block), 0};
-    store(outer->used, outer->used + 1);
+}
+
+void copy(void *to, const void *from, size_t bytes) {
+    auto *t = static_cast<unsigned char *>(to);
+    const auto *f = static_cast<const unsigned char *>(from);
+    while (bytes != 0) {
+        if (bytes >= sizeof(uint64_t) && reinterpret_cast<uintptr_t>(t) % sizeof(uint64_t) == 0) {
+            uint64_t word;
+            std::memcpy(&word, f, sizeof word);
+            store(*reinterpret_cast<uint64_t *>(t), word);
+            t += sizeof word;
+            f += sizeof word;
+            bytes -= sizeof word;
+        } else {
+            store(*t, *f);
+            ++t;
+            ++f;
+            --bytes;
+        }
+    }
 }
 
 void note_free(log *outer, void *block) {
@@ -208,6 +261,9 @@ void note_free(log *outer, void *block) {
 }
 
 recovery recover(log *l) {
+    if (l->magic != log_magic) {
+        return recovery::damaged;
+    }
     if (l->holder == 0) {
         return recovery::clean;
     }
@@ -215,14 +271,16 @@ recovery recover(log *l) {
     if (l->committing != 0) {
         commit_with_frees(l);
         result = recovery::finished;
-    } else if (l->overflowed != 0) {
-        result = recovery::damaged;
-        l->used = 0;
-        l->overflowed = 0;
     } else if (l->used != 0) {
-        undo_to(l, 0);
-        ++l->undone;
-        result = recovery::undone;
+        if (l->used > l->capacity) {
+            l->used = 0;
+            result = recovery::damaged;
+        } else {
+            pass_over_private(l);
+            undo_to(l, 0);
+            ++l->undone;
+            result = recovery::undone;
+        }
     }
     l->frees = 0;
     std::atomic_ref<uint32_t>(l->holder).store(0, std::memory_order_release);

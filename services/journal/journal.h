@@ -48,9 +48,9 @@ struct alignas(64) log {
     uint32_t capacity;    // entries
     uint32_t holder;      // peer id of the process with a group open, 0 when idle
     uint32_t committing;  // the change is final, its frees are being done
-    uint64_t used;        // entries that count
-    uint64_t frees;       // of these, entries of kind free_on_commit
-    uint64_t overflowed;  // the open group outgrew the log: it cannot be undone
+    uint64_t used;        // entries that count; `overflow_bit` when the group outgrew the log
+    uint64_t frees;       // not 0 when there may be entries of kind free_on_commit
+    uint64_t overflowed;  // groups that outgrew the log since it was made
     uint64_t commits;     // groups committed since the log was made
     uint64_t undone;      // groups run backwards since the log was made
     uint64_t reserved;    // zero
@@ -58,6 +58,10 @@ struct alignas(64) log {
 static_assert(sizeof(log) == 64 && std::is_trivially_copyable_v<log>);
 
 inline constexpr uint32_t log_magic = 0x6a726e31;
+
+// Set in `log::used` when the open group outgrew the log: it cannot be undone any more. It is part
+// of that word so that the one store which commits the group settles this too.
+inline constexpr uint64_t overflow_bit = uint64_t{1} << 63;
 
 // Bytes of a log with room for `entries`.
 constexpr size_t log_bytes(uint32_t entries) {
@@ -75,6 +79,10 @@ struct binding {
 // alone.
 struct block_hooks {
     void (*release)(log *outer, void *block);
+    // Whether `address` may be written on behalf of a dead holder of `l`: it lies in memory that
+    // the log shares with other processes. Entries for private memory are passed over in `recover`.
+    // Null: all may.
+    bool (*covers)(const log *l, const void *address) = nullptr;
 };
 
 // State of one thread. Treat as private; it is here so that the hot path can be inline.
@@ -110,12 +118,13 @@ inline entry *entries(log *l) {
 MFWD6_EXPORT log *format(void *where, size_t bytes);
 
 // The log of this process for threads that hold no lock with a log of its own; null unbinds. Set
-// when a window is opened by its owner.
+// when a window is opened by its owner. `peer` is the identity of the process in explicit groups
+// also when `target` is null.
 MFWD6_EXPORT void bind_process(log *target, uint32_t peer);
 
 // The innermost lock with a log of its own: called by lock and unlock on the locking thread, last
-// in, first out. At most 6 deep.
-MFWD6_EXPORT void bind_thread(log *target, uint32_t peer);
+// in, first out. At most 6 deep: false when there is no room.
+MFWD6_EXPORT bool bind_thread(log *target, uint32_t peer);
 MFWD6_EXPORT void unbind_thread(log *target);
 
 // In the child of a fork: forgets all bindings and open groups, which are the parent's.
@@ -135,7 +144,7 @@ MFWD6_EXPORT recovery recover(log *l);
 // Private to `group`: out of line because they are rare or long.
 MFWD6_EXPORT void begin_slow(log *chosen);
 MFWD6_EXPORT void commit_with_frees(log *l);
-MFWD6_EXPORT void undo_to(log *l, uint64_t mark);
+MFWD6_EXPORT bool undo_to(log *l, uint64_t mark);
 MFWD6_EXPORT void overflow(log *l);
 MFWD6_EXPORT log *choose();
 
@@ -149,6 +158,7 @@ inline void append(log *l, kind what, const volatile void *address, uint64_t old
     entries(l)[n] = {(static_cast<uint64_t>(what) << 56) | reinterpret_cast<uint64_t>(address),
                      old};
     std::atomic_signal_fence(std::memory_order_seq_cst);
+    crash_point();
     l->used = n + 1;
     std::atomic_signal_fence(std::memory_order_seq_cst);
 }
@@ -200,13 +210,19 @@ inline void publish(T &field, std::type_identity_t<T> value) {
     crash_point();
 }
 
+// Journaled store of `bytes` bytes at `to`, for texts and long keys: eight at a time where they are
+// aligned, an entry for each. Whoever reads beside it may see a part of the change.
+MFWD6_EXPORT void copy(void *to, const void *from, size_t bytes);
+
 // The reader's side of `publish`.
 template <class T>
 inline T observe(const T &field) {
     return std::atomic_ref<T>(const_cast<T &>(field)).load(std::memory_order_acquire);
 }
 
-// One structural change. The outermost group of a thread commits; inner ones join it.
+// One structural change. The outermost group of a thread commits; inner ones join it, whatever
+// locks were taken in between: take locks first, then open the group, and let it end before the
+// lock goes.
 class group {
   public:
     group() : group(self.current != nullptr ? self.current : choose()) {}
@@ -226,38 +242,55 @@ class group {
         mark_ = l->used;
     }
 
+    // A group on the log of a lock that the caller holds and that nobody else can write to
+    // meanwhile; never joins. `peer` is the identity under which the lock is held.
+    group(log *l, uint32_t peer)
+        : log_(l), outer_(self.current), outer_depth_(self.depth), outer_peer_(self.peer) {
+        std::atomic_ref<uint32_t>(l->holder).store(peer, std::memory_order_relaxed);
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        self.current = l;
+        self.depth = 1;
+        self.peer = peer;
+        mark_ = l->used;
+    }
+
     group(const group &) = delete;
     group &operator=(const group &) = delete;
 
     ~group() {
-        if (log_ == nullptr) {
+        // The second test is for the child of a fork: the open group is its parent's.
+        if (log_ == nullptr || self.current != log_) {
             return;
         }
-        if (--self.depth == 0) {
-            crash_point();
-            if (log_->frees != 0) {
-                commit_with_frees(log_);
-            } else {
-                std::atomic_signal_fence(std::memory_order_seq_cst);
-                log_->used = 0;
-                log_->overflowed = 0;
-                ++log_->commits;
-            }
-            crash_point();
-            std::atomic_ref<uint32_t>(log_->holder).store(0, std::memory_order_release);
-            self.current = outer_;
-            self.depth = outer_depth_;
-            self.peer = outer_peer_;
+        if (self.depth > 1) {
+            --self.depth;
+            return;
         }
+        crash_point();
+        if (log_->frees != 0) {
+            commit_with_frees(log_);
+        } else {
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+            log_->used = 0;
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+            ++log_->commits;
+        }
+        crash_point();
+        std::atomic_ref<uint32_t>(log_->holder).store(0, std::memory_order_release);
+        self.current = outer_;
+        self.depth = outer_depth_;
+        self.peer = outer_peer_;
     }
 
     // Runs back what this group (and the groups inside it) stored and allocated so far. The group
-    // stays usable. Without a log there is nothing to run back: the caller must not rely on it
-    // there.
-    void undo() {
-        if (log_ != nullptr) {
-            undo_to(log_, mark_);
-        }
+    // stays usable. False, and nothing is changed, when the group outgrew its log or has none: the
+    // caller must not rely on it there.
+    bool undo() { return log_ != nullptr && undo_to(log_, mark_); }
+
+    // True when `words` more stores or notes fit in the log. Always true without a log.
+    bool room(uint64_t words) const {
+        return log_ == nullptr ||
+               (log_->used <= log_->capacity && words <= log_->capacity - log_->used);
     }
 
     bool journaled() const { return log_ != nullptr; }

@@ -31,8 +31,7 @@ MFWD6_END_C
 namespace mfwd6::locks {
 
 // The window service calls it with the mutex in its superblock when a window is opened (after
-// `peers::env_add`) and with null when it is closed. A hold on the former mutex is still given up
-// properly.
+// `peers::env_add`), and with null before it is closed (before `peers::env_remove`).
 MFWD6_EXPORT void pak_client_mutex_bind(robust_mutex *m);
 
 }  // namespace mfwd6::locks

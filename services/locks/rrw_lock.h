@@ -11,8 +11,9 @@
 // Several threads of a process may read. A thread that holds the lock may take the read lock again
 // without waiting. A second write lock waits, also on the thread that has the first, and times out.
 //
-// The lock may lie in a window or in private memory; see services/peers. While a thread holds the
-// write lock of a window, its groups go to the window's `table_lock` journal log.
+// The lock may lie in a window or in private memory; see services/peers. A window has one such
+// lock, as it has one log for it. A thread that reads and asks to write waits for itself. While a
+// thread holds the write lock of a window, its groups go to the window's `table_lock` journal log.
 #ifndef MFWD6_SERVICES_LOCKS_RRW_LOCK_H
 #define MFWD6_SERVICES_LOCKS_RRW_LOCK_H
 
@@ -49,8 +50,8 @@ typedef struct __attribute__((aligned(64))) rrw_lock {
     rrw_lock_slot slots[RRW_LOCK_SLOTS];
 } rrw_lock_t;
 
-// Receives one line of text (printf(3) form) for what is out of the ordinary: deaths and timeouts.
-// Belongs to the process: the latest one given serves all locks.
+// Receives one line of text (printf(3) form) for each death dealt with. Belongs to the process: the
+// latest one given serves all locks.
 typedef void (*rrw_lock_trace_ft)(const char *format, ...);
 
 // Makes the lock, or, with `exists` not 0, readies one that an earlier process left: what dead
