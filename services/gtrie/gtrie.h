@@ -65,8 +65,7 @@ enum {
     GTRIE_E_NO_FUNCTIONS = 0x44a01008, /* this process has not said how to allocate: see re_init */
     GTRIE_E_MISMATCH = 0x44a01009, /* re_init with other parameters than the trie was made with */
     GTRIE_E_LENGTH = 0x44a0100a, /* length above the key length, or below 13 where it must not be */
-    GTRIE_E_PARAMS = 0x44a0100b, /* parameter record with an impossible field */
-    GTRIE_E_NOT_STARTED = 0x44a0100c /* platform family used before ip6mc_gtrie_platform_lib_init */
+    GTRIE_E_PARAMS = 0x44a0100b  /* parameter record with an impossible field */
 };
 
 /* Types given to alloc_fn and free_fn. */
@@ -108,7 +107,7 @@ typedef struct ip6mc_gtrie_params {
     uint32_t tid_decoded; /* the low 13 bits are the table's part of a 269-bit key */
     uint32_t flags;       /* 1 */
     uint32_t key_bits;    /* 269, or 1 to 256 */
-    uint32_t node_size;   /* at least GTRIE_NODE_SIZE or 0; below, nodes stay smaller than this */
+    uint32_t node_size;   /* bytes a node may have: 0 for no limit, else GTRIE_NODE_SIZE or more */
     ip6mc_gtrie_alloc_fn alloc_fn;
     ip6mc_gtrie_free_fn free_fn;
     uint64_t leaf_position; /* place of an ip6mc_gtrie_leaf_t in the record, or 0 for none */

@@ -76,9 +76,10 @@ typedef struct rn_root {
 MFWD6_EXPORT rn_root_t *rn_tree_init(uint32_t key_offset, uint32_t length_offset,
                                      rn_destructor_fn destructor);
 
-/* Makes a tree in a block of `allocator`, which is called once with sizeof(rn_root_t); the block
-   belongs to the caller and is given back by it after rn_tree_destroy, or with an empty tree.
-   `mode` is the width of the record's key length in bytes: 1, 2 or 4. NULL on failure. */
+/* Makes a tree in a block of `allocator`, which is called once with sizeof(rn_root_t). The block
+   and the records lie in the window: changes are journaled. It belongs to the caller, who gives it
+   back with an empty tree or after rn_tree_destroy. `mode` is the width of the record's key length
+   in bytes: 1, 2 or 4. NULL on failure. */
 MFWD6_EXPORT rn_root_t *rn_tree_init_v2(uint32_t key_offset, uint32_t length_offset,
                                         rn_destructor_fn destructor, rn_alloc_fn allocator,
                                         int mode);
@@ -89,8 +90,8 @@ MFWD6_EXPORT int rn_set_fns(rn_root_t *root, rn_destructor_fn destructor, int mo
 /* Key bits behind the length are ignored. */
 MFWD6_EXPORT int rn_insert(rn_root_t *root, void *record);
 
-/* Takes the record out, zeroes its node and calls the destructor with it. The record is in no tree
-   already when the destructor runs, which is after the change was committed. */
+/* Takes the record out, zeroes its node and calls the destructor with it, all in one journal group:
+   memory that the destructor frees in the window goes if the record goes. */
 MFWD6_EXPORT int rn_delete(rn_root_t *root, void *record);
 
 /* Exact: the record with this key of this length, or NULL. */

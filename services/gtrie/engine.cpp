@@ -1,0 +1,171 @@
+#include "services/gtrie/engine.h"
+
+#include <sys/random.h>
+#include <time.h>
+
+#include <cerrno>
+
+#include "services/gtrie/index.h"
+#include "services/gtrie/ordered.h"
+#include "services/journal/journal.h"
+
+namespace mfwd6::gtrie {
+
+namespace {
+
+// With more lengths than this in use, one way down the ordered structure is shorter than a probe
+// for each.
+constexpr int most_probes = 6;
+
+uint64_t length_bit(uint32_t bits) {
+    return uint64_t{1} << (63 - bits % 64);
+}
+
+void count_length(trie *t, uint32_t bits, bool more) {
+    const uint32_t count = t->length_count[bits];
+    uint64_t &map = t->length_map[bits / 64];
+    journal::store(t->length_count[bits], more ? count + 1 : count - 1);
+    if (more && count == 0) {
+        journal::publish(map, map | length_bit(bits));
+    } else if (!more && count == 1) {
+        journal::publish(map, map & ~length_bit(bits));
+    }
+}
+
+// The lengths in use, in key bits, from the longest down. 257 when there are too many to probe.
+uint32_t lengths_in_use(const trie *t, uint32_t *lengths) {
+    uint32_t count = 0;
+    for (uint32_t i = 5; i > 0; --i) {
+        uint64_t map = journal::observe(t->length_map[i - 1]);
+        if (static_cast<int>(count) + std::popcount(map) > most_probes) {
+            return 257;
+        }
+        for (; map != 0; map &= map - 1) {
+            lengths[count++] = (i - 1) * 64 + 63 - static_cast<uint32_t>(std::countr_zero(map));
+        }
+    }
+    return count;
+}
+
+}  // namespace
+
+uint64_t random_word() {
+    uint64_t word = 0;
+    if (getrandom(&word, sizeof(word), GRND_NONBLOCK) != static_cast<ssize_t>(sizeof(word))) {
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        word = mix(static_cast<uint64_t>(now.tv_nsec) ^ 0x9e3779b97f4a7c15U,
+                   reinterpret_cast<uint64_t>(&now));
+    }
+    return word | 1U;
+}
+
+trie *make_trie(const memory &m, const trie_form &form) {
+    auto *t = static_cast<trie *>(m.alloc(sizeof(trie), GTRIE_ALLOC_HANDLE));
+    if (t == nullptr) {
+        return nullptr;
+    }
+    t->cookie = random_word();
+    t->seed = random_word();
+    t->kind = form.kind;
+    t->key_bits = form.key_bits;
+    t->may_share = form.may_share ? 1 : 0;
+    t->constant_hash = form.constant_hash ? 1 : 0;
+    t->root = make_root(m, form.may_share ? 0 : table_bits);
+    if (t->root == nullptr) {
+        m.free(t, GTRIE_ALLOC_HANDLE);
+        return nullptr;
+    }
+    if (!index_init(t, m)) {
+        m.free(t->root, GTRIE_ALLOC_NODE);
+        m.free(t, GTRIE_ALLOC_HANDLE);
+        return nullptr;
+    }
+    t->magic = trie_magic;
+    return t;
+}
+
+void free_trie(trie *t, const memory &m) {
+    journal::store(t->magic, 0);
+    journal::store(t->cookie, 0);
+    index_finish(t, m);
+    if (const uint64_t side = reinterpret_cast<wide_part *>(t->root + 1)->side; side != 0) {
+        m.free(reinterpret_cast<node *>(side), GTRIE_ALLOC_NODE);
+    }
+    m.free(t->root, GTRIE_ALLOC_NODE);
+    m.free(t, GTRIE_ALLOC_HANDLE);
+}
+
+leaf *lookup_exact(const trie *t, const key &k) {
+    return index_find(t, k, hash_for(t, k));
+}
+
+leaf *lookup_longest(const trie *t, const key &k) {
+    uint32_t lengths[most_probes];
+    const uint32_t count = lengths_in_use(t, lengths);
+    if (count > static_cast<uint32_t>(most_probes)) {
+        return find_longest(t, k);
+    }
+    // The next bucket is on its way while the present one is read.
+    key next = k;
+    uint64_t next_hash = 0;
+    const auto prepare = [&](uint32_t i) {
+        cut(next, lengths[i] + table_bits);
+        next_hash = hash_for(t, next);
+        index_prefetch(t, next_hash);
+    };
+    if (count != 0) {
+        prepare(0);
+    }
+    for (uint32_t i = 0; i < count; ++i) {
+        const key probe = next;
+        const uint64_t hash = next_hash;
+        if (i + 1 < count) {
+            prepare(i + 1);
+        }
+        if (leaf *found = index_find(t, probe, hash); found != nullptr) {
+            return found;
+        }
+    }
+    return nullptr;
+}
+
+leaf *make_leaf(trie *t, const key &k, size_t size, const memory &m) {
+    auto *l = static_cast<leaf *>(m.alloc(sizeof(leaf) + size, GTRIE_ALLOC_LEAF));
+    if (l == nullptr) {
+        return nullptr;
+    }
+    std::memcpy(l->word, k.word, sizeof(l->word));
+    l->length = static_cast<uint16_t>(k.length);
+    l->table = static_cast<uint16_t>(k.table);
+    l->state = static_cast<uint32_t>(leaf_state::detached);
+    l->owner = t;
+    l->size = static_cast<uint32_t>(size);
+    l->magic = leaf_magic;
+    return l;
+}
+
+cerrno insert_leaf(trie *t, leaf *l, const memory &m) {
+    const uint64_t hash = hash_for(t, key_of(l));
+    index_prefetch(t, hash);
+    if (const cerrno failure = link(t, l, m); failure != 0) {
+        return failure == EEXIST ? static_cast<cerrno>(GTRIE_E_EXISTS) : failure;
+    }
+    index_add(t, l, hash, m);
+    journal::store(t->leaves, t->leaves + 1);
+    count_length(t, l->length - table_bits, true);
+    journal::publish(l->state, static_cast<uint32_t>(leaf_state::linked));
+    return 0;
+}
+
+void delete_leaf(trie *t, leaf *l, const memory &m) {
+    const uint64_t hash = hash_for(t, key_of(l));
+    index_prefetch(t, hash);
+    journal::publish(l->state, static_cast<uint32_t>(leaf_state::removed));
+    unlink(t, l, m);
+    index_remove(t, l, hash);
+    count_length(t, l->length - table_bits, false);
+    journal::store(t->leaves, t->leaves - 1);
+}
+
+}  // namespace mfwd6::gtrie

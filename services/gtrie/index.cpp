@@ -1,0 +1,319 @@
+#include "services/gtrie/index.h"
+
+#include "services/gtrie/ordered.h"
+#include "services/journal/journal.h"
+
+namespace mfwd6::gtrie {
+
+namespace {
+
+constexpr uint64_t first_directory = 8;
+constexpr uint64_t not_listed = 1;      // bit of `waiting` of a bucket
+constexpr uint32_t moved_at_once = 24;  // waiting leaves that one split looks at
+
+// Segments: 16 buckets, then as many as all before, until segment_buckets is reached, then that
+// many each.
+constexpr uint64_t doubling_segments = 7;
+static_assert(first_buckets << (doubling_segments - 1) == segment_buckets);
+
+struct position {
+    uint64_t segment;
+    uint64_t offset;
+};
+
+position position_of(uint64_t number) {
+    if (number >= segment_buckets) [[likely]] {
+        return {doubling_segments - 1 + number / segment_buckets, number % segment_buckets};
+    }
+    if (number < first_buckets) {
+        return {0, number};
+    }
+    const auto segment = static_cast<uint64_t>(std::bit_width(number / first_buckets));
+    return {segment, number - (first_buckets << (segment - 1))};
+}
+
+uint64_t *segments_of(directory *d) {
+    return reinterpret_cast<uint64_t *>(d + 1);
+}
+
+// Buckets are aligned to cache lines inside their block.
+bucket *first_of(uint64_t block) {
+    return reinterpret_cast<bucket *>((block + 63) & ~uint64_t{63});
+}
+
+leaf *leaf_in(uint64_t word) {
+    return reinterpret_cast<leaf *>(word & address_mask);
+}
+
+}  // namespace
+
+uint64_t segment_bytes(uint64_t segment) {
+    const uint64_t buckets = segment == 0                  ? first_buckets
+                             : segment < doubling_segments ? first_buckets << (segment - 1)
+                                                           : segment_buckets;
+    return buckets * sizeof(bucket) + 56;
+}
+
+uint64_t segment_count(uint64_t buckets) {
+    return position_of(buckets - 1).segment + 1;
+}
+
+bucket *bucket_at(const trie *t, uint64_t number) {
+    const position p = position_of(number);
+    directory *d = journal::observe(t->segments);
+    return first_of(journal::observe(segments_of(d)[p.segment])) + p.offset;
+}
+
+void index_prefetch(const trie *t, uint64_t hash) {
+    __builtin_prefetch(bucket_at(t, bucket_number(hash, journal::observe(t->buckets))));
+}
+
+leaf *index_find(const trie *t, const key &k, uint64_t hash) {
+    uint64_t buckets = journal::observe(t->buckets);
+    while (true) {
+        const uint64_t number = bucket_number(hash, buckets);
+        const bucket *b = bucket_at(t, number);
+        // Before the slots: a leaf goes into a slot before it leaves the waiting list.
+        const uint64_t waiting = journal::observe(b->waiting);
+        for (const uint64_t &slot : b->slot) {
+            const uint64_t word = journal::observe(slot);
+            if (((word ^ hash) >> 48) == 0 && word != 0) {
+                leaf *l = leaf_in(word);
+                if (same_key(l, k)) {
+                    const bool there =
+                        journal::observe(l->state) == static_cast<uint32_t>(leaf_state::linked);
+                    if (there) {
+                        return l;
+                    }
+                }
+            }
+        }
+        if (waiting != 0) {
+            return find_exact(t, k);
+        }
+        // A split moves leaves to a new bucket, which counts before they go from the old one.
+        buckets = journal::observe(t->buckets);
+        if (bucket_number(hash, buckets) == number) {
+            return nullptr;
+        }
+    }
+}
+
+// --- writer ---
+
+bool index_init(trie *t, const memory &m) {
+    const uint64_t bytes = sizeof(directory) + first_directory * sizeof(uint64_t);
+    auto *d = static_cast<directory *>(m.alloc(bytes, GTRIE_ALLOC_INDEX));
+    if (d == nullptr) {
+        return false;
+    }
+    void *segment = m.alloc(segment_bytes(0), GTRIE_ALLOC_INDEX);
+    if (segment == nullptr) {
+        m.free(d, GTRIE_ALLOC_INDEX);
+        return false;
+    }
+    d->capacity = first_directory;
+    segments_of(d)[0] = reinterpret_cast<uint64_t>(segment);
+    t->segments = d;
+    t->buckets = first_buckets;
+    return true;
+}
+
+void index_finish(trie *t, const memory &m) {
+    uint64_t *segments = segments_of(t->segments);
+    for (uint64_t i = 0; i < t->segments->capacity && segments[i] != 0; ++i) {
+        m.free(reinterpret_cast<void *>(segments[i]), GTRIE_ALLOC_INDEX);
+    }
+    m.free(t->segments, GTRIE_ALLOC_INDEX);
+}
+
+namespace {
+
+void wait_in(trie *t, bucket *b, leaf *l) {
+    leaf *head = leaf_in(b->waiting);
+    journal::store(l->waiting_next, reinterpret_cast<uint64_t>(head));
+    journal::store(l->waiting_at, &b->waiting);
+    if (head != nullptr) {
+        journal::store(head->waiting_at, &l->waiting_next);
+    }
+    journal::publish(b->waiting, reinterpret_cast<uint64_t>(l) | (b->waiting & not_listed));
+    journal::store(t->waiting, t->waiting + 1);
+}
+
+void stop_waiting(trie *t, leaf *l) {
+    const uint64_t flag = *l->waiting_at & not_listed;
+    if (l->waiting_next != 0) {
+        journal::store(leaf_in(l->waiting_next)->waiting_at, l->waiting_at);
+    }
+    journal::publish(*l->waiting_at, l->waiting_next | flag);
+    journal::store(l->waiting_at, nullptr);
+    journal::store(l->waiting_next, uint64_t{0});
+    journal::store(t->waiting, t->waiting - 1);
+}
+
+uint64_t *free_slot(bucket *b) {
+    for (uint64_t &slot : b->slot) {
+        if (slot == 0) {
+            return &slot;
+        }
+    }
+    return nullptr;
+}
+
+uint64_t slot_word(const leaf *l, uint64_t hash) {
+    return reinterpret_cast<uint64_t>(l) | hash_tag(hash);
+}
+
+void put(trie *t, bucket *b, leaf *l, uint64_t hash) {
+    if (uint64_t *slot = free_slot(b); slot != nullptr) {
+        journal::publish(*slot, slot_word(l, hash));
+    } else {
+        wait_in(t, b, l);
+    }
+}
+
+uint64_t hash_of_leaf(const trie *t, const leaf *l) {
+    return hash_for(t, key_of(l));
+}
+
+// Room for the bucket with this number. False: no memory, nothing changed.
+bool make_room(trie *t, uint64_t number, const memory &m) {
+    const position p = position_of(number);
+    directory *d = t->segments;
+    directory *larger = nullptr;
+    if (p.segment >= d->capacity) {
+        const uint64_t bytes = sizeof(directory) + 2 * d->capacity * sizeof(uint64_t);
+        larger = static_cast<directory *>(m.alloc(bytes, GTRIE_ALLOC_INDEX));
+        if (larger == nullptr) {
+            return false;
+        }
+        larger->capacity = 2 * d->capacity;
+        std::memcpy(segments_of(larger), segments_of(d), d->capacity * sizeof(uint64_t));
+    }
+    directory *use = larger != nullptr ? larger : d;
+    if (segments_of(use)[p.segment] == 0) {
+        void *segment = m.alloc(segment_bytes(p.segment), GTRIE_ALLOC_INDEX);
+        if (segment == nullptr) {
+            if (larger != nullptr) {
+                m.free(larger, GTRIE_ALLOC_INDEX);
+            }
+            return false;
+        }
+        journal::publish(segments_of(use)[p.segment], reinterpret_cast<uint64_t>(segment));
+    }
+    if (larger != nullptr) {
+        journal::publish(t->segments, larger);
+        m.free(d, GTRIE_ALLOC_INDEX);
+    }
+    return true;
+}
+
+// Leaves of the old bucket's waiting list to where they belong, as many as one operation may move.
+// The rest stays in the old list, and the new bucket says that it may miss some.
+void split_waiting(trie *t, uint64_t number, bucket *old, bucket *fresh, uint64_t buckets) {
+    leaf *l = leaf_in(old->waiting);
+    for (uint32_t i = 0; l != nullptr && i < moved_at_once; ++i) {
+        leaf *next = leaf_in(l->waiting_next);
+        const uint64_t hash = hash_of_leaf(t, l);
+        const uint64_t belongs = bucket_number(hash, buckets);
+        bucket *to = belongs == number ? fresh : bucket_at(t, belongs);
+        if (uint64_t *slot = free_slot(to); slot != nullptr) {
+            journal::publish(*slot, slot_word(l, hash));
+            stop_waiting(t, l);
+        } else if (to == fresh) {
+            stop_waiting(t, l);
+            wait_in(t, fresh, l);
+        }
+        l = next;
+    }
+}
+
+// Adds one bucket and moves to it what belongs there. At most 7 slots and moved_at_once waiting
+// leaves.
+void split(trie *t, const memory &m) {
+    const uint64_t number = t->buckets;
+    if (!make_room(t, number, m)) {
+        return;
+    }
+    const uint64_t from = number - std::bit_floor(number);
+    bucket *old = bucket_at(t, from);
+    bucket *fresh = bucket_at(t, number);
+    bool moves[7];
+    uint32_t count = 0;
+    for (uint32_t i = 0; i < 7; ++i) {
+        const leaf *l = leaf_in(old->slot[i]);
+        moves[i] = l != nullptr && bucket_number(hash_of_leaf(t, l), number + 1) == number;
+        if (moves[i]) {
+            journal::store(fresh->slot[count++], old->slot[i]);
+        }
+    }
+    // Until all have moved, who misses in the new bucket asks the ordered structure.
+    journal::store(fresh->waiting, old->waiting != 0 ? not_listed : 0);
+    journal::publish(t->buckets, number + 1);
+    for (uint32_t i = 0; i < 7; ++i) {
+        if (moves[i]) {
+            journal::publish(old->slot[i], uint64_t{0});
+        }
+    }
+    if (old->waiting != 0) {
+        const bool whole = (old->waiting & not_listed) == 0;
+        split_waiting(t, number, old, fresh, number + 1);
+        bool rest = !whole;
+        uint32_t seen = 0;
+        for (const leaf *l = leaf_in(old->waiting); l != nullptr && !rest;
+             l = leaf_in(l->waiting_next)) {
+            rest = ++seen > moved_at_once || bucket_number(hash_of_leaf(t, l), number + 1) != from;
+        }
+        if (!rest) {
+            journal::publish(fresh->waiting, fresh->waiting & ~not_listed);
+        }
+    }
+}
+
+// The leaves that the next split will look at, so that they are near when it comes.
+void prefetch_split(const trie *t) {
+    const uint64_t left = t->leaves % leaves_per_bucket;
+    const bucket *old = bucket_at(t, t->buckets - std::bit_floor(t->buckets));
+    if (left == 1) {
+        __builtin_prefetch(old);
+    } else if (left == 2) {
+        for (const uint64_t word : old->slot) {
+            __builtin_prefetch(leaf_in(word));
+        }
+    }
+}
+
+}  // namespace
+
+void index_add(trie *t, leaf *l, uint64_t hash, const memory &m) {
+    if (t->leaves >= t->buckets * leaves_per_bucket) {
+        split(t, m);
+    } else {
+        prefetch_split(t);
+    }
+    put(t, bucket_at(t, bucket_number(hash, t->buckets)), l, hash);
+}
+
+void index_remove(trie *t, leaf *l, uint64_t hash) {
+    if (l->waiting_at != nullptr) {
+        stop_waiting(t, l);
+        return;
+    }
+    const uint64_t number = bucket_number(hash, t->buckets);
+    bucket *b = bucket_at(t, number);
+    for (uint64_t &slot : b->slot) {
+        if (slot == slot_word(l, hash)) {
+            journal::publish(slot, uint64_t{0});
+            break;
+        }
+    }
+    if (leaf *next = leaf_in(b->waiting); next != nullptr) {
+        const uint64_t next_hash = hash_of_leaf(t, next);
+        if (bucket_number(next_hash, t->buckets) == number) {
+            put(t, b, next, next_hash);
+            stop_waiting(t, next);
+        }
+    }
+}
+
+}  // namespace mfwd6::gtrie
