@@ -26,16 +26,23 @@ MFWD6_EXPORT cerrno imc_backend_register(const imc_backend_t *backend);
 MFWD6_EXPORT void *imc_backend_state(const imc_context_t *context);
 
 // Adds an interface, or changes the one with this handle, and tells the listener if anything is
-// new. The name may move from one handle to another. EINVAL (handle 0, an empty name or one of
-// IMC_NAME_SIZE characters or more), ENOMEM; nothing is changed then.
+// new. Another interface of that name is removed first: news of its end or its new name are still
+// under way. EINVAL (handle 0, an empty name or one of IMC_NAME_SIZE characters or more), ENOMEM;
+// nothing is changed then.
 MFWD6_EXPORT cerrno imc_backend_put(imc_context_t *context, uint32_t ifh, const char *name,
                                     uint16_t type, uint32_t parent);
 
 // Removes an interface. IMC_NO_INTERFACE.
 MFWD6_EXPORT cerrno imc_backend_drop(imc_context_t *context, uint32_t ifh);
 
-// The connection is lost, or with 0 there again: interfaces stay as they are,
-// imc_interface_get_type answers IMC_LOST, the listener is told of the loss.
+// Around a fresh list of all interfaces: what was not put between the two calls is removed by the
+// second.
+MFWD6_EXPORT void imc_backend_sweep_begin(imc_context_t *context);
+MFWD6_EXPORT void imc_backend_sweep_end(imc_context_t *context);
+
+// The connection is lost, or with 0 there again. While it is lost, interfaces stay as they are and
+// a question about an unknown one is answered with IMC_LOST. The listener is told of the loss,
+// once.
 MFWD6_EXPORT void imc_backend_lost(imc_context_t *context, int lost);
 
 MFWD6_END_C

@@ -67,7 +67,8 @@ MFWD6_EXPORT cerrno imc_interface_name(imc_context_t *context, uint32_t ifh, cha
                                        size_t size);
 
 // Type of an interface. The result is that of the question; *answer, if not NULL, is what the
-// manager answered (0, IMC_NO_INTERFACE, IMC_LOST). Both must be 0 for *type to be written.
+// manager answered (0, IMC_NO_INTERFACE, IMC_LOST) and the result is 0 then; with NULL the answer
+// is the result. *type is written only if both are 0.
 MFWD6_EXPORT cerrno imc_interface_get_type(imc_context_t *context, uint32_t ifh, uint16_t *type,
                                            cerrno *answer);
 
