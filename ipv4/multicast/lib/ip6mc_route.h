@@ -197,12 +197,69 @@ static_assert(sizeof(ipv4mc_route_update_st) == 56 && offsetof(ipv4mc_route_upda
 
 MFWD6_BEGIN_C
 
-// Not built yet: reports so and returns ENOSYS (38).
+// One element of a route's event history.
+#define IPV4MC_ROUTE_EVENT_TIME_SIZE 40
+typedef struct ipv4mc_route_event_st {
+    uint32_t event_code;
+    char time[IPV4MC_ROUTE_EVENT_TIME_SIZE];  // "Nov 21 2026 03:14:15.926", local time
+} ipv4mc_route_event_st;
+static_assert(sizeof(ipv4mc_route_event_st) == 44, "element of the ring");
+
+// The ring of events of a route, in process memory. NULL, with a report, when there is no memory.
+MFWD6_EXPORT cbuf *mfwd_route_event_history_create(uint32_t count, uint32_t element_size);
+MFWD6_EXPORT void mfwd_route_event_history_destroy(cbuf *handle);
+MFWD6_EXPORT void mfwd_route_event_history_append(cbuf *handle, const ipv4mc_route_event_st *element);
+
+// Adds an event with the present time; the first one makes the ring (10 events).
+MFWD6_EXPORT void mfwd_route_entry_event_add_msg(ipv4mc_route_entry_st *route, uint32_t code);
+
+// Fills a leaf that the trie has just made. EFAULT, with a report, when the window is closed.
+MFWD6_EXPORT cerrno ipv4mc_init_route(uint32_t ignored, const ip_maddr_st *source, const ip_maddr_st *group,
+                                      uint16_t length, ipv4mc_route_entry_st *route, uint8_t arg);
+
+// Makes an interface entry that is linked to nothing, with the platform's extension behind it. NULL, with a
+// report, when the window is full.
+MFWD6_EXPORT ipv4mc_intf_entry_st *ipv4mc_create_intf(ifhtype ifh, uint32_t intf_type, uint32_t intf_arg,
+                                                      uint32_t amt_addr, uint16_t amt_port);
+
+// The record of a tree node, and the order of the tree: 0 less, 1 equal, 2 greater.
+MFWD6_EXPORT ipv4mc_intf_entry_st *ipmc_intf_avl2intf(void *node);
+MFWD6_EXPORT int ipmc_intf_avl_compare(const void *a, const void *b);
+
+// The operations on a route. `table` is the table-id side; `source` and `group` with `pfx_len` are the key
+// (a source makes it exact, whatever the length). Owner's operation thread; lookups from any process.
+//   LOOKUP        longest match on the full key into `*route_entry`, NULL when there is none
+//   EXACT LOOKUP  exact match
+//   CREATE        a detached leaf, found by nobody: 0 with `*is_new` 1; or the route that exists: EEXIST
+//                 with `*is_new` 0. `aux_addr` is stored in either case, unless NULL
+//   COMMIT        programs the platform and, for a new route, publishes it. The caller has written the new
+//                 attribute word into the record and passes the old one; `*is_new` is that of the CREATE
+//   ACCT, RATE    accounting and the rate record
+//   DELETE, CLEAR not built yet: ENOSYS
+// Other actions succeed and do nothing. EBADF not ready, EINVAL, ENOMEM, EFAULT (trie), or what the platform
+// said.
 MFWD6_EXPORT cerrno ip6mc_route_operation(ipv4mc_action_type action, ipv4mc_table_st *table,
                                           const ip_maddr_st *source, const ip_maddr_st *group, uint16_t pfx_len,
                                           const ip_maddr_st *aux_addr, ipv4mc_route_entry_st **route_entry,
                                           mrib_attrib_entry_type old_attributes,
                                           mrib_attrib_ti_mofrr_type mofrr_attrib, int *is_new);
+
+// The same without a report of its own for the result.
+MFWD6_EXPORT cerrno ipv4mc_route_operation_helper(ipv4mc_action_type action, ipv4mc_table_st *table,
+                                                  const ip_maddr_st *source, const ip_maddr_st *group,
+                                                  uint16_t pfx_len, const ip_maddr_st *aux_addr,
+                                                  ipv4mc_route_entry_st **route_entry,
+                                                  mrib_attrib_entry_type old_attributes,
+                                                  mrib_attrib_ti_mofrr_type mofrr_attrib, int *is_new);
+
+// Undoes a CREATE: frees the detached leaf and what hangs on it.
+MFWD6_EXPORT void ip6mc_route_oper_create_fail_cleanup(ipv4mc_table_st *table, ipv4mc_route_entry_st **route_entry,
+                                                       void *gtrie);
+
+// The route with inherit-forward that `route` hangs under, itself included; NULL when there is none. With
+// `keep_old_parent` its present parent counts also without the flag.
+MFWD6_EXPORT cerrno ip6mc_get_parent_IF_route(ipv4mc_table_st *table, ipv4mc_route_entry_st *route,
+                                              ipv4mc_route_entry_st **parent_route, int keep_old_parent);
 
 // The first leaf of the table under a key, or NULL: 256 bits with a source, `length` with a group only, all
 // of the table with neither. A leaf of another table in that place gives NULL. No lock; any process.

@@ -1,6 +1,7 @@
 // Comparators of the search trees: 0 less, 1 equal, 2 greater; 1 also where either side is null.
 #include <cstring>
 
+#include "ipv4/multicast/lib/ip6mc_route.h"
 #include "ipv4/multicast/lib/ip6mc_table.h"
 #include "services/trees/node.h"
 
@@ -15,6 +16,11 @@ int order(const T &a, const T &b) {
 template <class Record>
 const Record *record_of(const void *node, size_t thread) {
     return reinterpret_cast<const Record *>(static_cast<const tree_node *>(node) - thread);
+}
+
+const ipv4mc_intf_entry_st *intf_of(const void *node) {
+    return reinterpret_cast<const ipv4mc_intf_entry_st *>(static_cast<const char *>(node) -
+                                                          offsetof(ipv4mc_intf_entry_st, avl_node));
 }
 
 }  // namespace
@@ -44,6 +50,23 @@ int ipmc_tbl_wavl_compare_vrf_id(const void *a, const void *b) {
     }
     return order(record_of<ipv4mc_table_st>(a, 1)->vrf_id,
                  record_of<ipv4mc_table_st>(b, 1)->vrf_id);
+}
+
+// By intf_type, key_ifh, amt_addr, amt_port. `ifh` is no part of the key: an AMT entry keeps its place when
+// its underlying interface changes.
+int ipmc_intf_avl_compare(const void *a, const void *b) {
+    const ipv4mc_intf_entry_st *left = intf_of(a);
+    const ipv4mc_intf_entry_st *right = intf_of(b);
+    if (left->intf_type != right->intf_type) {
+        return order(left->intf_type, right->intf_type);
+    }
+    if (left->key_ifh != right->key_ifh) {
+        return order(left->key_ifh, right->key_ifh);
+    }
+    if (left->amt_addr != right->amt_addr) {
+        return order(left->amt_addr, right->amt_addr);
+    }
+    return order(left->amt_port, right->amt_port);
 }
 
 }  // extern "C"

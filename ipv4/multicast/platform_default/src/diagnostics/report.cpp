@@ -38,15 +38,15 @@ struct header_text {
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-header_text make_header(int debug_class, const char *function, int line) {
+header_text make_header(int debug_class, const char *function, int line, uint64_t object_id) {
     header_text header{};
-    snprintf(header.text, sizeof(header.text), headers[debug_class], function, line, 0UL);
+    snprintf(header.text, sizeof(header.text), headers[debug_class], function, line, object_id);
     return header;
 }
 #pragma GCC diagnostic pop
 
-void emit(int debug_class, const char *function, int line, const char *message) {
-    const header_text header = make_header(debug_class, function, line);
+void emit(int debug_class, const char *function, int line, const char *message, uint64_t object_id = 0) {
+    const header_text header = make_header(debug_class, function, line, object_id);
     if (debug_class == IPV4_DEBUG_BVI_IFH) {
         ipv4_mlib_bvi_buginf_adjust(debug_class, header.text, "%s", message);
     } else {
@@ -81,6 +81,15 @@ void debug_line(int debug_class, const char *function, int line, const char *for
     vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
     emit(debug_class, function, line, text);
+}
+
+void debug_object_id_line(uint64_t id, const char *function, int line, const char *format, ...) {
+    char text[2048];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof(text), format, arguments);
+    va_end(arguments);
+    emit(IPV4_DEBUG_OBJ_ID, function, line, text, id);
 }
 
 void assertion_failed(const char *text, const char *file, int line, const char *function) {

@@ -21,6 +21,10 @@ __attribute__((format(printf, 3, 4))) void report_error(const char *function, in
 __attribute__((format(printf, 4, 5))) void debug_line(int debug_class, const char *function,
                                                       int line, const char *format, ...);
 
+// A line of class 14, whose header names the object id.
+__attribute__((format(printf, 4, 5))) void debug_object_id_line(uint64_t id, const char *function, int line,
+                                                                const char *format, ...);
+
 }  // namespace mlib
 
 #define MLIB_ERR(...) mlib::report_error(__func__, __LINE__, __VA_ARGS__)
@@ -34,6 +38,20 @@ __attribute__((format(printf, 4, 5))) void debug_line(int debug_class, const cha
         if (ipv4_debug_event_active_inline(debug_class)) {                  \
             mlib::debug_line(debug_class, __func__, __LINE__, __VA_ARGS__); \
         }                                                                   \
+    } while (false)
+
+// A debug line that leaves a trace record beside it, whether the class is on or not.
+#define MLIB_TRACE_TEXT(debug_class, ...)                                                \
+    do {                                                                                 \
+        _ltrace_2(ip6mc_mlib_ltrace(), MLIB_TRACE_LINE, debug_class, __LINE__);          \
+        MLIB_DEBUG(debug_class, __VA_ARGS__);                                            \
+    } while (false)
+
+#define MLIB_DEBUG_OBJECT_ID(id, ...)                                            \
+    do {                                                                         \
+        if (ipv4_debug_event_active_inline(IPV4_DEBUG_OBJ_ID)) {                 \
+            mlib::debug_object_id_line(id, __func__, __LINE__, __VA_ARGS__);     \
+        }                                                                        \
     } while (false)
 
 #endif

@@ -23,6 +23,11 @@ enum mlib_trace_id : uint64_t {
     MLIB_TRACE_SLOW_REGDB = 0x10003000a,         // seconds, action
     MLIB_TRACE_TABLE_DEACTIVATE = 0x100040001,   // action, tid, vrf id
     MLIB_TRACE_TABLE_DELETE = 0x100040002,       // tid, vrf id
+    MLIB_TRACE_LINE = 0x100050001,               // text of a debug line that is traced too
+    MLIB_TRACE_ROUTE_CREATE = 0x100060001,       // size of the record, key length
+    MLIB_TRACE_OBJ_ID_BUILT = 0x2000,
+    MLIB_TRACE_OBJ_ID_OFF = 0x2001,
+    MLIB_TRACE_OBJ_ID_ON = 0x2002,
     MLIB_TRACE_BVI_DB_INIT = 0x100a00001,        // vrf id
     MLIB_TRACE_RETRY_QUEUE = 0x100001008,        // 0 enabled, 1 not
     MLIB_TRACE_RETRY_QUEUE_READY = 0x1000,

@@ -118,7 +118,7 @@ cerrno fill_new_route(const route_request &request, ipv4mc_route_entry_st *route
     }
     route->table = request.table;
     ipmc_object_ida_alloc_route(route);  // a route without an id is still a route
-    mlib::debug_object_id(route->obj_id, __func__, __LINE__, "Allocated for route (%s,%s/%d, v:%s)", REQUEST_KEY,
+    MLIB_DEBUG_OBJECT_ID(route->obj_id, "Allocated for route (%s,%s/%d, v:%s)", REQUEST_KEY,
                           vrf_text(request.table));
     return 0;
 }
