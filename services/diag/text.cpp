@@ -27,6 +27,8 @@ const char *action_word(uint32_t action) {
     switch (action) {
         case 0:
             return "LOOKUP";
+        case 2:
+            return "TABLE LOOKUP";
         case 3:
             return "CREATE";
         case 4:
@@ -35,8 +37,14 @@ const char *action_word(uint32_t action) {
             return "EXACT LOOKUP";
         case 6:
             return "CLEAR";
+        case 7:
+            return "CLEAR ROUTES";
         case 8:
             return "COMMIT";
+        case 9:
+            return "ACTIVATE";
+        case 10:
+            return "DEACTIVATE";
         case 11:
             return "ACCOUNTING ENABLE";
         case 12:

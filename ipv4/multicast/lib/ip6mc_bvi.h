@@ -104,15 +104,15 @@ MFWD6_BEGIN_C
 // Counters, indexed by ipmc_bvi_stats.
 extern MFWD6_EXPORT uint64_t ipmc_bvi_stat[IPMC_BVI_STATS];
 
-// Makes the mapping of BVIs to VRFs in a new window, reconnects to it in one that exists. 1, or 0 with a
-// report.
+// Makes the mapping of BVIs to VRFs in a new window, reconnects to it in one that exists. 1, or 0
+// with a report.
 MFWD6_EXPORT int ip6mc_bvi_intf_db_init(void);
 
 // The same for the L2 states of one VRF table. 1, or 0.
 MFWD6_EXPORT int ip6mc_bvi_db_init(ipv4mc_table_st *table);
 
-// Moves the L2 states of every BVI that belongs to `from_vid` to `to_vid`. 22 with a report when the walk
-// failed.
+// Moves the L2 states of every BVI that belongs to `from_vid` to `to_vid`. 22 with a report when
+// the walk failed.
 MFWD6_EXPORT cerrno ip6mc_bvi_intf_db_walk2(uint32_t from_vid, uint32_t to_vid, int set_moved);
 
 MFWD6_END_C

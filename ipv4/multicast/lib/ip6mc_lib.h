@@ -188,12 +188,14 @@ MFWD6_EXPORT void ipv4mc_local_platform_callback_func(ipv4mc_descriptor_struct *
 MFWD6_EXPORT void ipv4mc_set_default_gtrie_init(ip6mc_gtrie_params_t *params,
                                                 const ipv4mc_table_st *table, int is_signal);
 
-// Records the old state in `prev_state` and sets the new one, with a trace. For the library and its platform.
+// Records the old state in `prev_state` and sets the new one, with a trace. For the library and its
+// platform.
 MFWD6_EXPORT void ipv4mc_update_state(uint32_t state);
 
-// Four words of the window header that tell the next process what the last one was doing: set before a
-// batch, cleared behind it; a word that is found set after a restart belongs to a batch that did not
-// finish. They work as soon as the window is open. EBADF when it is not; get: EINVAL for NULL.
+// Four words of the window header that tell the next process what the last one was doing: set
+// before a batch, cleared behind it; a word that is found set after a restart belongs to a batch
+// that did not finish. They work as soon as the window is open. EBADF when it is not; get: EINVAL
+// for NULL.
 MFWD6_EXPORT cerrno ip6mc_set_update_in_progress_flag(void);
 MFWD6_EXPORT cerrno ip6mc_clear_update_in_progress_flag(void);
 MFWD6_EXPORT cerrno ip6mc_get_update_in_progress_flag(uint32_t *value_p);

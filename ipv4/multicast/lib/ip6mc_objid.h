@@ -17,23 +17,25 @@ enum ipmc_obj_types { IPMC_OBJ_ROUTE = 1, IPMC_OBJ_INTF = 2 };
 
 MFWD6_BEGIN_C
 
-// Builds the domain of ids in the window, or connects to the one that an earlier process left. On a router
-// without asynchronous error handling nothing is built: 0, and no object gets an id.
+// Builds the domain of ids in the window, or connects to the one that an earlier process left. On a
+// router without asynchronous error handling nothing is built: 0, and no object gets an id.
 MFWD6_EXPORT cerrno ipmc_object_ida_init_domain(void);
 
-// Takes an id for an object of `type` (ipmc_obj_types) into `*id`, which is IPMC_OBJ_ID_UNSPECIFIED after a
-// failure: EINVAL, or what the service said. 0 with an unspecified id where no domain was ever built.
+// Takes an id for an object of `type` (ipmc_obj_types) into `*id`, which is IPMC_OBJ_ID_UNSPECIFIED
+// after a failure: EINVAL, or what the service said. 0 with an unspecified id where no domain was
+// ever built.
 MFWD6_EXPORT cerrno ipmc_object_ida_alloc(void *object, uint32_t type, uint64_t *id);
 
 // The same into the record's own `obj_id`. 0, with the record left alone, where there are no ids.
 MFWD6_EXPORT cerrno ipmc_object_ida_alloc_route(ipv4mc_route_entry_st *route);
 MFWD6_EXPORT cerrno ipmc_object_ida_alloc_intf(ipv4mc_intf_entry_st *intf);
 
-// Gives an id back; `*id` becomes IPMC_OBJ_ID_NONE. EINVAL, silently, for an id that is not valid (twice is
-// harmless); ENOENT or what the service said.
+// Gives an id back; `*id` becomes IPMC_OBJ_ID_NONE. EINVAL, silently, for an id that is not valid
+// (twice is harmless); ENOENT or what the service said.
 MFWD6_EXPORT cerrno ipmc_object_ida_free(uint64_t *id);
 
-// Object and type behind an id. EINVAL, ENOENT without a domain, or what the service said of a stale id.
+// Object and type behind an id. EINVAL, ENOENT without a domain, or what the service said of a
+// stale id.
 MFWD6_EXPORT cerrno ipmc_object_ida_get_object_from_id(uint64_t id, void **object);
 MFWD6_EXPORT cerrno ipmc_object_ida_get_type_from_id(uint64_t id, uint32_t *type);
 

@@ -31,11 +31,12 @@ MFWD6_BEGIN_C
 // Finds or makes the retry queue in the window, on router types that have one.
 MFWD6_EXPORT void ipmc_queue_init(void);
 
-// Once per process, with its event manager: finds out whether this router handles errors of the hardware
-// asynchronously. On one that does the handling is not built yet: ENOSYS.
+// Once per process, with its event manager: finds out whether this router handles errors of the
+// hardware asynchronously. On one that does the handling is not built yet: ENOSYS.
 MFWD6_EXPORT cerrno ipmc_platform_err_handler_init(void *evm);
 
-// 1 on a router type that handles errors asynchronously, else 0; and the answer that init took down.
+// 1 on a router type that handles errors asynchronously, else 0; and the answer that init took
+// down.
 MFWD6_EXPORT uint32_t ipmc_platform_async_err_oor_handling_supported(void);
 MFWD6_EXPORT uint32_t ipmc_platform_get_async_oor_support(void);
 
@@ -45,20 +46,23 @@ MFWD6_EXPORT uint32_t ipmc_platform_err_handler_get_oor_mode(void);
 // 1 while the route stands on the retry queue; 0 for NULL.
 MFWD6_EXPORT uint8_t ipmc_platform_route_get_err(const ipv4mc_route_entry_st *route);
 
-// Whether the platform may be told of a route or of an interface on it: 0 for what is new while resources
-// are out, and for a route that waits for resources. The caller then goes on as if it had been programmed.
+// Whether the platform may be told of a route or of an interface on it: 0 for what is new while
+// resources are out, and for a route that waits for resources. The caller then goes on as if it had
+// been programmed.
 MFWD6_EXPORT int ipmc_platform_can_program_route(const ipv4mc_route_entry_st *route, int is_new);
-MFWD6_EXPORT int ipmc_platform_can_program_intf(const ipv4mc_intf_entry_st *intf, const ipv4mc_route_entry_st *route,
-                                                int is_new);
+MFWD6_EXPORT int ipmc_platform_can_program_intf(const ipv4mc_intf_entry_st *intf,
+                                                const ipv4mc_route_entry_st *route, int is_new);
 
-// Called with the result of a failed platform call. 0: the handler has taken the failure over, go on as if the
-// platform had agreed. Else the code to return; on routers without asynchronous handling always `rc`.
+// Called with the result of a failed platform call. 0: the handler has taken the failure over, go
+// on as if the platform had agreed. Else the code to return; on routers without asynchronous
+// handling always `rc`.
 MFWD6_EXPORT cerrno ipmc_platform_err_handler_sync_route(ipv4mc_route_entry_st *route, cerrno rc);
-MFWD6_EXPORT cerrno ipmc_platform_err_handler_sync_intf(ipv4mc_intf_entry_st *intf, ipv4mc_route_entry_st *route,
-                                                        cerrno rc);
+MFWD6_EXPORT cerrno ipmc_platform_err_handler_sync_intf(ipv4mc_intf_entry_st *intf,
+                                                        ipv4mc_route_entry_st *route, cerrno rc);
 
 // Marks the route of an interface that was not programmed for lack of resources.
-MFWD6_EXPORT cerrno ipmc_platform_err_handler_async_intf_oor(ipv4mc_intf_entry_st *intf, ipv4mc_route_entry_st *route);
+MFWD6_EXPORT cerrno ipmc_platform_err_handler_async_intf_oor(ipv4mc_intf_entry_st *intf,
+                                                             ipv4mc_route_entry_st *route);
 
 MFWD6_END_C
 

@@ -208,85 +208,104 @@ static_assert(sizeof(ipv4mc_route_event_st) == 44, "element of the ring");
 // The ring of events of a route, in process memory. NULL, with a report, when there is no memory.
 MFWD6_EXPORT cbuf *mfwd_route_event_history_create(uint32_t count, uint32_t element_size);
 MFWD6_EXPORT void mfwd_route_event_history_destroy(cbuf *handle);
-MFWD6_EXPORT void mfwd_route_event_history_append(cbuf *handle, const ipv4mc_route_event_st *element);
+MFWD6_EXPORT void mfwd_route_event_history_append(cbuf *handle,
+                                                  const ipv4mc_route_event_st *element);
 
 // Adds an event with the present time; the first one makes the ring (10 events).
 MFWD6_EXPORT void mfwd_route_entry_event_add_msg(ipv4mc_route_entry_st *route, uint32_t code);
 
 // Fills a leaf that the trie has just made. EFAULT, with a report, when the window is closed.
-MFWD6_EXPORT cerrno ipv4mc_init_route(uint32_t ignored, const ip_maddr_st *source, const ip_maddr_st *group,
-                                      uint16_t length, ipv4mc_route_entry_st *route, uint8_t arg);
+MFWD6_EXPORT cerrno ipv4mc_init_route(uint32_t ignored, const ip_maddr_st *source,
+                                      const ip_maddr_st *group, uint16_t length,
+                                      ipv4mc_route_entry_st *route, uint8_t arg);
 
-// Makes an interface entry that is linked to nothing, with the platform's extension behind it. NULL, with a
-// report, when the window is full.
-MFWD6_EXPORT ipv4mc_intf_entry_st *ipv4mc_create_intf(ifhtype ifh, uint32_t intf_type, uint32_t intf_arg,
-                                                      uint32_t amt_addr, uint16_t amt_port);
+// Makes an interface entry that is linked to nothing, with the platform's extension behind it.
+// NULL, with a report, when the window is full.
+MFWD6_EXPORT ipv4mc_intf_entry_st *ipv4mc_create_intf(ifhtype ifh, uint32_t intf_type,
+                                                      uint32_t intf_arg, uint32_t amt_addr,
+                                                      uint16_t amt_port);
 
 // The record of a tree node, and the order of the tree: 0 less, 1 equal, 2 greater.
 MFWD6_EXPORT ipv4mc_intf_entry_st *ipmc_intf_avl2intf(void *node);
 MFWD6_EXPORT int ipmc_intf_avl_compare(const void *a, const void *b);
 
-// The operations on a route. `table` is the table-id side; `source` and `group` with `pfx_len` are the key
-// (a source makes it exact, whatever the length). Owner's operation thread; lookups from any process.
+// The operations on a route. `table` is the table-id side; `source` and `group` with `pfx_len` are
+// the key (a source makes it exact, whatever the length). Owner's operation thread; lookups from
+// any process.
 //   LOOKUP        longest match on the full key into `*route_entry`, NULL when there is none
 //   EXACT LOOKUP  exact match
-//   CREATE        a detached leaf, found by nobody: 0 with `*is_new` 1; or the route that exists: EEXIST
+//   CREATE        a detached leaf, found by nobody: 0 with `*is_new` 1; or the route that exists:
+//   EEXIST
 //                 with `*is_new` 0. `aux_addr` is stored in either case, unless NULL
-//   COMMIT        programs the platform and, for a new route, publishes it. The caller has written the new
-//                 attribute word into the record and passes the old one; `*is_new` is that of the CREATE
+//   COMMIT        programs the platform and, for a new route, publishes it. The caller has written
+//   the new
+//                 attribute word into the record and passes the old one; `*is_new` is that of the
+//                 CREATE
 //   ACCT, RATE    accounting and the rate record
 //   DELETE, CLEAR not built yet: ENOSYS
-// Other actions succeed and do nothing. EBADF not ready, EINVAL, ENOMEM, EFAULT (trie), or what the platform
-// said.
+// Other actions succeed and do nothing. EBADF not ready, EINVAL, ENOMEM, EFAULT (trie), or what the
+// platform said.
 MFWD6_EXPORT cerrno ip6mc_route_operation(ipv4mc_action_type action, ipv4mc_table_st *table,
-                                          const ip_maddr_st *source, const ip_maddr_st *group, uint16_t pfx_len,
-                                          const ip_maddr_st *aux_addr, ipv4mc_route_entry_st **route_entry,
+                                          const ip_maddr_st *source, const ip_maddr_st *group,
+                                          uint16_t pfx_len, const ip_maddr_st *aux_addr,
+                                          ipv4mc_route_entry_st **route_entry,
                                           mrib_attrib_entry_type old_attributes,
                                           mrib_attrib_ti_mofrr_type mofrr_attrib, int *is_new);
 
 // The same without a report of its own for the result.
-MFWD6_EXPORT cerrno ipv4mc_route_operation_helper(ipv4mc_action_type action, ipv4mc_table_st *table,
-                                                  const ip_maddr_st *source, const ip_maddr_st *group,
-                                                  uint16_t pfx_len, const ip_maddr_st *aux_addr,
-                                                  ipv4mc_route_entry_st **route_entry,
-                                                  mrib_attrib_entry_type old_attributes,
-                                                  mrib_attrib_ti_mofrr_type mofrr_attrib, int *is_new);
+MFWD6_EXPORT cerrno ipv4mc_route_operation_helper(
+    ipv4mc_action_type action, ipv4mc_table_st *table, const ip_maddr_st *source,
+    const ip_maddr_st *group, uint16_t pfx_len, const ip_maddr_st *aux_addr,
+    ipv4mc_route_entry_st **route_entry, mrib_attrib_entry_type old_attributes,
+    mrib_attrib_ti_mofrr_type mofrr_attrib, int *is_new);
 
 // Undoes a CREATE: frees the detached leaf and what hangs on it.
-MFWD6_EXPORT void ip6mc_route_oper_create_fail_cleanup(ipv4mc_table_st *table, ipv4mc_route_entry_st **route_entry,
+MFWD6_EXPORT void ip6mc_route_oper_create_fail_cleanup(ipv4mc_table_st *table,
+                                                       ipv4mc_route_entry_st **route_entry,
                                                        void *gtrie);
 
-// The route with inherit-forward that `route` hangs under, itself included; NULL when there is none. With
-// `keep_old_parent` its present parent counts also without the flag.
+// The route with inherit-forward that `route` hangs under, itself included; NULL when there is
+// none. With `keep_old_parent` its present parent counts also without the flag.
 MFWD6_EXPORT cerrno ip6mc_get_parent_IF_route(ipv4mc_table_st *table, ipv4mc_route_entry_st *route,
-                                              ipv4mc_route_entry_st **parent_route, int keep_old_parent);
+                                              ipv4mc_route_entry_st **parent_route,
+                                              int keep_old_parent);
 
-// The first leaf of the table under a key, or NULL: 256 bits with a source, `length` with a group only, all
-// of the table with neither. A leaf of another table in that place gives NULL. No lock; any process.
-MFWD6_EXPORT ipv4mc_route_entry_st *ip6mc_route_first_key(ipv4mc_table_st *table, const ip_maddr_st *source,
-                                                          const ip_maddr_st *group, uint16_t length);
+// The first leaf of the table under a key, or NULL: 256 bits with a source, `length` with a group
+// only, all of the table with neither. A leaf of another table in that place gives NULL. No lock;
+// any process.
+MFWD6_EXPORT ipv4mc_route_entry_st *ip6mc_route_first_key(ipv4mc_table_st *table,
+                                                          const ip_maddr_st *source,
+                                                          const ip_maddr_st *group,
+                                                          uint16_t length);
 
 // The next leaf of the table in trie order, or NULL; leaves of other tables are passed over.
-MFWD6_EXPORT ipv4mc_route_entry_st *ip6mc_route_next(ipv4mc_table_st *table, ipv4mc_route_entry_st *route);
+MFWD6_EXPORT ipv4mc_route_entry_st *ip6mc_route_next(ipv4mc_table_st *table,
+                                                     ipv4mc_route_entry_st *route);
 
 // Walk function of routes; may delete the route at hand. Non-zero ends the walk.
 typedef cerrno (*ipv4mc_route_walk_ft)(ipv4mc_route_entry_st *route, void *context);
 
-// Calls `function` for each route of the table. With a `yield_count` the processor is given up after so many
-// routes. 0; ECANCELED (125) when the function ended the walk, whatever its code; EBADF, EINVAL.
-MFWD6_EXPORT cerrno ip6mc_route_walk(ipv4mc_table_st *table, uint32_t yield_count, ipv4mc_route_walk_ft function,
-                                     void *context);
+// Calls `function` for each route of the table. With a `yield_count` the processor is given up
+// after so many routes. 0; ECANCELED (125) when the function ended the walk, whatever its code;
+// EBADF, EINVAL.
+MFWD6_EXPORT cerrno ip6mc_route_walk(ipv4mc_table_st *table, uint32_t yield_count,
+                                     ipv4mc_route_walk_ft function, void *context);
 
 // Deletes all routes and signals of a table, given by either side. With `keep_srd` the routes whose
-// `route_flags` have bit 0x04 stay, and are counted in `*srd_count`. A failure on one route does not stop the
-// walk; the last one is the result. `cmd` goes on to the removal of signals. Owner's operation thread.
-MFWD6_EXPORT cerrno ip6mc_route_delete_all(ipv4mc_table_st *table, uint32_t yield_count, mfwd_cmd cmd,
-                                           int keep_srd, uint32_t *srd_count);
+// `route_flags` have bit 0x04 stay, and are counted in `*srd_count`. A failure on one route does
+// not stop the walk; the last one is the result. `cmd` goes on to the removal of signals. Owner's
+// operation thread.
+MFWD6_EXPORT cerrno ip6mc_route_delete_all(ipv4mc_table_st *table, uint32_t yield_count,
+                                           mfwd_cmd cmd, int keep_srd, uint32_t *srd_count);
 
-// Walk functions by which a table-wide setting reaches each route; `context` is a u32 with the action. Not
-// built yet.
+// Walk functions by which a table-wide setting reaches each route; `context` is a u32 with the
+// action. Not built yet.
 MFWD6_EXPORT cerrno ipv4mc_route_accounting_fn(ipv4mc_route_entry_st *route, void *context);
 MFWD6_EXPORT cerrno ipv4mc_route_rate_per_route_fn(ipv4mc_route_entry_st *route, void *context);
+
+// Writes the name of an interface into `buffer` (64 bytes) and returns it, never NULL: "Nf0x..."
+// for a handle without a record, "Er0x..." with a report when it could not be looked up.
+MFWD6_EXPORT char *ip6mc_mlib_interface_name(ifhtype ifh, char *buffer);
 
 MFWD6_END_C
 

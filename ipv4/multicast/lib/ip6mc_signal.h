@@ -14,7 +14,8 @@
 MFWD6_BEGIN_C
 
 // Removes every signal route of the table. Not built yet for a table that has some.
-MFWD6_EXPORT cerrno ip6mc_signal_remove_all_routes(ipv4mc_table_st *table, uint32_t yield_count, mfwd_cmd free_pak);
+MFWD6_EXPORT cerrno ip6mc_signal_remove_all_routes(ipv4mc_table_st *table, uint32_t yield_count,
+                                                   mfwd_cmd free_pak);
 
 MFWD6_END_C
 

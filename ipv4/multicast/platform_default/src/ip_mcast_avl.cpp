@@ -52,8 +52,8 @@ int ipmc_tbl_wavl_compare_vrf_id(const void *a, const void *b) {
                  record_of<ipv4mc_table_st>(b, 1)->vrf_id);
 }
 
-// By intf_type, key_ifh, amt_addr, amt_port. `ifh` is no part of the key: an AMT entry keeps its place when
-// its underlying interface changes.
+// By intf_type, key_ifh, amt_addr, amt_port. `ifh` is no part of the key: an AMT entry keeps its
+// place when its underlying interface changes.
 int ipmc_intf_avl_compare(const void *a, const void *b) {
     const ipv4mc_intf_entry_st *left = intf_of(a);
     const ipv4mc_intf_entry_st *right = intf_of(b);

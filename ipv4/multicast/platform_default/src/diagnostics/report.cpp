@@ -45,7 +45,8 @@ header_text make_header(int debug_class, const char *function, int line, uint64_
 }
 #pragma GCC diagnostic pop
 
-void emit(int debug_class, const char *function, int line, const char *message, uint64_t object_id = 0) {
+void emit(int debug_class, const char *function, int line, const char *message,
+          uint64_t object_id = 0) {
     const header_text header = make_header(debug_class, function, line, object_id);
     if (debug_class == IPV4_DEBUG_BVI_IFH) {
         ipv4_mlib_bvi_buginf_adjust(debug_class, header.text, "%s", message);

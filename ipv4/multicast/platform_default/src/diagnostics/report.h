@@ -22,8 +22,8 @@ __attribute__((format(printf, 4, 5))) void debug_line(int debug_class, const cha
                                                       int line, const char *format, ...);
 
 // A line of class 14, whose header names the object id.
-__attribute__((format(printf, 4, 5))) void debug_object_id_line(uint64_t id, const char *function, int line,
-                                                                const char *format, ...);
+__attribute__((format(printf, 4, 5))) void debug_object_id_line(uint64_t id, const char *function,
+                                                                int line, const char *format, ...);
 
 }  // namespace mlib
 
@@ -41,17 +41,17 @@ __attribute__((format(printf, 4, 5))) void debug_object_id_line(uint64_t id, con
     } while (false)
 
 // A debug line that leaves a trace record beside it, whether the class is on or not.
-#define MLIB_TRACE_TEXT(debug_class, ...)                                                \
-    do {                                                                                 \
-        _ltrace_2(ip6mc_mlib_ltrace(), MLIB_TRACE_LINE, debug_class, __LINE__);          \
-        MLIB_DEBUG(debug_class, __VA_ARGS__);                                            \
+#define MLIB_TRACE_TEXT(debug_class, ...)                                       \
+    do {                                                                        \
+        _ltrace_2(ip6mc_mlib_ltrace(), MLIB_TRACE_LINE, debug_class, __LINE__); \
+        MLIB_DEBUG(debug_class, __VA_ARGS__);                                   \
     } while (false)
 
-#define MLIB_DEBUG_OBJECT_ID(id, ...)                                            \
-    do {                                                                         \
-        if (ipv4_debug_event_active_inline(IPV4_DEBUG_OBJ_ID)) {                 \
-            mlib::debug_object_id_line(id, __func__, __LINE__, __VA_ARGS__);     \
-        }                                                                        \
+#define MLIB_DEBUG_OBJECT_ID(id, ...)                                        \
+    do {                                                                     \
+        if (ipv4_debug_event_active_inline(IPV4_DEBUG_OBJ_ID)) {             \
+            mlib::debug_object_id_line(id, __func__, __LINE__, __VA_ARGS__); \
+        }                                                                    \
     } while (false)
 
 #endif

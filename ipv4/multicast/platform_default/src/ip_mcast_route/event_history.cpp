@@ -1,5 +1,6 @@
-// A small ring of timestamped events about a route's trouble with the platform. The ring lies in the memory
-// of the process, the route in the window: after a restart the pointer in the route is stale.
+// A small ring of timestamped events about a route's trouble with the platform. The ring lies in
+// the memory of the process, the route in the window: after a restart the pointer in the route is
+// stale.
 #include <sys/time.h>
 
 #include <cstdio>
@@ -48,8 +49,8 @@ extern "C" {
 cbuf *mfwd_route_event_history_create(uint32_t count, uint32_t element_size) {
     cbuf *history = cbuf_create(count, element_size);
     if (history == nullptr) {
-        MLIB_ERR("Cannot create Event History for buffer size: %d and element size: %d\n", static_cast<int>(count),
-                 static_cast<int>(element_size));
+        MLIB_ERR("Cannot create Event History for buffer size: %d and element size: %d\n",
+                 static_cast<int>(count), static_cast<int>(element_size));
     }
     return history;
 }
@@ -67,7 +68,8 @@ void mfwd_route_event_history_append(cbuf *handle, const ipv4mc_route_event_st *
 
 void mfwd_route_entry_event_add_msg(ipv4mc_route_entry_st *route, uint32_t code) {
     if (route->event_history == nullptr) {
-        cbuf *history = mfwd_route_event_history_create(ring_elements, sizeof(ipv4mc_route_event_st));
+        cbuf *history =
+            mfwd_route_event_history_create(ring_elements, sizeof(ipv4mc_route_event_st));
         if (history == nullptr) {
             MLIB_ERR("Cannot create buffer context for mfib route\n");
             return;

@@ -21,8 +21,9 @@ class tbl_read_lock {
     int line_;
 };
 
-// Inside an open journal group the lock is kept until that group has committed: readers must not get at a
-// tree whose change may still be run back. Further scopes on the same thread join the hold.
+// Inside an open journal group the lock is kept until that group has committed: readers must not
+// get at a tree whose change may still be run back. Further scopes on the same thread join the
+// hold.
 class tbl_write_lock {
   public:
     explicit tbl_write_lock(int line);

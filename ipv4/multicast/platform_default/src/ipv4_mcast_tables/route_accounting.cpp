@@ -25,11 +25,13 @@ const char *reason_to_skip(ipv4mc_action_type action, const ipv4mc_route_entry_s
         case IPV4MC_ACTION_ACCT_ENABLE:
             return route->acct_per_prefix != 0 ? "Accounting per prefix enabled. Skip" : nullptr;
         case IPV4MC_ACTION_ACCT_DISABLE:
-            return candidate || route->acct_per_prefix == 0 ? "No reason to come here. Skip" : nullptr;
+            return candidate || route->acct_per_prefix == 0 ? "No reason to come here. Skip"
+                                                            : nullptr;
         case IPV4MC_ACTION_ACCT_FWD_ENABLE:
             return fwd_only ? "Accounting per prefix fwd-only enabled. Skip" : nullptr;
         default:
-            // Not like the disabling above: this one goes ahead for a candidate without forward-only.
+            // Not like the disabling above: this one goes ahead for a candidate without
+            // forward-only.
             return candidate == fwd_only ? "fwd-only: No reason to come here. Skip" : nullptr;
     }
 }
@@ -63,11 +65,13 @@ cerrno enable_rate(const route_request &request) {
     const group change;
     ipv4mc_route_rate_st *rate = mlib::allocate_rate();
     if (rate == nullptr) {
-        MLIB_DEBUG(IPV4_DEBUG_ROUTE, "ENABLE can not allocate memory for route rate (%s,%s/%d)", REQUEST_KEY);
+        MLIB_DEBUG(IPV4_DEBUG_ROUTE, "ENABLE can not allocate memory for route rate (%s,%s/%d)",
+                   REQUEST_KEY);
         return ENOMEM;
     }
     publish(route->rate, rate);
-    MLIB_DEBUG(IPV4_DEBUG_ROUTE, "ENABLE Done allocating and init route rate struct (%s,%s/%d)", REQUEST_KEY);
+    MLIB_DEBUG(IPV4_DEBUG_ROUTE, "ENABLE Done allocating and init route rate struct (%s,%s/%d)",
+               REQUEST_KEY);
     return 0;
 }
 
@@ -82,7 +86,8 @@ cerrno disable_rate(const route_request &request) {
         const group change;
         publish(route->rate, nullptr);
         ipv4mc_shmwin_free_inline(rate, IPMC_SHMWIN_ALLOC_ROUTE);
-        MLIB_DEBUG(IPV4_DEBUG_ROUTE, "Disable Freed mem for rate struct for (%s,%s/%d)", REQUEST_KEY);
+        MLIB_DEBUG(IPV4_DEBUG_ROUTE, "Disable Freed mem for rate struct for (%s,%s/%d)",
+                   REQUEST_KEY);
     }
     return 0;
 }
@@ -98,8 +103,9 @@ cerrno ipv4mc_route_accounting(const route_request &request) {
     }
     prepare_counters(request.action, route);
     const cerrno rc = ip6mc_platform_route_operation_wrapper(
-        request.action, request.table, request.source, request.group, request.pfx_len, request.route_entry,
-        request.old_attributes, request.mofrr_attrib, request.is_new != nullptr ? *request.is_new : 0);
+        request.action, request.table, request.source, request.group, request.pfx_len,
+        request.route_entry, request.old_attributes, request.mofrr_attrib,
+        request.is_new != nullptr ? *request.is_new : 0);
     if (rc != 0) {
         MLIB_ERR("Failed action %d %s for (%s,%s/%d) Error: %s", static_cast<int>(request.action),
                  mlib::action_text(request.action), REQUEST_KEY, cerr_strerror(rc));
@@ -108,10 +114,11 @@ cerrno ipv4mc_route_accounting(const route_request &request) {
 }
 
 cerrno ipv4mc_route_rate(const route_request &request) {
-    const cerrno rc = request.action == IPV4MC_ACTION_RATE_ENABLE ? enable_rate(request) : disable_rate(request);
+    const cerrno rc =
+        request.action == IPV4MC_ACTION_RATE_ENABLE ? enable_rate(request) : disable_rate(request);
     if (rc == 0) {
-        MLIB_TRACE_TEXT(IPV4_DEBUG_ROUTE, "Rate action %s done (%s,%s/%d)", mlib::action_text(request.action),
-                        REQUEST_KEY);
+        MLIB_TRACE_TEXT(IPV4_DEBUG_ROUTE, "Rate action %s done (%s,%s/%d)",
+                        mlib::action_text(request.action), REQUEST_KEY);
     }
     return rc;
 }

@@ -38,52 +38,56 @@ cerrno find_parent(const route_request &request) {
     ipv4mc_route_entry_st *parent = nullptr;
     const cerrno rc = ip6mc_get_parent_IF_route(request.table, route, &parent, 0);
     if (rc != 0) {
-        MLIB_ERR("Cannot get parent of new route (%s,%s/%d) action %d %s Error %d %s", REQUEST_KEY, REQUEST_ACTION,
-                 static_cast<int>(rc), cerr_strerror(rc));
+        MLIB_ERR("Cannot get parent of new route (%s,%s/%d) action %d %s Error %d %s", REQUEST_KEY,
+                 REQUEST_ACTION, static_cast<int>(rc), cerr_strerror(rc));
         return rc;
     }
     store(route->IF_parent, parent);
     if (parent != nullptr) {
-        MLIB_DEBUG(IPV4_DEBUG_EV, "[%d] Route (%s,%s/%d). New IF parent is (%s,%s/%d)", __LINE__, REQUEST_KEY,
-                   ROUTE_ARGS(parent));
+        MLIB_DEBUG(IPV4_DEBUG_EV, "[%d] Route (%s,%s/%d). New IF parent is (%s,%s/%d)", __LINE__,
+                   REQUEST_KEY, ROUTE_ARGS(parent));
     }
     return 0;
 }
 
-cerrno with_fault_point(cerrno rc) { return fim_armed(mlib_fim_hdl, MLIB_FAULT_ROUTE_COMMIT) ? EAGAIN : rc; }
+cerrno with_fault_point(cerrno rc) {
+    return fim_armed(mlib_fim_hdl, MLIB_FAULT_ROUTE_COMMIT) ? EAGAIN : rc;
+}
 
 // Tells the platform of a new route. 0 also when the failure was taken over by the error handler.
 cerrno program_new(const route_request &request) {
     ipv4mc_route_entry_st *route = *request.route_entry;
     if (ipmc_platform_can_program_route(route, *request.is_new) == 0) {
-        MLIB_DEBUG(IPV4_DEBUG_ROUTE, "%s:%d - Skip HW prog Route (%s,%s/%d)", __func__, __LINE__, REQUEST_KEY);
+        MLIB_DEBUG(IPV4_DEBUG_ROUTE, "%s:%d - Skip HW prog Route (%s,%s/%d)", __func__, __LINE__,
+                   REQUEST_KEY);
         return 0;
     }
     const cerrno rc = with_fault_point(ip6mc_platform_route_operation_wrapper(
-        IPV4MC_ACTION_COMMIT, request.table, request.source, request.group, request.pfx_len, request.route_entry, 0,
-        0, *request.is_new));
+        IPV4MC_ACTION_COMMIT, request.table, request.source, request.group, request.pfx_len,
+        request.route_entry, 0, 0, *request.is_new));
     if (rc == 0) {
         return 0;
     }
-    MLIB_ERR("Platform specific route operation failed (%s,%s/%d) action %d %s Error %d %s ", REQUEST_KEY,
-             REQUEST_ACTION, static_cast<int>(rc), cerr_strerror(rc));
+    MLIB_ERR("Platform specific route operation failed (%s,%s/%d) action %d %s Error %d %s ",
+             REQUEST_KEY, REQUEST_ACTION, static_cast<int>(rc), cerr_strerror(rc));
     return ipmc_platform_err_handler_sync_route(route, rc);
 }
 
 cerrno program_existing(const route_request &request) {
     ipv4mc_route_entry_st *route = *request.route_entry;
     if (ipmc_platform_can_program_route(route, *request.is_new) == 0) {
-        MLIB_DEBUG(IPV4_DEBUG_ROUTE, "%s:%d - Skip HW prog Route (%s,%s/%d)", __func__, __LINE__, REQUEST_KEY);
+        MLIB_DEBUG(IPV4_DEBUG_ROUTE, "%s:%d - Skip HW prog Route (%s,%s/%d)", __func__, __LINE__,
+                   REQUEST_KEY);
         return 0;
     }
     const cerrno rc = with_fault_point(ip6mc_platform_route_operation_wrapper(
-        IPV4MC_ACTION_COMMIT, request.table, request.source, request.group, request.pfx_len, request.route_entry,
-        request.old_attributes, request.mofrr_attrib, *request.is_new));
+        IPV4MC_ACTION_COMMIT, request.table, request.source, request.group, request.pfx_len,
+        request.route_entry, request.old_attributes, request.mofrr_attrib, *request.is_new));
     if (rc == 0) {
         return 0;
     }
-    MLIB_ERR("Platform specific route operation failed (%s,%s/%d) action %d %s Error %d %s", REQUEST_KEY,
-             REQUEST_ACTION, static_cast<int>(rc), cerr_strerror(rc));
+    MLIB_ERR("Platform specific route operation failed (%s,%s/%d) action %d %s Error %d %s",
+             REQUEST_KEY, REQUEST_ACTION, static_cast<int>(rc), cerr_strerror(rc));
     return ipmc_platform_err_handler_sync_route(route, rc);
 }
 
@@ -94,8 +98,8 @@ cerrno publish(const route_request &request) {
     if (error == 0) {
         return 0;
     }
-    MLIB_ERR("Failed to insert (Commit) ingress route (%s,%s/%d): %s (possible corruption)", REQUEST_KEY,
-             cerr_strerror(error));
+    MLIB_ERR("Failed to insert (Commit) ingress route (%s,%s/%d): %s (possible corruption)",
+             REQUEST_KEY, cerr_strerror(error));
     return mlib::stop_for_corruption();
 }
 
@@ -108,8 +112,8 @@ cerrno turn_children_to(const route_request &request) {
                mlib::action_text(request.action));
     const cerrno rc = ipv4mc_process_setclear_IF_flag(request.table, *request.route_entry, 1);
     if (rc != 0) {
-        MLIB_ERR("Failed to set IF flag for (%s,%s/%d) action %d %s  Error %d %s", REQUEST_KEY, REQUEST_ACTION,
-                 static_cast<int>(rc), cerr_strerror(rc));
+        MLIB_ERR("Failed to set IF flag for (%s,%s/%d) action %d %s  Error %d %s", REQUEST_KEY,
+                 REQUEST_ACTION, static_cast<int>(rc), cerr_strerror(rc));
     }
     return rc;
 }
@@ -123,8 +127,8 @@ cerrno turn_children_away(const route_request &request) {
                mlib::action_text(request.action));
     const cerrno rc = ipv4mc_process_setclear_IF_flag(request.table, *request.route_entry, 0);
     if (rc != 0) {
-        MLIB_ERR("Failed to clear IF flag for (%s,%s/%d) action %d %s  Error %d %s", REQUEST_KEY, REQUEST_ACTION,
-                 static_cast<int>(rc), cerr_strerror(rc));
+        MLIB_ERR("Failed to clear IF flag for (%s,%s/%d) action %d %s  Error %d %s", REQUEST_KEY,
+                 REQUEST_ACTION, static_cast<int>(rc), cerr_strerror(rc));
     }
     return rc;
 }
@@ -133,8 +137,8 @@ cerrno follow_ia(const route_request &request) {
     const transition ia = change_of(request, attribute_ia);
     if (ia.unset) {
         store((*request.route_entry)->IF_parent, nullptr);
-        MLIB_DEBUG(IPV4_DEBUG_EV, "[%d] Route (%s,%s/%d) IA unset action %s ", __LINE__, REQUEST_KEY,
-                   mlib::action_text(request.action));
+        MLIB_DEBUG(IPV4_DEBUG_EV, "[%d] Route (%s,%s/%d) IA unset action %s ", __LINE__,
+                   REQUEST_KEY, mlib::action_text(request.action));
     }
     if (!ia.set) {
         return 0;

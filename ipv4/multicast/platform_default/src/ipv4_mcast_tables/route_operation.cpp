@@ -1,4 +1,5 @@
-// The door through which a route comes into being, changes and goes, and through which it is looked up.
+// The door through which a route comes into being, changes and goes, and through which it is looked
+// up.
 #include <cerrno>
 
 #include "ipv4/multicast/lib/ip6mc_diag.h"
@@ -41,8 +42,9 @@ cerrno look_up(const route_request &request) {
     *request.route_entry = static_cast<ipv4mc_route_entry_st *>(
         ip6mc_gtrie_platform_lookup(request.table->ingress_gtrie, key.prefix, &error));
     if (error != 0) {
-        MLIB_ERR("Problems in Gtrie while looking up route  (%s,%s) %s", mlib::source_text(request.source),
-                 mlib::address_text(request.group), cerr_strerror(error));
+        MLIB_ERR("Problems in Gtrie while looking up route  (%s,%s) %s",
+                 mlib::source_text(request.source), mlib::address_text(request.group),
+                 cerr_strerror(error));
         *request.route_entry = nullptr;
         return EFAULT;
     }
@@ -56,11 +58,12 @@ cerrno look_up_exact(const route_request &request) {
     trie_key key;
     make_key(request, &key);
     cerrno error = 0;
-    *request.route_entry = static_cast<ipv4mc_route_entry_st *>(
-        ip6mc_gtrie_platform_lookup_exact(request.table->ingress_gtrie, key.prefix, key.length, &error));
+    *request.route_entry = static_cast<ipv4mc_route_entry_st *>(ip6mc_gtrie_platform_lookup_exact(
+        request.table->ingress_gtrie, key.prefix, key.length, &error));
     if (error != 0) {
-        MLIB_ERR("Problems in Gtrie during exact route match (%s,%s) %s", mlib::source_text(request.source),
-                 mlib::address_text(request.group), cerr_strerror(error));
+        MLIB_ERR("Problems in Gtrie during exact route match (%s,%s) %s",
+                 mlib::source_text(request.source), mlib::address_text(request.group),
+                 cerr_strerror(error));
         *request.route_entry = nullptr;
         return EFAULT;
     }
@@ -108,18 +111,20 @@ cerrno fill_new_route(const route_request &request, ipv4mc_route_entry_st *route
     store(request.table->rate_route_count, request.table->rate_route_count + 1);
     cerrno rc = ipv4mc_init_route(0, request.source, request.group, request.pfx_len, route, 0);
     if (rc != 0) {
-        MLIB_ERR("Failed to initialize ingress route (%s,%s/%d) :%s", REQUEST_KEY, cerr_strerror(rc));
+        MLIB_ERR("Failed to initialize ingress route (%s,%s/%d) :%s", REQUEST_KEY,
+                 cerr_strerror(rc));
     } else {
         rc = take_table_settings(request, route);
     }
     if (rc != 0) {
-        ip6mc_route_oper_create_fail_cleanup(request.table, request.route_entry, request.table->ingress_gtrie);
+        ip6mc_route_oper_create_fail_cleanup(request.table, request.route_entry,
+                                             request.table->ingress_gtrie);
         return rc;
     }
     route->table = request.table;
     ipmc_object_ida_alloc_route(route);  // a route without an id is still a route
     MLIB_DEBUG_OBJECT_ID(route->obj_id, "Allocated for route (%s,%s/%d, v:%s)", REQUEST_KEY,
-                          vrf_text(request.table));
+                         vrf_text(request.table));
     return 0;
 }
 
@@ -132,12 +137,13 @@ cerrno create(const route_request &request) {
     void *leaf = nullptr;
     int created = 0;
     const group change;
-    const cerrno error = ip6mc_gtrie_platform_leaf_create(request.table->ingress_gtrie, key.prefix, key.length, &leaf,
-                                                          size, &created);
+    const cerrno error = ip6mc_gtrie_platform_leaf_create(request.table->ingress_gtrie, key.prefix,
+                                                          key.length, &leaf, size, &created);
     *request.is_new = created;
     if (error != 0) {
-        MLIB_ERR("Cannot create/lookup in ingress table for (%s,%s/%d) action %d %s Error: %s ", REQUEST_KEY,
-                 static_cast<int>(request.action), mlib::action_text(request.action), cerr_strerror(error));
+        MLIB_ERR("Cannot create/lookup in ingress table for (%s,%s/%d) action %d %s Error: %s ",
+                 REQUEST_KEY, static_cast<int>(request.action), mlib::action_text(request.action),
+                 cerr_strerror(error));
         return EFAULT;
     }
     auto *route = static_cast<ipv4mc_route_entry_st *>(leaf);
@@ -165,7 +171,8 @@ cerrno check_arguments(const route_request &request) {
         case IPV4MC_ACTION_RATE_DISABLE:
             if (no_pointer || *request.route_entry == nullptr) {
                 MLIB_ERR("Action is %s but %s %s", mlib::action_text(request.action),
-                         no_pointer ? "route_entry is NULL" : "", no_pointer ? "" : "*route_entry is NULL");
+                         no_pointer ? "route_entry is NULL" : "",
+                         no_pointer ? "" : "*route_entry is NULL");
                 return EINVAL;
             }
             return 0;
@@ -221,15 +228,25 @@ bool is_ready() {
 
 extern "C" {
 
-cerrno ipv4mc_route_operation_helper(ipv4mc_action_type action, ipv4mc_table_st *table, const ip_maddr_st *source,
-                                     const ip_maddr_st *group, uint16_t pfx_len, const ip_maddr_st *aux_addr,
-                                     ipv4mc_route_entry_st **route_entry, mrib_attrib_entry_type old_attributes,
+cerrno ipv4mc_route_operation_helper(ipv4mc_action_type action, ipv4mc_table_st *table,
+                                     const ip_maddr_st *source, const ip_maddr_st *group,
+                                     uint16_t pfx_len, const ip_maddr_st *aux_addr,
+                                     ipv4mc_route_entry_st **route_entry,
+                                     mrib_attrib_entry_type old_attributes,
                                      mrib_attrib_ti_mofrr_type mofrr_attrib, int *is_new) {
     if (!is_ready()) {
         return EBADF;
     }
-    const route_request request{action,   table,       source,         group,        mlib::route_key_length(source, pfx_len),
-                                aux_addr, route_entry, old_attributes, mofrr_attrib, is_new};
+    const route_request request{action,
+                                table,
+                                source,
+                                group,
+                                mlib::route_key_length(source, pfx_len),
+                                aux_addr,
+                                route_entry,
+                                old_attributes,
+                                mofrr_attrib,
+                                is_new};
     cerrno rc = check_arguments(request);
     if (rc != 0) {
         return rc;
@@ -237,15 +254,17 @@ cerrno ipv4mc_route_operation_helper(ipv4mc_action_type action, ipv4mc_table_st 
     ipv4mc_shmwin_hdr_st *hdr = nullptr;
     rc = ip6mc_shmwin_get_info(&hdr);
     if (rc != 0) {
-        MLIB_ERR("Action is %s but shmwin_info is NULL: %s", mlib::action_text(action), cerr_strerror(rc));
+        MLIB_ERR("Action is %s but shmwin_info is NULL: %s", mlib::action_text(action),
+                 cerr_strerror(rc));
         return rc;
     }
     return act(request);
 }
 
-cerrno ip6mc_route_operation(ipv4mc_action_type action, ipv4mc_table_st *table, const ip_maddr_st *source,
-                             const ip_maddr_st *group, uint16_t pfx_len, const ip_maddr_st *aux_addr,
-                             ipv4mc_route_entry_st **route_entry, mrib_attrib_entry_type old_attributes,
+cerrno ip6mc_route_operation(ipv4mc_action_type action, ipv4mc_table_st *table,
+                             const ip_maddr_st *source, const ip_maddr_st *group, uint16_t pfx_len,
+                             const ip_maddr_st *aux_addr, ipv4mc_route_entry_st **route_entry,
+                             mrib_attrib_entry_type old_attributes,
                              mrib_attrib_ti_mofrr_type mofrr_attrib, int *is_new) {
     MLIB_DEBUG(IPV4_DEBUG_EV, "Rte: Just in for 0x%x:(%s,%s/%d) action %s", table->tid,
                ROUTE_KEY_ARGS(source, group, pfx_len), mlib::action_text(action));
@@ -255,8 +274,9 @@ cerrno ip6mc_route_operation(ipv4mc_action_type action, ipv4mc_table_st *table, 
     if (action == IPV4MC_ACTION_NOT_ENTERED) {
         return 0;
     }
-    const cerrno rc = ipv4mc_route_operation_helper(action, table, source, group, pfx_len, aux_addr, route_entry,
-                                                    old_attributes, mofrr_attrib, is_new);
+    const cerrno rc =
+        ipv4mc_route_operation_helper(action, table, source, group, pfx_len, aux_addr, route_entry,
+                                      old_attributes, mofrr_attrib, is_new);
     // EEXIST is an answer: CREATE on a route that exists, with the route in hand.
     if (rc != 0 && rc != EEXIST) {
         MLIB_ERR("Rte-V2: route operation failed for 0x%x (%s, %s) action 0x%x - %s", table->tid,
@@ -265,12 +285,14 @@ cerrno ip6mc_route_operation(ipv4mc_action_type action, ipv4mc_table_st *table, 
     return rc;
 }
 
-void ip6mc_route_oper_create_fail_cleanup(ipv4mc_table_st *table, ipv4mc_route_entry_st **route_entry, void *gtrie) {
+void ip6mc_route_oper_create_fail_cleanup(ipv4mc_table_st *table,
+                                          ipv4mc_route_entry_st **route_entry, void *gtrie) {
     const bool has_route = route_entry != nullptr && *route_entry != nullptr;
     if (table == nullptr || !has_route || gtrie == nullptr) {
-        MLIB_ERR("ipv4mc_route_oper_create_fail_cleanup INVAL PARAMS t:%c, r_e:%c, r:%c, gtrie_hndl:%c",
-                 table != nullptr ? 'y' : 'n', route_entry != nullptr ? 'y' : 'n', has_route ? 'y' : 'n',
-                 gtrie != nullptr ? 'y' : 'n');
+        MLIB_ERR(
+            "ipv4mc_route_oper_create_fail_cleanup INVAL PARAMS t:%c, r_e:%c, r:%c, gtrie_hndl:%c",
+            table != nullptr ? 'y' : 'n', route_entry != nullptr ? 'y' : 'n', has_route ? 'y' : 'n',
+            gtrie != nullptr ? 'y' : 'n');
         return;
     }
     const group change;
@@ -282,7 +304,8 @@ void ip6mc_route_oper_create_fail_cleanup(ipv4mc_table_st *table, ipv4mc_route_e
     }
     const cerrno rc = ip6mc_gtrie_platform_leaf_free(gtrie, route);
     if (rc != 0) {
-        MLIB_ERR("ipv4mc_route_oper_create_fail_cleanup: Cannot free gtrie leaf Error: %s ", cerr_strerror(rc));
+        MLIB_ERR("ipv4mc_route_oper_create_fail_cleanup: Cannot free gtrie leaf Error: %s ",
+                 cerr_strerror(rc));
     }
     *route_entry = nullptr;
     store(table->rate_route_count, table->rate_route_count - 1);
@@ -297,4 +320,6 @@ cerrno mlib::stop_for_corruption() {
     return EFAULT;
 }
 
-const char *mlib::action_text(ipv4mc_action_type action) { return ipv4_mlib_action_string(action, nullptr); }
+const char *mlib::action_text(ipv4mc_action_type action) {
+    return ipv4_mlib_action_string(action, nullptr);
+}

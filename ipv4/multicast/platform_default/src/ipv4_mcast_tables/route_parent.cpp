@@ -10,13 +10,16 @@
 
 namespace {
 
-const char *presence(const void *pointer) { return pointer != nullptr ? "OK" : "NULL"; }
+const char *presence(const void *pointer) {
+    return pointer != nullptr ? "OK" : "NULL";
+}
 
 }  // namespace
 
 // Starts at the route itself: one with both IA and IF is its own parent.
 extern "C" cerrno ip6mc_get_parent_IF_route(ipv4mc_table_st *table, ipv4mc_route_entry_st *route,
-                                            ipv4mc_route_entry_st **parent_route, int keep_old_parent) {
+                                            ipv4mc_route_entry_st **parent_route,
+                                            int keep_old_parent) {
     if (table == nullptr || route == nullptr || parent_route == nullptr) {
         MLIB_ERR("Null pointer table=%s route=%s parent_route=%s", presence(table), presence(route),
                  presence(parent_route));
@@ -24,7 +27,8 @@ extern "C" cerrno ip6mc_get_parent_IF_route(ipv4mc_table_st *table, ipv4mc_route
     }
     *parent_route = nullptr;
     if ((route->attributes & MRIB_ROUTE_IA) == 0) {
-        MLIB_ERR("0x%x(%s): (%s,%s/%d) does NOT have IA flag", table->tid, table->vrf_name, ROUTE_ARGS(route));
+        MLIB_ERR("0x%x(%s): (%s,%s/%d) does NOT have IA flag", table->tid, table->vrf_name,
+                 ROUTE_ARGS(route));
     }
     const ipv4mc_route_entry_st *old_parent = route->IF_parent;
     for (ipv4mc_route_entry_st *leaf = route;;) {
@@ -39,9 +43,12 @@ extern "C" cerrno ip6mc_get_parent_IF_route(ipv4mc_table_st *table, ipv4mc_route
         auto *above = static_cast<ipv4mc_route_entry_st *>(
             ip6mc_gtrie_platform_less_specific_of_leaf(table->ingress_gtrie, leaf, &error));
         if (error != 0) {
-            MLIB_ERR("0x%x(%s): Gtrie problems while getting less specific of (%s,%s/%d) original route is "
-                     "(%s,%s/%d): %s",
-                     table->tid, table->vrf_name, ROUTE_ARGS(leaf), ROUTE_ARGS(route), cerr_strerror(error));
+            MLIB_ERR(
+                "0x%x(%s): Gtrie problems while getting less specific of (%s,%s/%d) original route "
+                "is "
+                "(%s,%s/%d): %s",
+                table->tid, table->vrf_name, ROUTE_ARGS(leaf), ROUTE_ARGS(route),
+                cerr_strerror(error));
             return EFAULT;
         }
         if (above == nullptr || above->table != table) {

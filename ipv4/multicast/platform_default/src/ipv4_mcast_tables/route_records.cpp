@@ -23,7 +23,8 @@ uint16_t mlib::route_key_length(const ip_maddr_st *source, uint16_t pfx_len) {
 }
 
 ipv4mc_route_rate_st *mlib::allocate_rate() {
-    static_assert(sizeof(ipv4mc_route_rate_st) == 192 && offsetof(ipv4mc_route_rate_st, stamp) == 128);
+    static_assert(sizeof(ipv4mc_route_rate_st) == 192 &&
+                  offsetof(ipv4mc_route_rate_st, stamp) == 128);
     auto *rate = static_cast<ipv4mc_route_rate_st *>(
         ipv4mc_shmwin_malloc_inline(sizeof(ipv4mc_route_rate_st), IPMC_SHMWIN_ALLOC_ROUTE));
     if (rate != nullptr) {
@@ -35,8 +36,8 @@ ipv4mc_route_rate_st *mlib::allocate_rate() {
 extern "C" {
 
 // The leaf is detached: nobody else reaches it yet. The mofrr_upd links stay as the trie gave them.
-cerrno ipv4mc_init_route(uint32_t, const ip_maddr_st *source, const ip_maddr_st *group, uint16_t length,
-                         ipv4mc_route_entry_st *route, uint8_t arg) {
+cerrno ipv4mc_init_route(uint32_t, const ip_maddr_st *source, const ip_maddr_st *group,
+                         uint16_t length, ipv4mc_route_entry_st *route, uint8_t arg) {
     if (ipv4mc_desc->shmwin_init == 0) {
         MLIB_ERR("Route creation skipped, shared memory window Not Initialized");
         return EFAULT;
@@ -58,12 +59,14 @@ cerrno ipv4mc_init_route(uint32_t, const ip_maddr_st *source, const ip_maddr_st 
     return 0;
 }
 
-ipv4mc_intf_entry_st *ipv4mc_create_intf(ifhtype ifh, uint32_t intf_type, uint32_t intf_arg, uint32_t amt_addr,
-                                         uint16_t amt_port) {
+ipv4mc_intf_entry_st *ipv4mc_create_intf(ifhtype ifh, uint32_t intf_type, uint32_t intf_arg,
+                                         uint32_t amt_addr, uint16_t amt_port) {
     const size_t size = sizeof(ipv4mc_intf_entry_st) + plat_params.intf_extension_size;
-    auto *entry = static_cast<ipv4mc_intf_entry_st *>(ipv4mc_shmwin_malloc_inline(size, IPMC_SHMWIN_ALLOC_INTF));
+    auto *entry = static_cast<ipv4mc_intf_entry_st *>(
+        ipv4mc_shmwin_malloc_inline(size, IPMC_SHMWIN_ALLOC_INTF));
     if (entry == nullptr) {
-        MLIB_ERR("Cannot allocate %d bytes for interface %s", static_cast<int>(size), mlib::intf_name(ifh));
+        MLIB_ERR("Cannot allocate %d bytes for interface %s", static_cast<int>(size),
+                 mlib::intf_name(ifh));
         return nullptr;
     }
     entry->intf_type = intf_type;

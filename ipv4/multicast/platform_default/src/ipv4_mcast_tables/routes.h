@@ -28,7 +28,8 @@ cerrno ipv4mc_route_delete(const route_request &request);
 cerrno ipv4mc_route_clear_action(const route_request &request);
 
 // Turns children of a route towards it (1) or away from it (0).
-cerrno ipv4mc_process_setclear_IF_flag(ipv4mc_table_st *table, ipv4mc_route_entry_st *route, int set);
+cerrno ipv4mc_process_setclear_IF_flag(ipv4mc_table_st *table, ipv4mc_route_entry_st *route,
+                                       int set);
 
 namespace mlib {
 
@@ -37,8 +38,8 @@ uint16_t route_key_length(const ip_maddr_st *source, uint16_t pfx_len);
 // A rate record with its timestamp, or null.
 ipv4mc_route_rate_st *allocate_rate();
 
-// A trie refused what it must not refuse: it can no longer be trusted, and the library stops until a new
-// start. Returns EFAULT.
+// A trie refused what it must not refuse: it can no longer be trusted, and the library stops until
+// a new start. Returns EFAULT.
 cerrno stop_for_corruption();
 
 // The name of an interface for messages; valid until the thread's next few.

@@ -98,7 +98,8 @@ void take_keys_from_table(table_request &request) {
     } else {
         request.vrf_table = table;
         if (request.vrf_name[0] == '\0') {
-            request.vrf_name = table->vrf_name;
+            sstrncpy(request.name_of_table, table->vrf_name, name_size);
+            request.vrf_name = request.name_of_table;
         }
     }
     if (request.tid == 0 && tid_side != nullptr) {
@@ -412,8 +413,13 @@ extern "C" cerrno ip6mc_table_operation(ipv4mc_action_type action, uint32_t tid,
         MLIB_ERR("Multicast library Not ready\n");
         return EBADF;
     }
-    table_request request{action,   tid, vrf_id,  vrf_name != nullptr ? vrf_name : "",
-                          table_pp, arg, nullptr, nullptr};
+    table_request request{};
+    request.action = action;
+    request.tid = tid;
+    request.vrf_id = vrf_id;
+    request.vrf_name = vrf_name != nullptr ? vrf_name : "";
+    request.table_pp = table_pp;
+    request.arg = arg;
     const cerrno rc = check(request);
     if (rc != 0) {
         return rc;

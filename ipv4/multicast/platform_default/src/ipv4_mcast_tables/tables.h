@@ -39,6 +39,7 @@ struct table_request {
     uint32_t arg;
     ipv4mc_table_st *vrf_table;
     ipv4mc_table_st *tid_table;
+    char name_of_table[IPV4MC_VRF_NAME_SIZE];  // outlives the table that it is taken from
 };
 
 cerrno ipmc_table_deactivate(table_request &request);

@@ -1,13 +1,12 @@
-// Object ids: the hardware's way back to a route or interface, long after the call that made it. They exist
-// only on routers with asynchronous error handling; elsewhere every allocation succeeds and allocates
-// nothing.
-#include "ipv4/multicast/lib/ip6mc_objid.h"
-
+// Object ids: the hardware's way back to a route or interface, long after the call that made it.
+// They exist only on routers with asynchronous error handling; elsewhere every allocation succeeds
+// and allocates nothing.
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 
 #include "ipv4/multicast/lib/ip6mc_lib.h"
+#include "ipv4/multicast/lib/ip6mc_objid.h"
 #include "ipv4/multicast/lib/ip6mc_platform_err.h"
 #include "ipv4/multicast/lib/ip6mc_route.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
@@ -19,9 +18,13 @@ namespace {
 // Copy of the support flag, taken when the domain is initialised.
 uint32_t ida_enabled = 0;
 
-bool is_valid(uint64_t id) { return id < IPMC_OBJ_ID_NONE; }
+bool is_valid(uint64_t id) {
+    return id < IPMC_OBJ_ID_NONE;
+}
 
-const char *or_null(const void *pointer, const char *there) { return pointer != nullptr ? there : "NULL"; }
+const char *or_null(const void *pointer, const char *there) {
+    return pointer != nullptr ? there : "NULL";
+}
 
 void *allocate(size_t count, size_t size) {
     size_t bytes = 0;
@@ -41,7 +44,8 @@ struct service_text {
     char text[255];
 };
 
-__attribute__((format(printf, 1, 0))) service_text formatted(const char *format, va_list arguments) {
+__attribute__((format(printf, 1, 0))) service_text formatted(const char *format,
+                                                             va_list arguments) {
     service_text result{};
     vsnprintf(result.text, sizeof(result.text), format, arguments);
     return result;
@@ -68,38 +72,44 @@ cerrno ipmc_object_ida_get_domain(fib_obj_id_domain_t **domain) {
     ipv4mc_shmwin_hdr_st *hdr = nullptr;
     const cerrno rc = ip6mc_shmwin_get_info(&hdr);
     if (rc != 0 || hdr == nullptr) {
-        MLIB_ERR("ipmc_object_ida_get_domain failed: %p rc= %s", static_cast<void *>(hdr), cerr_strerror(rc));
+        MLIB_ERR("ipmc_object_ida_get_domain failed: %p rc= %s", static_cast<void *>(hdr),
+                 cerr_strerror(rc));
         return ENOENT;
     }
     *domain = hdr->obj_id_domain;
     return 0;
 }
 
-#define REPORTED(call, name)                                     \
-    ([&] {                                                       \
-        const cerrno code = (call);                              \
-        if (code != 0) {                                         \
+#define REPORTED(call, name)                                        \
+    ([&] {                                                          \
+        const cerrno code = (call);                                 \
+        if (code != 0) {                                            \
             MLIB_ERR(name " failed: rc = %s", cerr_strerror(code)); \
-        }                                                        \
-        return code;                                             \
+        }                                                           \
+        return code;                                                \
     }())
 
 cerrno set_callbacks(fib_obj_id_params_t *params) {
-    cerrno rc = REPORTED(fib_obj_id_params_set_dbg_fn(params, tell_debug), "fib_obj_id_params_set_dbg_fn");
+    cerrno rc =
+        REPORTED(fib_obj_id_params_set_dbg_fn(params, tell_debug), "fib_obj_id_params_set_dbg_fn");
     if (rc == 0) {
-        rc = REPORTED(fib_obj_id_params_set_dbg_err_fn(params, tell_error), "fib_obj_id_params_set_dbg_err_fn");
+        rc = REPORTED(fib_obj_id_params_set_dbg_err_fn(params, tell_error),
+                      "fib_obj_id_params_set_dbg_err_fn");
     }
     if (rc == 0) {
-        rc = REPORTED(fib_obj_id_params_set_mem_alloc_fn(params, allocate), "fib_obj_id_params_set_mem_alloc_fn");
+        rc = REPORTED(fib_obj_id_params_set_mem_alloc_fn(params, allocate),
+                      "fib_obj_id_params_set_mem_alloc_fn");
     }
     if (rc == 0) {
-        rc = REPORTED(fib_obj_id_params_set_mem_free_fn(params, release), "fib_obj_id_params_set_mem_free_fn");
+        rc = REPORTED(fib_obj_id_params_set_mem_free_fn(params, release),
+                      "fib_obj_id_params_set_mem_free_fn");
     }
     return rc;
 }
 
 cerrno set_shape(fib_obj_id_params_t *params) {
-    cerrno rc = REPORTED(fib_obj_id_params_set_id_cnt(params, IPMC_OBJ_ID_COUNT), "fib_obj_id_params_set_id_cnt");
+    cerrno rc = REPORTED(fib_obj_id_params_set_id_cnt(params, IPMC_OBJ_ID_COUNT),
+                         "fib_obj_id_params_set_id_cnt");
     if (rc == 0) {
         rc = REPORTED(fib_obj_id_params_set_id_table_size(params, IPMC_OBJ_ID_TABLE_SIZE),
                       "fib_obj_id_params_set_id_table_size");
@@ -143,15 +153,17 @@ cerrno connect_domain(const fib_obj_id_domain_params_t *domain_params, ipv4mc_sh
     }
     rc = set_callbacks(params);
     if (rc == 0) {
-        rc = hdr->obj_id_domain != nullptr ? fib_obj_id_domain_reinit(domain_params, params, hdr->obj_id_domain)
-                                           : build_domain(domain_params, params, hdr);
+        rc = hdr->obj_id_domain != nullptr
+                 ? fib_obj_id_domain_reinit(domain_params, params, hdr->obj_id_domain)
+                 : build_domain(domain_params, params, hdr);
     }
     fib_obj_id_params_free(params);
     return rc;
 }
 
 // What comes before both questions to the service; 0 with the domain.
-cerrno check_question(const void *output, uint64_t id, fib_obj_id_domain_t **domain, const char *function, int line) {
+cerrno check_question(const void *output, uint64_t id, fib_obj_id_domain_t **domain,
+                      const char *function, int line) {
     if (output == nullptr) {
         mlib::report_error(function, line, "Object pointer is NULL");
         return EINVAL;
@@ -162,7 +174,8 @@ cerrno check_question(const void *output, uint64_t id, fib_obj_id_domain_t **dom
     }
     const cerrno rc = ipmc_object_ida_get_domain(domain);
     if (rc != 0 || *domain == nullptr) {
-        mlib::report_error(function, line, "Object ID allocation failed get domain error, %s rc = %s",
+        mlib::report_error(function, line,
+                           "Object ID allocation failed get domain error, %s rc = %s",
                            or_null(*domain, "OK"), cerr_strerror(rc));
         return ENOENT;
     }
@@ -187,7 +200,8 @@ cerrno ipmc_object_ida_init_domain(void) {
         return rc;
     }
     fib_obj_id_domain_params_t *domain_params = nullptr;
-    rc = REPORTED(fib_obj_id_domain_params_init(&domain_params, allocate, release), "domain params init");
+    rc = REPORTED(fib_obj_id_domain_params_init(&domain_params, allocate, release),
+                  "domain params init");
     if (rc != 0) {
         return rc;
     }
@@ -223,8 +237,8 @@ cerrno ipmc_object_ida_alloc(void *object, uint32_t type, uint64_t *id) {
     }
     rc = fib_obj_id_alloc(domain, id, object, type);
     if (rc != 0) {
-        MLIB_ERR("Object ID allocation failed for Object [0x%lx], rc = %s", reinterpret_cast<unsigned long>(object),
-                 cerr_strerror(rc));
+        MLIB_ERR("Object ID allocation failed for Object [0x%lx], rc = %s",
+                 reinterpret_cast<unsigned long>(object), cerr_strerror(rc));
         *id = IPMC_OBJ_ID_UNSPECIFIED;
     }
     return rc;
@@ -260,8 +274,8 @@ cerrno ipmc_object_ida_free(uint64_t *id) {
     fib_obj_id_domain_t *domain = nullptr;
     cerrno rc = ipmc_object_ida_get_domain(&domain);
     if (rc != 0 || domain == nullptr) {
-        MLIB_ERR("Object ID free failed get domain error, Domain %s rc = %s", or_null(domain, "Exists"),
-                 cerr_strerror(rc));
+        MLIB_ERR("Object ID free failed get domain error, Domain %s rc = %s",
+                 or_null(domain, "Exists"), cerr_strerror(rc));
         return rc;
     }
     MLIB_DEBUG(IPV4_DEBUG_DEV, "Free ID = 0x%lx", *id);
@@ -292,7 +306,8 @@ cerrno ipmc_object_ida_get_type_from_id(uint64_t id, uint32_t *type) {
     fib_obj_id_domain_t *domain = nullptr;
     const cerrno rc = check_question(type, id, &domain, __func__, __LINE__);
     return rc != 0 ? rc
-                   : fib_obj_id_decode(domain, id, nullptr, type, nullptr, nullptr, nullptr, nullptr, nullptr);
+                   : fib_obj_id_decode(domain, id, nullptr, type, nullptr, nullptr, nullptr,
+                                       nullptr, nullptr);
 }
 
 cerrno ipmc_obj_get_from_id(uint64_t id, uint32_t type, void **object) {
@@ -304,7 +319,8 @@ cerrno ipmc_obj_get_from_id(uint64_t id, uint32_t type, void **object) {
         return rc;
     }
     if (found != type) {
-        MLIB_ERR("%s:%d - Object type mismatch 0x%lx - type:%d", __func__, __LINE__, id, static_cast<int>(found));
+        MLIB_ERR("%s:%d - Object type mismatch 0x%lx - type:%d", __func__, __LINE__, id,
+                 static_cast<int>(found));
         return EINVAL;
     }
     return ipmc_object_ida_get_object_from_id(id, object);

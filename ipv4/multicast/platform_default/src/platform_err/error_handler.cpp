@@ -1,5 +1,5 @@
-// What becomes of a failure of the platform. Routers without asynchronous error handling hand a failure back
-// to the caller unchanged; the handling itself is still to come.
+// What becomes of a failure of the platform. Routers without asynchronous error handling hand a
+// failure back to the caller unchanged; the handling itself is still to come.
 #include <cerrno>
 
 #include "ipv4/multicast/lib/ip6mc_platform_err.h"
@@ -18,16 +18,23 @@ extern "C" {
 
 uint32_t ipmc_platform_async_err_oor_handling_supported(void) {
     const uint32_t type = platform_get_router_type();
-    const bool supported = type == PLATFORM_ROUTER_TYPE_ASYNC_A || type == PLATFORM_ROUTER_TYPE_ASYNC_B;
+    const bool supported =
+        type == PLATFORM_ROUTER_TYPE_ASYNC_A || type == PLATFORM_ROUTER_TYPE_ASYNC_B;
     _ltrace_2(ip6mc_mlib_retry_queue_ltrace(), MLIB_TRACE_RETRY_QUEUE, supported ? 2 : 3, 0);
     return supported ? 1 : 0;
 }
 
-uint32_t ipmc_platform_get_async_oor_support(void) { return async_oor_support; }
+uint32_t ipmc_platform_get_async_oor_support(void) {
+    return async_oor_support;
+}
 
-uint32_t ipmc_platform_err_handler_get_oor_mode(void) { return oor_mode; }
+uint32_t ipmc_platform_err_handler_get_oor_mode(void) {
+    return oor_mode;
+}
 
-uint8_t ipmc_platform_route_get_err(const ipv4mc_route_entry_st *route) { return route != nullptr ? route->err : 0; }
+uint8_t ipmc_platform_route_get_err(const ipv4mc_route_entry_st *route) {
+    return route != nullptr ? route->err : 0;
+}
 
 cerrno ipmc_platform_err_handler_init(void *) {
     oor_mode = IPMC_OOR_NONE;
@@ -45,7 +52,8 @@ int ipmc_platform_can_program_route(const ipv4mc_route_entry_st *route, int is_n
     return route->oor == 0 ? 1 : 0;
 }
 
-int ipmc_platform_can_program_intf(const ipv4mc_intf_entry_st *, const ipv4mc_route_entry_st *route, int is_new) {
+int ipmc_platform_can_program_intf(const ipv4mc_intf_entry_st *, const ipv4mc_route_entry_st *route,
+                                   int is_new) {
     return ipmc_platform_can_program_route(route, is_new);
 }
 
@@ -53,7 +61,8 @@ cerrno ipmc_platform_err_handler_sync_route(ipv4mc_route_entry_st *, cerrno rc) 
     return async_oor_support == 0 ? rc : MLIB_NOT_BUILT("ipmc_platform_err_handler_sync_route");
 }
 
-cerrno ipmc_platform_err_handler_sync_intf(ipv4mc_intf_entry_st *, ipv4mc_route_entry_st *, cerrno rc) {
+cerrno ipmc_platform_err_handler_sync_intf(ipv4mc_intf_entry_st *, ipv4mc_route_entry_st *,
+                                           cerrno rc) {
     return async_oor_support == 0 ? rc : MLIB_NOT_BUILT("ipmc_platform_err_handler_sync_intf");
 }
 
