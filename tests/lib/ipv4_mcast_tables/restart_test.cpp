@@ -1,6 +1,7 @@
 // What a start finds in a window that another process left. Each owner is a process of its own.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <functional>
 
 #include "ipv4/multicast/lib/ip6mc_table.h"
@@ -168,6 +169,13 @@ TEST(Restart, AVersionBeforeOneInTheMiddleOfAnUpdateIsThrownAway) {
                   const auto told = kit::take_messages();
                   EXPECT_EQ(told.size(), 1U);
                   EXPECT_TRUE(heard.errors().empty());
+                  // Nothing of this process writes where its search key was before the reset.
+                  std::vector<unsigned char> pattern(1000000, 0x55);
+                  void *block = ip6mc_shmwin_malloc(pattern.size());
+                  memcpy(block, pattern.data(), pattern.size());
+                  EXPECT_FALSE(has_table(5));
+                  EXPECT_EQ(memcmp(block, pattern.data(), pattern.size()), 0);
+                  EXPECT_EQ(heard.errors().size(), 1U);  // no tree to take a key from
                   EXPECT_EQ(ip6mc_lib_terminate(0, 2), 0U);
               }),
               0);
