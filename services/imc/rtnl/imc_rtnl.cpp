@@ -26,7 +26,7 @@ struct connection {
     event_manager_t *evm;
     mnl_socket *socket;
     uint32_t sequence;
-    char buffer[buffer_size] alignas(nlmsghdr);
+    alignas(nlmsghdr) char buffer[buffer_size];
 };
 
 int fd_of(const connection *c) {
@@ -95,7 +95,7 @@ cerrno drain(connection *c) {
 }
 
 cerrno ask_for_links(connection *c) {
-    char request[MNL_NLMSG_HDRLEN + MNL_ALIGN(sizeof(ifinfomsg)) + 64] alignas(nlmsghdr);
+    alignas(nlmsghdr) char request[MNL_NLMSG_HDRLEN + MNL_ALIGN(sizeof(ifinfomsg)) + 64];
     nlmsghdr *const message = mnl_nlmsg_put_header(request);
     message->nlmsg_type = RTM_GETLINK;
     message->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
