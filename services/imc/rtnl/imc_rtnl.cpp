@@ -26,6 +26,7 @@ struct connection {
     event_manager_t *evm;
     mnl_socket *socket;
     uint32_t sequence;
+    bool out_of_step;  // the last list could not be read
     alignas(nlmsghdr) char buffer[buffer_size];
 };
 
@@ -144,6 +145,7 @@ cerrno synchronise(connection *c) {
     if (rc == 0) {
         imc_backend_sweep_end(c->context);
     }
+    c->out_of_step = rc != 0;
     imc_backend_lost(c->context, rc != 0 ? 1 : 0);
     return rc;
 }
@@ -155,7 +157,7 @@ void readable(event_manager_t *, int, uint32_t, void *context) {
     while (rc == 0 || rc == EINTR) {
         rc = read_some(c, &r);
     }
-    if (rc != EAGAIN) {
+    if (rc != EAGAIN || c->out_of_step) {
         // Whatever was missed is in a fresh list.
         synchronise(c);
     }
