@@ -72,9 +72,7 @@ struct run {
                 return;
             }
             if (!undone) {
-                // Dead after the commit: what follows must be the end of the operation.
-                ASSERT_FALSE(before == image());
-                return;
+                return;  // dead behind the commit: the caller finds the state after it
             }
         }
     }
