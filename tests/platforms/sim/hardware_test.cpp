@@ -105,16 +105,21 @@ TEST_F(SimHardware, AHundredThousandRoutesAreFoundAgain) {
 TEST_F(SimHardware, TablesAreApart) {
     ipv4mc_table_st other = table;
     other.tid = 8;
-    test_route a(table, "::", "ff3e::1", 128);
-    program(a, {});
-    const ip_maddr_st any = {};
-    EXPECT_EQ(sim_find_route(8, &any, &a.record.group, 128, nullptr), static_cast<cerrno>(ENOENT));
+    test_route mine(table, "::", "ff3e::1", 128);
+    test_route theirs(other, "::", "ff3e::1", 128);
+    program(mine, {&entry(1, MRIB_INTF_ACCEPT)});
+    EXPECT_EQ(find(theirs), static_cast<cerrno>(ENOENT));
     sim_packet packet = {};
     packet.tid = 8;
-    packet.group = a.record.group;
+    packet.ifh = 1;
+    packet.group = mine.record.group;
     packet.source = address("2001:db8::1");
     sim_forward(&packet);
     EXPECT_EQ(packet.verdict, static_cast<uint32_t>(SIM_NO_ROUTE));
+    program(theirs, {&entry(1, MRIB_INTF_ACCEPT)});
+    ASSERT_EQ(route_op(IPV4MC_ACTION_DELETE, mine), 0U);
+    sim_forward(&packet);
+    EXPECT_EQ(packet.verdict, static_cast<uint32_t>(SIM_FORWARDED));
 }
 
 }  // namespace

@@ -50,7 +50,9 @@ void compare_with_map(Hash hash, uint32_t steps, uint32_t range) {
         }
         ASSERT_EQ(index.count(), model.size());
     }
-    for (const auto &[number, slot] : model) {
+    for (const auto &held : model) {
+        const uint32_t number = held.first;
+        const uint32_t slot = held.second;
         ASSERT_EQ(index.find(hash(number), [&](uint32_t s) { return numbers[s] == number; }), slot);
     }
 }
