@@ -46,13 +46,13 @@ MFWD6_EXPORT void ipv4_mlib_debug_terminate(void);
 // True if the class is on. False for a class of 64 or more.
 MFWD6_EXPORT bool ipv4_debug_event_active(uint32_t debug_class);
 
-// The word behind ipv4_debug_event_active: bit n is class n. Read it through the function below.
-extern MFWD6_EXPORT uint64_t ipv4_debug_mask_page[];
+// The word behind ipv4_debug_event_active: bit n is class n. The pointer never changes.
+extern MFWD6_EXPORT const uint64_t *const ipv4_debug_mask;
 
 // The same question without a call.
 static inline bool ipv4_debug_event_active_inline(uint32_t debug_class) {
     return debug_class < IPV4_DEBUG_CLASSES &&
-           ((__atomic_load_n(&ipv4_debug_mask_page[0], __ATOMIC_RELAXED) >> debug_class) & 1U) != 0;
+           ((__atomic_load_n(ipv4_debug_mask, __ATOMIC_RELAXED) >> debug_class) & 1U) != 0;
 }
 
 // Writes one line: `header`, then the message, cut at 2047 characters. Does not ask whether the

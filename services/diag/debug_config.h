@@ -3,12 +3,12 @@
 //
 // An event is off until a value is set. Setting a value calls the path's configuration function,
 // which may install a filter; once it has answered 0 the event is on. A value set for a path that
-// nobody has registered yet is kept and delivered by debug_register. All of it is process memory;
-// configuration functions run on the thread that calls debug_set_event, debug_unset_event or
-// debug_register, with no lock held.
+// nobody has registered yet is kept and delivered by debug_register. All of it is process memory.
 //
 // Threads: debug_event_active and debug_event_shows from any thread; the others from one thread at
-// a time.
+// a time. A configuration function runs on the thread that calls debug_set_event,
+// debug_unset_event, debug_register or debug_cleanup, and no filter runs meanwhile, so that it may
+// free a record that a filter uses. Neither it nor a filter may ask debug_event_shows.
 #ifndef MFWD6_SERVICES_DIAG_DEBUG_CONFIG_H
 #define MFWD6_SERVICES_DIAG_DEBUG_CONFIG_H
 
@@ -52,7 +52,9 @@ typedef struct debug_event {
 typedef struct debug_value debug_value;  // a value being delivered; valid during the call
 
 // `operation` is 1 when a value is set, 2 when it is taken away; `value` is NULL for 2. A result
-// other than 0 refuses a new value: debug_set_event returns it and the event stays as it was.
+// other than 0 refuses a new value: debug_set_event returns it, and the event is off, without a
+// filter unless the function installed one in this call: the former record may have been freed
+// before the failure.
 typedef cerrno (*debug_config_ft)(uint32_t operation, const char *path, debug_event *event,
                                   const debug_value *value, void *context);
 

@@ -15,8 +15,9 @@ MFWD6_BEGIN_C
 // itself.
 MFWD6_EXPORT cerrno diag_set_run_dir(const char *path);
 
-// The directory in use: the one set, else `/run/mfwd6` where this user may write there, else
-// `/run/user/<uid>/mfwd6`, else `/dev/shm/mfwd6-<uid>`.
+// The directory in use: the one set, else `/run/mfwd6` if this user may use it, else
+// `$XDG_RUNTIME_DIR/mfwd6`, else `/dev/shm/mfwd6-<uid>`: the folder where the windows lie by
+// default.
 MFWD6_EXPORT const char *diag_run_dir(void);
 
 // The name under which this program's files are found: the program's file name, at most 15
