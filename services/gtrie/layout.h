@@ -209,6 +209,17 @@ inline uint32_t code_at(const leaf *l, uint32_t pos) {
     return symbol_at(l, pos) * 8 + bits;
 }
 
+// Walk order.
+inline bool before(const leaf *a, const leaf *b) {
+    const uint32_t limit = a->length < b->length ? a->length : b->length;
+    const uint32_t same = common_bits(a->word, a->table, b->word, b->table, limit);
+    if (same == limit) {
+        return a->length < b->length;
+    }
+    const uint32_t pos = same - same % stride;
+    return symbol_at(a, pos) < symbol_at(b, pos);
+}
+
 inline bool covers(const leaf *l, const key &k) {
     return l->length <= k.length &&
            common_bits(l->word, l->table, k.word, k.table, l->length) == l->length;
