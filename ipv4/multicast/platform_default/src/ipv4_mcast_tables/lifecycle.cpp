@@ -1,4 +1,5 @@
 // Start, stop, states and version of the library in one process.
+#include <bit>
 #include <cerrno>
 #include <cstring>
 
@@ -122,9 +123,11 @@ cerrno start_platform(int attach_only) {
     return rc;
 }
 
+// Both words in one store: a process killed here must not leave half a version to its successor.
 void stamp_version() {
-    descriptor.shmwin_info->version_minor = IP6MC_VERSION_MINOR;
-    descriptor.shmwin_info->version_major = IP6MC_VERSION_MAJOR;
+    static_assert(std::endian::native == std::endian::little, "the minor word comes first");
+    constexpr uint32_t stamp = (uint32_t{IP6MC_VERSION_MAJOR} << 16) | IP6MC_VERSION_MINOR;
+    std::memcpy(static_cast<void *>(descriptor.shmwin_info), &stamp, sizeof(stamp));
 }
 
 // Only one case counts as a change of version: 0.x with an in-place update in progress. Everything
