@@ -48,11 +48,11 @@ cerrno add_to_tree(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st *entry) {
     const mlib::tbl_write_lock guard(__LINE__);
     if (avl_insert(&route->intf_tree, &entry->avl_node, ipmc_intf_avl_compare) == nullptr) {
         MLIB_ERR("Cannot add intf [%s/%s/%u] to intf_tree. (%s,%s/%d): handles [0x%x/0x%x]",
-                 mlib::intf_name(entry->ifh), text_of_amt(entry).text, entry->amt_port, ROUTE_ARGS(route),
-                 entry->key_ifh, entry->ifh);
+                 mlib::intf_name(entry->ifh), text_of_amt(entry).text, entry->amt_port,
+                 ROUTE_ARGS(route), entry->key_ifh, entry->ifh);
         return EINVAL;
     }
-    set_flag(entry, IPV4MC_INTF_IN_TREE);
+    set_flag(entry, IPV4MC_INTF_FLAG_IN_TREE);
     return 0;
 }
 
@@ -60,10 +60,10 @@ void remove_from_tree(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st *entry)
     const mlib::tbl_write_lock guard(__LINE__);
     if (avl_delete(&route->intf_tree, &entry->avl_node) == nullptr) {
         MLIB_ERR("Cannot delete intf [%s/%s/%u] from intf_tree. (%s,%s/%d): handles [0x%x/0x%x]",
-                 mlib::intf_name(entry->ifh), text_of_amt(entry).text, entry->amt_port, ROUTE_ARGS(route),
-                 entry->key_ifh, entry->ifh);
+                 mlib::intf_name(entry->ifh), text_of_amt(entry).text, entry->amt_port,
+                 ROUTE_ARGS(route), entry->key_ifh, entry->ifh);
     }
-    clear_flag(entry, IPV4MC_INTF_IN_TREE);
+    clear_flag(entry, IPV4MC_INTF_FLAG_IN_TREE);
 }
 
 void add_to_list(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st *entry) {
@@ -96,11 +96,13 @@ void drop_bvi_tie(ipv4mc_intf_entry_st *entry) {
     const ipv4mc_bvi_if_t *tie = entry->bvi_if;
     const ipv4mc_bvi_entry_t *state = tie->bvi_entry;
     if (ip6mc_bvi_delete_bvi_interface(tie->route, entry) != 0) {
-        MLIB_ERR("ERR: Line[__LINE__]Delete BVI IF 0x%x of (%s,%s) from tree of BVI-EN(%s,%s)", entry->ifh,
-                 tie->route != nullptr ? mlib::source_text(&tie->route->source) : "Null BVI if data",
-                 tie->route != nullptr ? mlib::address_text(&tie->route->group) : "Null BVI if data",
-                 state != nullptr ? mlib::source_text(&state->source) : "Null BVI Entry",
-                 state != nullptr ? mlib::address_text(&state->group) : "Null BVI Entry");
+        MLIB_ERR(
+            "ERR: Line[__LINE__]Delete BVI IF 0x%x of (%s,%s) from tree of BVI-EN(%s,%s)",
+            entry->ifh,
+            tie->route != nullptr ? mlib::source_text(&tie->route->source) : "Null BVI if data",
+            tie->route != nullptr ? mlib::address_text(&tie->route->group) : "Null BVI if data",
+            state != nullptr ? mlib::source_text(&state->source) : "Null BVI Entry",
+            state != nullptr ? mlib::address_text(&state->group) : "Null BVI Entry");
     }
 }
 
@@ -112,7 +114,8 @@ void drop_object_id(ipv4mc_intf_entry_st *entry) {
     const uint64_t id = entry->obj_id;
     const cerrno rc = ipmc_object_ida_free(&entry->obj_id);
     if (rc != 0) {
-        MLIB_ERR("Object_id free failed for 0x%x, 0x%lx rc = %s", entry->ifh, id, cerr_strerror(rc));
+        MLIB_ERR("Object_id free failed for 0x%x, 0x%lx rc = %s", entry->ifh, id,
+                 cerr_strerror(rc));
     }
 }
 
@@ -127,7 +130,9 @@ void hand_over_plat_block(ipv4mc_shmwin_hdr_st *hdr, ipv4mc_intf_entry_st *entry
     store(entry->plat_block, static_cast<ipmc_plat_block_st *>(nullptr));
 }
 
-bool has_mask(const ipv4mc_intf_entry_st *entry, mrib_attrib_entry_type mask) { return (entry->attributes & mask) != 0; }
+bool has_mask(const ipv4mc_intf_entry_st *entry, mrib_attrib_entry_type mask) {
+    return (entry->attributes & mask) != 0;
+}
 
 ipv4mc_intf_entry_st *first_with(ipv4mc_intf_entry_st *entry, mrib_attrib_entry_type mask) {
     while (entry != nullptr && !has_mask(entry, mask)) {
@@ -149,8 +154,8 @@ bool is_ready() {
 extern "C" {
 
 // One key record of the process, filled outside any lock.
-ipv4mc_intf_entry_st *ip6mc_intf_route_lookup(ipv4mc_route_entry_st *route, uint32_t intf_type, ifhtype ifh,
-                                              uint32_t amt_addr, uint16_t amt_port) {
+ipv4mc_intf_entry_st *ip6mc_intf_route_lookup(ipv4mc_route_entry_st *route, uint32_t intf_type,
+                                              ifhtype ifh, uint32_t amt_addr, uint16_t amt_port) {
     static thread_local ipv4mc_intf_entry_st key;
     key.intf_type = intf_type;
     key.key_ifh = intf_type == IPV4MC_INTF_ORDINARY ? ifh : 0;
@@ -161,7 +166,8 @@ ipv4mc_intf_entry_st *ip6mc_intf_route_lookup(ipv4mc_route_entry_st *route, uint
     return node == nullptr ? nullptr : ipmc_intf_avl2intf(node);
 }
 
-ipv4mc_intf_entry_st *ip6mc_get_first_intf(ipv4mc_route_entry_st *route, mrib_attrib_entry_type mask) {
+ipv4mc_intf_entry_st *ip6mc_get_first_intf(ipv4mc_route_entry_st *route,
+                                           mrib_attrib_entry_type mask) {
     if (!is_ready() || route == nullptr) {
         return nullptr;
     }
@@ -180,7 +186,8 @@ ipv4mc_intf_entry_st *ipv4mc_intf_route_get_first_intf(ipv4mc_route_entry_st *ro
     return route == nullptr ? nullptr : mfwd6::journal::observe(route->intf_list);
 }
 
-ipv4mc_intf_entry_st *ipv4mc_intf_route_get_next_intf(ipv4mc_route_entry_st *, ipv4mc_intf_entry_st *entry) {
+ipv4mc_intf_entry_st *ipv4mc_intf_route_get_next_intf(ipv4mc_route_entry_st *,
+                                                      ipv4mc_intf_entry_st *entry) {
     return entry == nullptr ? nullptr : mfwd6::journal::observe(entry->next_intf);
 }
 
@@ -207,8 +214,8 @@ cerrno ipv4mc_intf_route_add(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st 
     }
     const bool is_head = route->intf_list == entry;
     if (entry->prev_intf != nullptr || entry->next_intf != nullptr || is_head) {
-        MLIB_ERR("Cannot add %s to (%s,%s/%d): %s%s%s", mlib::intf_name(entry->ifh), ROUTE_ARGS(route),
-                 entry->prev_intf != nullptr ? "NON-NULL prev_intf " : "",
+        MLIB_ERR("Cannot add %s to (%s,%s/%d): %s%s%s", mlib::intf_name(entry->ifh),
+                 ROUTE_ARGS(route), entry->prev_intf != nullptr ? "NON-NULL prev_intf " : "",
                  entry->next_intf != nullptr ? "NON-NULL NEXT_intf " : "",
                  is_head ? "I/F is 1st linked list " : "");
         return EINVAL;
@@ -238,8 +245,10 @@ cerrno ipv4mc_intf_route_delete(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_
                  mlib::intf_name(entry->ifh), ROUTE_ARGS(route));
     }
     if (entry->prev_intf != nullptr && entry->next_intf != nullptr && is_head) {
-        MLIB_ERR("Cannot delete %s from (%s,%s/%d): next_intf and prev_intf NON-NULL but intf is 1st in list",
-                 mlib::intf_name(entry->ifh), ROUTE_ARGS(route));
+        MLIB_ERR(
+            "Cannot delete %s from (%s,%s/%d): next_intf and prev_intf NON-NULL but intf is 1st in "
+            "list",
+            mlib::intf_name(entry->ifh), ROUTE_ARGS(route));
         return EINVAL;
     }
     const group change;
