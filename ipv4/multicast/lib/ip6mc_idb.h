@@ -387,6 +387,15 @@ MFWD6_EXPORT void ipmc_idb_link_tbl(ipv4mc_idb_st **idb_p, rsi_vrf_id_t vrf_id,
 // Takes an interface out of the tree of its VRF table. The interface, or NULL when that ended it.
 MFWD6_EXPORT ipv4mc_idb_st *ipmc_idb_unlink_tbl(ipv4mc_idb_st *idb, uint32_t *out);
 
+// 1 for the handle of the fabric interface, else 0. Needs no state.
+MFWD6_EXPORT int ip6mc_idb_is_fint_ifh(ifhtype ifh);
+
+// ---- bundles. Not built yet. --------------------------------------------------------------------
+
+// Sets the functions of a bundle's tree of children again, which died with the last process. 0 when it
+// has none.
+MFWD6_EXPORT cerrno ipmc_bundle_vlantree_reinit(ipv4mc_idb_st *idb);
+
 // ---- MDT interfaces of a table. Not built yet. --------------------------------------------------
 
 MFWD6_EXPORT cerrno ip6mc_idb_mdt_unlock(ipv4mc_table_st *table, ifhtype ifh, uint32_t flag);

@@ -15,12 +15,6 @@ void ipmc_idb_wavl_delete(ipv4mc_idb_st *idb);
 // Out of the tree of its table, with what the table counts. The node, or NULL when it was in none.
 void *ipmc_idb_vrf_delete(ipv4mc_idb_st *idb);
 
-// 1 for the handle of the fabric interface, else 0.
-extern "C" int ip6mc_idb_is_fint_ifh(ifhtype ifh);
-
-// ip_mcast_idb_iir: sets the functions of a bundle's tree of children again.
-cerrno ipmc_bundle_vlantree_reinit(ipv4mc_idb_st *idb);
-
 namespace mlib {
 
 // 0, or 9 with a report in the name of the caller while the library or its interface half is not
