@@ -20,7 +20,7 @@ MFWD6_EXPORT const char *ipv4_mlib_platform_idb_state_string(uint32_t state);
 
 enum { ipv4_mlib_action_string_size = 40 };
 // Writes the word for an action code into `buffer` (at least 40 bytes) and returns it: "CREATE",
-// "EXACT LOOKUP"; "ACTION 7" for a code without a meaning. With a NULL buffer, a static text,
+// "EXACT LOOKUP"; "ACTION 17" for a code without a meaning. With a NULL buffer, a static text,
 // "UNKNOWN ACTION" where there is none.
 MFWD6_EXPORT const char *ipv4_mlib_action_string(uint32_t action, char *buffer);
 

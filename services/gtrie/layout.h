@@ -13,7 +13,10 @@ namespace mfwd6::gtrie {
 struct node;
 struct trie;
 
-enum class leaf_state : uint32_t { detached, linked, removed };
+// One store makes a leaf appear or go for all readers. For a leaf with a slot in the hash index it
+// is the store to that slot: while `arriving` or `leaving`, the leaf is in the trie if and only if
+// the index has it. For a leaf that waits for a slot it is the store to its state.
+enum class leaf_state : uint32_t { detached, arriving, linked, leaving, removed };
 
 // In front of the caller's record. Key, length, table and trie never change; `state` decides
 // whether the leaf exists for readers, whatever structure they found it through.
@@ -116,15 +119,23 @@ inline constexpr size_t node_bytes(node_kind kind, uint32_t capacity) {
     return kind == node_kind::wide ? wide_bytes : sizeof(node) + capacity * sizeof(entry);
 }
 
-// One cache line of the hash index: address of the leaf below, 16 bits of its hash above.
-struct bucket {
-    uint64_t slot[7];
+inline constexpr uint32_t bucket_slots = 6;
+
+// Part of the hash index. The first cache line tells where to look, a key lies in one of the other
+// three: a search reads two lines and no leaf.
+struct alignas(64) bucket {
+    // 11 bits of the hash (never 0), 9 of the length in key bits, 44 of the address of the leaf; or
+    // 0.
+    uint64_t slot[bucket_slots];
     // Leaves that found the slots taken: the first of a list, which only the writer follows. Bit 0:
     // there may be more of them that are in no list of this bucket. Readers that see it non-zero
     // ask the ordered structure.
     uint64_t waiting;
+    uint64_t spare;
+    // Means nothing where the slot is empty. Written before the slot, and never while it is taken.
+    uint64_t word[bucket_slots][4];
 };
-static_assert(sizeof(bucket) == 64);
+static_assert(sizeof(bucket) == 256 && offsetof(bucket, word) == 64);
 
 struct directory {
     uint64_t capacity;
@@ -133,7 +144,8 @@ struct directory {
 
 struct handle;
 
-// One physical trie.
+// One physical trie. What the writer changes at every turn lies a cache line apart from what
+// readers read.
 struct trie {
     uint32_t magic;
     uint32_t constant_hash;
@@ -143,14 +155,15 @@ struct trie {
     uint32_t may_share;
     uint32_t reserved;
     node *root;
-    handle *handles;
     uint64_t seed;
-    uint64_t leaves;
     uint64_t buckets;  // in use; grows by one at a time
     directory *segments;
-    uint64_t waiting;  // leaves in no bucket
     uint64_t
-        length_map[5];  // bit 63 - length % 64 of word length / 64: some leaf has `length` key bits
+        length_map[5];  // bit 63 - length % 64 of word length / 64: some leaf has `length` bits
+    uint64_t apart[8];
+    handle *handles;
+    uint64_t leaves;
+    uint64_t waiting;  // leaves in no bucket
     uint32_t length_count[257];
     uint32_t padding;
 };
@@ -164,16 +177,17 @@ struct handle {
     uint32_t table;   // table part of its keys
     uint64_t cookie;  // of the trie
     trie *on;
-    handle *next;
-    handle *prev;
-    uint64_t leaves;
     uint64_t leaf_position;
     uint32_t kind;
     uint32_t usage;
     uint32_t key_bits;
     uint32_t tid;
+    handle *next;
+    handle *prev;
+    uint64_t apart[8];
+    uint64_t leaves;
 };
-static_assert(sizeof(handle) == 72);
+static_assert(sizeof(handle) == 136);
 
 inline constexpr uint32_t handle_magic = 0x6774686e;
 
@@ -196,6 +210,17 @@ inline uint32_t symbol_at(const leaf *l, uint32_t pos) {
 inline uint32_t code_at(const leaf *l, uint32_t pos) {
     const uint32_t bits = l->length < pos + stride ? l->length - pos : stride;
     return symbol_at(l, pos) * 8 + bits;
+}
+
+// Walk order.
+inline bool before(const leaf *a, const leaf *b) {
+    const uint32_t limit = a->length < b->length ? a->length : b->length;
+    const uint32_t same = common_bits(a->word, a->table, b->word, b->table, limit);
+    if (same == limit) {
+        return a->length < b->length;
+    }
+    const uint32_t pos = same - same % stride;
+    return symbol_at(a, pos) < symbol_at(b, pos);
 }
 
 inline bool covers(const leaf *l, const key &k) {

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "services/gtrie/index.h"
 #include "services/gtrie/node.h"
 #include "services/journal/journal.h"
 
@@ -10,7 +11,11 @@ namespace mfwd6::gtrie {
 namespace {
 
 bool linked(const leaf *l) {
-    return journal::observe(l->state) == static_cast<uint32_t>(leaf_state::linked);
+    const auto state = static_cast<leaf_state>(journal::observe(l->state));
+    if (state == leaf_state::arriving || state == leaf_state::leaving) [[unlikely]] {
+        return index_holds(l->owner, l);
+    }
+    return state == leaf_state::linked;
 }
 
 node *up_of(const node *n) {
@@ -75,16 +80,6 @@ void go_down(const trie *t, const key &k, path *p) {
         p->end = find_entry(n, full_code(symbol_at(k.word, k.table, n->pos)));
         n = node_of(p->end);
     } while (p->end != 0 && !is_leaf(p->end) && n->pos <= k.length);
-}
-
-bool before(const leaf *a, const leaf *b) {
-    const uint32_t limit = a->length < b->length ? a->length : b->length;
-    const uint32_t same = common_bits(a->word, a->table, b->word, b->table, limit);
-    if (same == limit) {
-        return a->length < b->length;
-    }
-    const uint32_t pos = same - same % stride;
-    return symbol_at(a, pos) < symbol_at(b, pos);
 }
 
 // Successor of a leaf that is in no node, or was taken out of one that knows nothing of what came

@@ -11,15 +11,6 @@ namespace {
 
 using namespace mfwd6::gtrie;
 
-bool in_order(const leaf *a, const leaf *b) {
-    const uint32_t limit = a->length < b->length ? a->length : b->length;
-    const uint32_t same = common_bits(a->word, a->table, b->word, b->table, limit);
-    if (same == limit) {
-        return a->length < b->length;
-    }
-    return symbol_at(a, same - same % stride) < symbol_at(b, same - same % stride);
-}
-
 struct checker {
     const trie *on;
     const leaf *previous = nullptr;
@@ -45,11 +36,15 @@ struct checker {
 };
 
 void checker::check_indexed(leaf *l) {
-    const uint64_t hash = hash_for(on, key_of(l));
+    const uint64_t hash = hash_for(on, l);
     const bucket *b = bucket_at(on, bucket_number(hash, on->buckets));
     uint32_t found = 0;
-    for (const uint64_t slot : b->slot) {
-        found += (slot & address_mask) == reinterpret_cast<uint64_t>(l) ? 1 : 0;
+    for (uint32_t i = 0; i < bucket_slots; ++i) {
+        if (b->slot[i] != 0 && slot_leaf(b->slot[i]) == l) {
+            ++found;
+            expect((b->slot[i] ^ slot_tag(hash, l->length)) >> 44 == 0, "slot with a wrong tag");
+            expect(std::memcmp(b->word[i], l->word, sizeof(l->word)) == 0, "slot with a wrong key");
+        }
     }
     if (l->waiting_at != nullptr) {
         ++waiting;
@@ -67,7 +62,7 @@ void checker::check_leaf(leaf *l, const node *n) {
     expect(l->state == static_cast<uint32_t>(leaf_state::linked),
            "leaf in the trie that is not linked");
     expect(l->up == n, "leaf does not point to its node");
-    expect(previous == nullptr || in_order(previous, l), "leaves out of order");
+    expect(previous == nullptr || before(previous, l), "leaves out of order");
     expect(l->length >= table_bits && l->length <= max_length, "leaf with an impossible length");
     if (wrong == nullptr) {
         key k = key_of(l);

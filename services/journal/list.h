@@ -15,9 +15,10 @@
 // Thread-safety. One writer at a time. A reader without a lock may walk forward at any moment of a
 // change, of its undoing, and after the writer's death: it meets every record that stays on the
 // list, in order, and may or may not meet the one that comes or goes. `remove` leaves the record's
-// own next link, so that a reader standing on it goes on; `remove_and_clear` and a later insertion
-// end or divert the walk of a reader that still stands there. The memory of a removed record must
-// outlive such readers. The backward links are for the writer alone.
+// own next link, so that a reader standing on it goes on; `remove_and_clear`, an insertion that is
+// undone and a later insertion end or divert the walk of a reader that still stands there. The
+// memory of a removed record must outlive such readers. The backward links are for the writer
+// alone.
 #ifndef MFWD6_SERVICES_JOURNAL_LIST_H
 #define MFWD6_SERVICES_JOURNAL_LIST_H
 

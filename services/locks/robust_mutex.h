@@ -1,9 +1,9 @@
 // A mutex that survives its holder, for several processes.
 //
 // The lock word names the process (peer id) and the thread that hold it. A waiter asks the kernel,
-// in bounded slices, whether the holder's process still lives. When it does not, the waiter first
-// has what the dead left behind recovered and only then takes the word from it: a waiter killed in
-// between leaves the word as it was, and the next one does the same again.
+// in slices of 50 ms at most, whether the holder's process still lives. When it does not, the
+// waiter first has what the dead left behind recovered and only then takes the word from it: a
+// waiter killed in between leaves the word as it was, and the next one does the same again.
 //
 // Thread-safety. Any thread of any process. Take locks before opening a journal group and release
 // them after it has ended; the allocator's lock, under which only the allocator's own group is

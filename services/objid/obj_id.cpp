@@ -1,6 +1,5 @@
 #include "services/objid/obj_id.h"
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -120,7 +119,8 @@ cerrno fib_obj_id_alloc(fib_obj_id_domain_t *domain, uint64_t *id, void *object,
     }
     slot *const s = slot_of(domain, index);
     const uint32_t version = version_of(s->state);
-    journal::store(s->word, reinterpret_cast<uint64_t>(object));
+    // Published, as is every word: a reader that sees it must not find an older state around it.
+    journal::publish(s->word, reinterpret_cast<uint64_t>(object));
     journal::publish(s->state, state_live(version, userdata));
     journal::store(domain->in_use, domain->in_use + 1);
     *id = compose(domain, {index, version, 0, userdata});
@@ -142,9 +142,7 @@ cerrno fib_obj_id_free(fib_obj_id_domain_t *domain, uint64_t id) {
     const journal::group change;
     const uint32_t next = p.version + 1 < domain->versions ? p.version + 1 : 0;
     journal::publish(s->state, state_free(next));
-    // A reader that sees the new word must not find the old state around it.
-    std::atomic_thread_fence(std::memory_order_release);
-    journal::store(s->word, no_index);
+    journal::publish(s->word, no_index);
     put_index(domain, p.index);
     journal::store(domain->in_use, domain->in_use - 1);
     return 0;

@@ -44,7 +44,7 @@ typedef struct fib_obj_id_domain fib_obj_id_domain_t;                // in the w
 typedef struct fib_obj_id_params fib_obj_id_params_t;                // process memory
 typedef struct fib_obj_id_domain_params fib_obj_id_domain_params_t;  // process memory
 
-// Gives count * size bytes, 16-byte aligned, or NULL. Need not be zeroed.
+// Gives count * size bytes, 8-byte aligned, or NULL. Need not be zeroed.
 typedef void *(*fib_obj_id_mem_alloc_fn)(size_t count, size_t size);
 typedef void (*fib_obj_id_mem_free_fn)(void *block);
 

@@ -115,6 +115,10 @@ MFWD6_EXPORT int ip6mc_bvi_db_init(ipv4mc_table_st *table);
 // the walk failed.
 MFWD6_EXPORT cerrno ip6mc_bvi_intf_db_walk2(uint32_t from_vid, uint32_t to_vid, int set_moved);
 
+// Unties an interface of a route from its L2 state. Not built yet.
+MFWD6_EXPORT cerrno ip6mc_bvi_delete_bvi_interface(ipv4mc_route_entry_st *route,
+                                                   ipv4mc_intf_entry_st *entry);
+
 MFWD6_END_C
 
 #endif

@@ -307,6 +307,53 @@ MFWD6_EXPORT cerrno ipv4mc_route_rate_per_route_fn(ipv4mc_route_entry_st *route,
 // for a handle without a record, "Er0x..." with a report when it could not be looked up.
 MFWD6_EXPORT char *ip6mc_mlib_interface_name(ifhtype ifh, char *buffer);
 
+// One interface of one route. Owner's operation thread; lookups from any process.
+//   LOOKUP, EXACT LOOKUP  the entry with this key into `*intf_entry`, NULL when the route has none
+//   CREATE   an entry that is named to the platform and joined to nothing, 0; or the one that
+//   exists, EEXIST COMMIT   with `is_new` 1 the entry of a CREATE joins its route and its
+//   interface; programs the platform.
+//            `attributes` of the entry is the new word, `old_attributes` the one before
+//   DELETE   takes it off everything and frees it; `*intf_entry` may be NULL, then the key tells
+//   CLEAR    for an entry that never was committed
+//   AMT STAT CLEAR  its statistics at the platform
+// Other actions succeed and do nothing. `idb` may be NULL, `platform_arg` goes to the platform.
+// EBADF, EINVAL, ENOMEM, ENOENT, or what the platform said; 63 from the platform at CREATE refuses
+// quietly.
+MFWD6_EXPORT cerrno ip6mc_intf_operation(ipv4mc_action_type action, ipv4mc_table_st *table,
+                                         ipv4mc_route_entry_st *route, uint32_t intf_type,
+                                         ifhtype ifh, uint32_t amt_addr, uint16_t amt_port,
+                                         uint32_t intf_arg, ipv4mc_intf_entry_st **intf_entry,
+                                         ipv4mc_idb_st *idb, uintptr_t platform_arg,
+                                         mrib_attrib_entry_type old_attributes, int is_new);
+
+// The entry with this key, or NULL; `ifh` does not matter for an `intf_type` other than 0.
+MFWD6_EXPORT ipv4mc_intf_entry_st *ip6mc_intf_route_lookup(ipv4mc_route_entry_st *route,
+                                                           uint32_t intf_type, ifhtype ifh,
+                                                           uint32_t amt_addr, uint16_t amt_port);
+
+// Walk the interfaces of a route whose attribute word has a bit of `mask`. No lock; any process.
+MFWD6_EXPORT ipv4mc_intf_entry_st *ip6mc_get_first_intf(ipv4mc_route_entry_st *route,
+                                                        mrib_attrib_entry_type mask);
+MFWD6_EXPORT ipv4mc_intf_entry_st *ip6mc_get_next_intf(ipv4mc_route_entry_st *route,
+                                                       ipv4mc_intf_entry_st *entry,
+                                                       mrib_attrib_entry_type mask);
+
+// The same without a mask, also while the library is not ready.
+MFWD6_EXPORT ipv4mc_intf_entry_st *ipv4mc_intf_route_get_first_intf(ipv4mc_route_entry_st *route);
+MFWD6_EXPORT ipv4mc_intf_entry_st *ipv4mc_intf_route_get_next_intf(ipv4mc_route_entry_st *ignored,
+                                                                   ipv4mc_intf_entry_st *entry);
+
+// Zeroes the statistics of the local egress interfaces that have counted something.
+MFWD6_EXPORT void ipv4mc_interface_stats_clear(ipv4mc_route_entry_st *route);
+
+// Puts an entry into its route's tree and list; takes it out and frees it; frees one that is in
+// neither.
+MFWD6_EXPORT cerrno ipv4mc_intf_route_add(ipv4mc_route_entry_st *route,
+                                          ipv4mc_intf_entry_st *entry);
+MFWD6_EXPORT cerrno ipv4mc_intf_route_delete(ipv4mc_route_entry_st *route,
+                                             ipv4mc_intf_entry_st *entry);
+MFWD6_EXPORT cerrno ipv4mc_clear_intf(ipv4mc_intf_entry_st **entry_p);
+
 MFWD6_END_C
 
 #endif

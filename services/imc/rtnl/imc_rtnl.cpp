@@ -1,5 +1,6 @@
 #include "services/imc/rtnl/imc_rtnl.h"
 
+#include <libmnl/libmnl.h>
 #include <linux/if_link.h>
 #include <linux/rtnetlink.h>
 #include <poll.h>
@@ -10,7 +11,7 @@
 #include <cstdlib>
 
 #include "services/imc/backend.h"
-#include "services/imc/rtnl/link.h"
+#include "services/imc/rtnl/take_link.h"
 
 namespace mfwd6::imc_rtnl {
 namespace {
@@ -25,64 +26,12 @@ struct connection {
     event_manager_t *evm;
     mnl_socket *socket;
     uint32_t sequence;
-    char buffer[buffer_size] alignas(nlmsghdr);
+    bool out_of_step;  // the last list could not be read
+    alignas(nlmsghdr) char buffer[buffer_size];
 };
 
 int fd_of(const connection *c) {
     return mnl_socket_get_fd(c->socket);
-}
-
-// A VLAN of a bridge is the bridge's routed interface.
-uint16_t vlan_type(imc_context_t *context, uint32_t below) {
-    uint16_t type = IMC_TYPE_NONE;
-    imc_interface_get_type(context, below, &type, nullptr);
-    return type == IMC_TYPE_BVI ? IMC_TYPE_SVI : IMC_TYPE_SUBINTERFACE;
-}
-
-struct vlan_search {
-    uint32_t bridge;
-    uint32_t found;
-    char name[IMC_NAME_SIZE];
-};
-
-cerrno find_vlan(uint32_t ifh, const char *name, uint16_t type, uint32_t parent, void *context) {
-    auto *const search = static_cast<vlan_search *>(context);
-    if (type != IMC_TYPE_SUBINTERFACE || parent != search->bridge) {
-        return 0;
-    }
-    search->found = ifh;
-    imc_display_namestring(name, search->name, sizeof search->name, 0);
-    return EEXIST;
-}
-
-// VLANs that were heard of before their bridge.
-cerrno mend_vlans(imc_context_t *context, uint32_t bridge) {
-    vlan_search search{bridge, 0, {}};
-    cerrno rc = 0;
-    while (rc == 0 && imc_interface_walk(context, find_vlan, &search) != 0) {
-        rc = imc_backend_put(context, search.found, search.name, IMC_TYPE_SVI, bridge);
-    }
-    return rc;
-}
-
-cerrno take_link(imc_context_t *context, const nlmsghdr *message) {
-    link l{};
-    if (!read_link(message, &l)) {
-        return 0;
-    }
-    if (message->nlmsg_type == RTM_DELLINK) {
-        imc_backend_drop(context, l.index);
-        return 0;
-    }
-    if (l.name == nullptr) {
-        return 0;
-    }
-    uint16_t type = type_of(l);
-    if (type == IMC_TYPE_SUBINTERFACE) {
-        type = vlan_type(context, l.below);
-    }
-    const cerrno rc = imc_backend_put(context, l.index, l.name, type, l.below);
-    return rc == 0 && type == IMC_TYPE_BVI ? mend_vlans(context, l.index) : rc;
 }
 
 // What one datagram said about the list that was asked for.
@@ -131,8 +80,23 @@ cerrno read_some(connection *c, reading *r) {
     return r->rc;
 }
 
+// Throws away what is waiting, and the rest of a list that was asked for before.
+cerrno drain(connection *c) {
+    for (;;) {
+        if (recv(fd_of(c), c->buffer, buffer_size, MSG_DONTWAIT) >= 0) {
+            continue;
+        }
+        if (errno == EAGAIN) {
+            return 0;
+        }
+        if (errno != ENOBUFS && errno != EINTR) {
+            return static_cast<cerrno>(errno);
+        }
+    }
+}
+
 cerrno ask_for_links(connection *c) {
-    char request[MNL_NLMSG_HDRLEN + MNL_ALIGN(sizeof(ifinfomsg)) + 64] alignas(nlmsghdr);
+    alignas(nlmsghdr) char request[MNL_NLMSG_HDRLEN + MNL_ALIGN(sizeof(ifinfomsg)) + 64];
     nlmsghdr *const message = mnl_nlmsg_put_header(request);
     message->nlmsg_type = RTM_GETLINK;
     message->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
@@ -144,8 +108,12 @@ cerrno ask_for_links(connection *c) {
                : 0;
 }
 
-// One whole list. EINTR: it is not to be relied on.
+// One whole list. EINTR: it is not to be relied on. Old news go first: after a loss they tell of
+// links whose end was lost.
 cerrno read_links(connection *c) {
+    if (const cerrno rc = drain(c); rc != 0) {
+        return rc;
+    }
     if (const cerrno rc = ask_for_links(c); rc != 0) {
         return rc;
     }
@@ -177,6 +145,7 @@ cerrno synchronise(connection *c) {
     if (rc == 0) {
         imc_backend_sweep_end(c->context);
     }
+    c->out_of_step = rc != 0;
     imc_backend_lost(c->context, rc != 0 ? 1 : 0);
     return rc;
 }
@@ -188,7 +157,7 @@ void readable(event_manager_t *, int, uint32_t, void *context) {
     while (rc == 0 || rc == EINTR) {
         rc = read_some(c, &r);
     }
-    if (rc != EAGAIN) {
+    if (rc != EAGAIN || c->out_of_step) {
         // Whatever was missed is in a fresh list.
         synchronise(c);
     }

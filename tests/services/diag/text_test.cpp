@@ -34,10 +34,10 @@ TEST(Text, EveryActionFitsItsBuffer) {
     EXPECT_STREQ(buffer, "CREATE");
     EXPECT_STREQ(ipv4_mlib_action_string(14, buffer), "FWD-ONLY ACCOUNTING DISABLE");
     EXPECT_STREQ(ipv4_mlib_action_string(22, buffer), "AMT STAT CLEAR");
-    EXPECT_STREQ(ipv4_mlib_action_string(7, buffer), "ACTION 7");
+    EXPECT_STREQ(ipv4_mlib_action_string(17, buffer), "ACTION 17");
     EXPECT_STREQ(ipv4_mlib_action_string(UINT32_MAX, buffer), "ACTION 4294967295");
     EXPECT_STREQ(ipv4_mlib_action_string(8, nullptr), "COMMIT");
-    EXPECT_STREQ(ipv4_mlib_action_string(7, nullptr), "UNKNOWN ACTION");
+    EXPECT_STREQ(ipv4_mlib_action_string(17, nullptr), "UNKNOWN ACTION");
 }
 
 TEST(Text, ActionLinesAppearOnlyWhenTheirClassIsOn) {

@@ -70,7 +70,7 @@ TEST_F(retry_test, intervals_grow_by_the_factor_up_to_the_limit) {
     work w;
     w.fail_first = 100;
     ASSERT_EQ(retry_schedule(try_work, &w), 0U);
-    for (const uint64_t interval : {1, 2, 3, 3}) {
+    for (const uint64_t interval : {1U, 2U, 3U, 3U}) {
         EXPECT_EQ(advance(interval * second - 1), 0U);
         EXPECT_EQ(advance(1), 1U);
     }

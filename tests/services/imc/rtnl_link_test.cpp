@@ -8,48 +8,14 @@
 
 #include "services/imc/imc.h"
 #include "services/imc/rtnl/link.h"
+#include "tests/services/imc/link_message.h"
 
 namespace {
 
 using mfwd6::imc_rtnl::link;
 using mfwd6::imc_rtnl::read_link;
 using mfwd6::imc_rtnl::type_of;
-
-class message {
-  public:
-    message(int index, uint16_t hardware, uint16_t type = RTM_NEWLINK) {
-        head_ = mnl_nlmsg_put_header(bytes_);
-        head_->nlmsg_type = type;
-        info_ = static_cast<ifinfomsg *>(mnl_nlmsg_put_extra_header(head_, sizeof(ifinfomsg)));
-        info_->ifi_index = index;
-        info_->ifi_type = hardware;
-    }
-    message &name(const char *text) {
-        mnl_attr_put_strz(head_, IFLA_IFNAME, text);
-        return *this;
-    }
-    message &kind(const char *text) {
-        nlattr *const nest = mnl_attr_nest_start(head_, IFLA_LINKINFO);
-        mnl_attr_put_strz(head_, IFLA_INFO_KIND, text);
-        mnl_attr_nest_end(head_, nest);
-        return *this;
-    }
-    message &below(uint32_t index) {
-        mnl_attr_put_u32(head_, IFLA_LINK, index);
-        return *this;
-    }
-    message &elsewhere() {
-        mnl_attr_put_u32(head_, IFLA_LINK_NETNSID, 0);
-        return *this;
-    }
-    nlmsghdr *head() { return head_; }
-    ifinfomsg *info() { return info_; }
-
-  private:
-    alignas(nlmsghdr) char bytes_[1024] = {};
-    nlmsghdr *head_;
-    ifinfomsg *info_;
-};
+using rtnl_test::message;
 
 TEST(rtnl_link, kinds_have_their_types) {
     const struct {

@@ -281,6 +281,20 @@ TEST_F(Journal, ExplicitGroupInsideAnotherCommitsAloneAndRestoresTheOuter) {
     EXPECT_EQ(shared->words[2], 0U);
 }
 
+TEST_F(Journal, GroupUnderAHeldLockHasTheGivenIdentity) {
+    journal::group g;
+    {
+        journal::group h(inner(), 0x333);
+        EXPECT_EQ(inner()->holder, 0x333U);
+        journal::store(shared->words[0], 1);
+        EXPECT_EQ(inner()->used, 1U);
+    }
+    EXPECT_EQ(inner()->holder, 0U);
+    EXPECT_EQ(inner()->used, 0U);
+    EXPECT_EQ(journal::self.current, outer());
+    EXPECT_EQ(journal::self.depth, 1U);
+}
+
 TEST_F(Journal, AllocationGoesBackOnUndoAndStaysOnCommit) {
     {
         journal::group g;

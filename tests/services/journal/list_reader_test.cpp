@@ -1,7 +1,7 @@
 // Readers without a lock beside a writer.
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <cstring>
 #include <thread>
 
 #include "services/journal/list.h"
@@ -23,8 +23,9 @@ TEST(ListReader, MeetsEverythingThatStays) {
     alignas(64) static unsigned char memory[journal::log_bytes(64)];
     journal::log *log = journal::format(memory, sizeof memory);
     static record all[2 * count];
-    static record *head = nullptr;
-    static record *tail = nullptr;
+    std::memset(all, 0, sizeof all);
+    record *head = nullptr;
+    record *tail = nullptr;
     numbers l(head, tail);
     for (uint64_t i = 0; i < 2 * count; ++i) {
         all[i].value = i;

@@ -93,6 +93,10 @@ int ip6mc_bvi_db_init(ipv4mc_table_st *table) {
     return 1;
 }
 
+cerrno ip6mc_bvi_delete_bvi_interface(ipv4mc_route_entry_st *, ipv4mc_intf_entry_st *) {
+    return MLIB_NOT_BUILT("ip6mc_bvi_delete_bvi_interface");
+}
+
 cerrno ip6mc_bvi_intf_db_walk2(uint32_t from_vid, uint32_t to_vid, int set_moved) {
     rn_root_t *root = ipv4mc_desc->shmwin_info->bvi_intf_db_root;
     if (rn_walktree(root, ip6mc_bvi_update_table, from_vid, to_vid, set_moved) != 0) {
