@@ -146,24 +146,29 @@ leaf *make_leaf(trie *t, const key &k, size_t size, const memory &m) {
 }
 
 cerrno insert_leaf(trie *t, leaf *l, const memory &m) {
-    const uint64_t hash = hash_for(t, key_of(l));
+    const uint64_t hash = hash_for(t, l);
     index_prefetch(t, hash);
     if (const cerrno failure = link(t, l, m); failure != 0) {
         return failure == EEXIST ? static_cast<cerrno>(GTRIE_E_EXISTS) : failure;
     }
-    index_add(t, l, hash, m);
+    index_grow(t, m);
     journal::store(t->leaves, t->leaves + 1);
     count_length(t, l->length - table_bits, true);
+    journal::publish(l->state, static_cast<uint32_t>(leaf_state::arriving));
+    index_add(t, l, hash);
     journal::publish(l->state, static_cast<uint32_t>(leaf_state::linked));
     return 0;
 }
 
 void delete_leaf(trie *t, leaf *l, const memory &m) {
-    const uint64_t hash = hash_for(t, key_of(l));
+    const uint64_t hash = hash_for(t, l);
     index_prefetch(t, hash);
+    const bool waits = l->waiting_at != nullptr;
+    journal::publish(l->state,
+                     static_cast<uint32_t>(waits ? leaf_state::removed : leaf_state::leaving));
+    index_remove(t, l, hash);
     journal::publish(l->state, static_cast<uint32_t>(leaf_state::removed));
     unlink(t, l, m);
-    index_remove(t, l, hash);
     count_length(t, l->length - table_bits, false);
     journal::store(t->leaves, t->leaves - 1);
 }

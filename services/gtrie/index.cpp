@@ -11,7 +11,7 @@ constexpr uint64_t first_directory = 8;
 constexpr uint64_t not_listed = 1;      // bit of `waiting` of a bucket
 constexpr uint32_t moved_at_once = 24;  // waiting leaves that one split looks at
 
-// Segments: 16 buckets, then as many as all before, until segment_buckets is reached, then that
+// Segments: first_buckets, then as many as all before, until segment_buckets is reached, then that
 // many each.
 constexpr uint64_t doubling_segments = 7;
 static_assert(first_buckets << (doubling_segments - 1) == segment_buckets);
@@ -68,24 +68,46 @@ void index_prefetch(const trie *t, uint64_t hash) {
     __builtin_prefetch(bucket_at(t, bucket_number(hash, journal::observe(t->buckets))));
 }
 
+namespace {
+
+// Slots with this tag, bit by bit. Without a branch: where the match is cannot be foretold, and a
+// wrong guess would cost more than all the comparisons, as it throws away what was begun behind it.
+uint32_t slots_with(const bucket *b, uint64_t tag) {
+    uint32_t found = 0;
+    for (uint32_t i = 0; i < bucket_slots; ++i) {
+        found |= static_cast<uint32_t>((journal::observe(b->slot[i]) ^ tag) >> 44 == 0) << i;
+    }
+    return found;
+}
+
+// The slot is read once more behind the key: if it is still the same, the key was that of its leaf.
+leaf *leaf_in_slot(const trie *t, const bucket *b, uint32_t i, const key &k, uint64_t tag) {
+    const uint64_t word = journal::observe(b->slot[i]);
+    uint64_t differ = (word ^ tag) >> 44;
+    for (uint32_t w = 0; w < 4; ++w) {
+        differ |= journal::observe(b->word[i][w]) ^ k.word[w];
+    }
+    if (differ != 0 || journal::observe(b->slot[i]) != word) {
+        return nullptr;
+    }
+    leaf *l = slot_leaf(word);
+    return t->may_share == 0 || l->table == k.table ? l : nullptr;
+}
+
+}  // namespace
+
 leaf *index_find(const trie *t, const key &k, uint64_t hash) {
+    const uint64_t tag = slot_tag(hash, k.length);
     uint64_t buckets = journal::observe(t->buckets);
     while (true) {
         const uint64_t number = bucket_number(hash, buckets);
         const bucket *b = bucket_at(t, number);
         // Before the slots: a leaf goes into a slot before it leaves the waiting list.
         const uint64_t waiting = journal::observe(b->waiting);
-        for (const uint64_t &slot : b->slot) {
-            const uint64_t word = journal::observe(slot);
-            if (((word ^ hash) >> 48) == 0 && word != 0) {
-                leaf *l = leaf_in(word);
-                if (same_key(l, k)) {
-                    const bool there =
-                        journal::observe(l->state) == static_cast<uint32_t>(leaf_state::linked);
-                    if (there) {
-                        return l;
-                    }
-                }
+        for (uint32_t found = slots_with(b, tag); found != 0; found &= found - 1) {
+            const auto i = static_cast<uint32_t>(std::countr_zero(found));
+            if (leaf *l = leaf_in_slot(t, b, i, k, tag); l != nullptr) {
+                return l;
             }
         }
         if (waiting != 0) {
@@ -95,6 +117,25 @@ leaf *index_find(const trie *t, const key &k, uint64_t hash) {
         buckets = journal::observe(t->buckets);
         if (bucket_number(hash, buckets) == number) {
             return nullptr;
+        }
+    }
+}
+
+bool index_holds(const trie *t, const leaf *l) {
+    const uint64_t hash = hash_for(t, l);
+    const uint64_t word = slot_tag(hash, l->length) | reinterpret_cast<uint64_t>(l) >> 3;
+    uint64_t buckets = journal::observe(t->buckets);
+    while (true) {
+        const uint64_t number = bucket_number(hash, buckets);
+        const bucket *b = bucket_at(t, number);
+        for (const uint64_t &slot : b->slot) {
+            if (journal::observe(slot) == word) {
+                return true;
+            }
+        }
+        buckets = journal::observe(t->buckets);
+        if (bucket_number(hash, buckets) == number) {
+            return false;
         }
     }
 }
@@ -151,29 +192,27 @@ void stop_waiting(trie *t, leaf *l) {
     journal::store(t->waiting, t->waiting - 1);
 }
 
-uint64_t *free_slot(bucket *b) {
-    for (uint64_t &slot : b->slot) {
-        if (slot == 0) {
-            return &slot;
-        }
+// bucket_slots when all are taken.
+uint32_t free_slot(const bucket *b) {
+    uint32_t i = 0;
+    while (i < bucket_slots && b->slot[i] != 0) {
+        ++i;
     }
-    return nullptr;
+    return i;
 }
 
-uint64_t slot_word(const leaf *l, uint64_t hash) {
-    return reinterpret_cast<uint64_t>(l) | hash_tag(hash);
-}
-
-void put(trie *t, bucket *b, leaf *l, uint64_t hash) {
-    if (uint64_t *slot = free_slot(b); slot != nullptr) {
-        journal::publish(*slot, slot_word(l, hash));
-    } else {
-        wait_in(t, b, l);
+// The release of each key word keeps it behind the store that emptied the slot.
+void take_slot(bucket *b, uint32_t i, const leaf *l, uint64_t hash) {
+    for (uint32_t w = 0; w < 4; ++w) {
+        journal::publish(b->word[i][w], l->word[w]);
     }
+    journal::publish(b->slot[i], slot_tag(hash, l->length) | reinterpret_cast<uint64_t>(l) >> 3);
 }
 
-uint64_t hash_of_leaf(const trie *t, const leaf *l) {
-    return hash_for(t, key_of(l));
+uint64_t hash_in_slot(const trie *t, const bucket *b, uint32_t i) {
+    const uint64_t word = b->slot[i];
+    const auto length = static_cast<uint32_t>(word >> 44 & 511U) + table_bits;
+    return hash_for(t, b->word[i], t->may_share != 0 ? slot_leaf(word)->table : 0, length);
 }
 
 // Room for the bucket with this number. False: no memory, nothing changed.
@@ -210,15 +249,15 @@ bool make_room(trie *t, uint64_t number, const memory &m) {
 
 // Leaves of the old bucket's waiting list to where they belong, as many as one operation may move.
 // The rest stays in the old list, and the new bucket says that it may miss some.
-void split_waiting(trie *t, uint64_t number, bucket *old, bucket *fresh, uint64_t buckets) {
+void split_waiting(trie *t, uint64_t number, bucket *old, bucket *fresh) {
     leaf *l = leaf_in(old->waiting);
     for (uint32_t i = 0; l != nullptr && i < moved_at_once; ++i) {
         leaf *next = leaf_in(l->waiting_next);
-        const uint64_t hash = hash_of_leaf(t, l);
-        const uint64_t belongs = bucket_number(hash, buckets);
+        const uint64_t hash = hash_for(t, l);
+        const uint64_t belongs = bucket_number(hash, number + 1);
         bucket *to = belongs == number ? fresh : bucket_at(t, belongs);
-        if (uint64_t *slot = free_slot(to); slot != nullptr) {
-            journal::publish(*slot, slot_word(l, hash));
+        if (const uint32_t slot = free_slot(to); slot != bucket_slots) {
+            take_slot(to, slot, l, hash);
             stop_waiting(t, l);
         } else if (to == fresh) {
             stop_waiting(t, l);
@@ -228,8 +267,19 @@ void split_waiting(trie *t, uint64_t number, bucket *old, bucket *fresh, uint64_
     }
 }
 
-// Adds one bucket and moves to it what belongs there. At most 7 slots and moved_at_once waiting
-// leaves.
+// True if all leaves that wait in the list of the old bucket were looked at and belong there.
+bool all_belong(const trie *t, const bucket *old, uint64_t from) {
+    uint32_t seen = 0;
+    for (const leaf *l = leaf_in(old->waiting); l != nullptr; l = leaf_in(l->waiting_next)) {
+        if (++seen > moved_at_once || bucket_number(hash_for(t, l), t->buckets) != from) {
+            return false;
+        }
+    }
+    return (old->waiting & not_listed) == 0;
+}
+
+// Adds one bucket and moves to it what belongs there: its slots and moved_at_once waiting leaves at
+// most.
 void split(trie *t, const memory &m) {
     const uint64_t number = t->buckets;
     if (!make_room(t, number, m)) {
@@ -238,60 +288,59 @@ void split(trie *t, const memory &m) {
     const uint64_t from = number - std::bit_floor(number);
     bucket *old = bucket_at(t, from);
     bucket *fresh = bucket_at(t, number);
-    bool moves[7];
+    bool moves[bucket_slots];
     uint32_t count = 0;
-    for (uint32_t i = 0; i < 7; ++i) {
-        const leaf *l = leaf_in(old->slot[i]);
-        moves[i] = l != nullptr && bucket_number(hash_of_leaf(t, l), number + 1) == number;
+    for (uint32_t i = 0; i < bucket_slots; ++i) {
+        moves[i] =
+            old->slot[i] != 0 && bucket_number(hash_in_slot(t, old, i), number + 1) == number;
         if (moves[i]) {
+            for (uint32_t w = 0; w < 4; ++w) {
+                journal::store(fresh->word[count][w], old->word[i][w]);
+            }
             journal::store(fresh->slot[count++], old->slot[i]);
         }
     }
     // Until all have moved, who misses in the new bucket asks the ordered structure.
-    journal::store(fresh->waiting, old->waiting != 0 ? not_listed : 0);
+    const bool waited = old->waiting != 0;
+    journal::store(fresh->waiting, waited ? not_listed : 0);
     journal::publish(t->buckets, number + 1);
-    for (uint32_t i = 0; i < 7; ++i) {
+    for (uint32_t i = 0; i < bucket_slots; ++i) {
         if (moves[i]) {
             journal::publish(old->slot[i], uint64_t{0});
         }
     }
-    if (old->waiting != 0) {
-        const bool whole = (old->waiting & not_listed) == 0;
-        split_waiting(t, number, old, fresh, number + 1);
-        bool rest = !whole;
-        uint32_t seen = 0;
-        for (const leaf *l = leaf_in(old->waiting); l != nullptr && !rest;
-             l = leaf_in(l->waiting_next)) {
-            rest = ++seen > moved_at_once || bucket_number(hash_of_leaf(t, l), number + 1) != from;
-        }
-        if (!rest) {
+    if (waited) {
+        split_waiting(t, number, old, fresh);
+        if (all_belong(t, old, from)) {
             journal::publish(fresh->waiting, fresh->waiting & ~not_listed);
-        }
-    }
-}
-
-// The leaves that the next split will look at, so that they are near when it comes.
-void prefetch_split(const trie *t) {
-    const uint64_t left = t->leaves % leaves_per_bucket;
-    const bucket *old = bucket_at(t, t->buckets - std::bit_floor(t->buckets));
-    if (left == 1) {
-        __builtin_prefetch(old);
-    } else if (left == 2) {
-        for (const uint64_t word : old->slot) {
-            __builtin_prefetch(leaf_in(word));
         }
     }
 }
 
 }  // namespace
 
-void index_add(trie *t, leaf *l, uint64_t hash, const memory &m) {
+void index_grow(trie *t, const memory &m) {
     if (t->leaves >= t->buckets * leaves_per_bucket) {
         split(t, m);
-    } else {
-        prefetch_split(t);
+    } else if (t->leaves % leaves_per_bucket == 1) {
+        // The next split is some insertions away: what it will read can be on its way.
+        const bucket *next = bucket_at(t, t->buckets - std::bit_floor(t->buckets));
+        __builtin_prefetch(next);
+        for (const auto &word : next->word) {
+            __builtin_prefetch(word);
+        }
     }
-    put(t, bucket_at(t, bucket_number(hash, t->buckets)), l, hash);
+}
+
+bool index_add(trie *t, leaf *l, uint64_t hash) {
+    bucket *b = bucket_at(t, bucket_number(hash, t->buckets));
+    const uint32_t slot = free_slot(b);
+    if (slot == bucket_slots) {
+        wait_in(t, b, l);
+        return false;
+    }
+    take_slot(b, slot, l, hash);
+    return true;
 }
 
 void index_remove(trie *t, leaf *l, uint64_t hash) {
@@ -301,18 +350,17 @@ void index_remove(trie *t, leaf *l, uint64_t hash) {
     }
     const uint64_t number = bucket_number(hash, t->buckets);
     bucket *b = bucket_at(t, number);
-    for (uint64_t &slot : b->slot) {
-        if (slot == slot_word(l, hash)) {
-            journal::publish(slot, uint64_t{0});
-            break;
+    for (uint32_t i = 0; i < bucket_slots; ++i) {
+        if (slot_leaf(b->slot[i]) != l) {
+            continue;
         }
-    }
-    if (leaf *next = leaf_in(b->waiting); next != nullptr) {
-        const uint64_t next_hash = hash_of_leaf(t, next);
-        if (bucket_number(next_hash, t->buckets) == number) {
-            put(t, b, next, next_hash);
+        journal::publish(b->slot[i], uint64_t{0});
+        leaf *next = leaf_in(b->waiting);
+        if (next != nullptr && bucket_number(hash_for(t, next), t->buckets) == number) {
+            take_slot(b, i, next, hash_for(t, next));
             stop_waiting(t, next);
         }
+        return;
     }
 }
 

@@ -1,4 +1,4 @@
-// The hash index: buckets of one cache line, grown one bucket at a time.
+// The hash index: buckets of four cache lines, grown one bucket at a time.
 //
 // A bucket that is full sends its leaves to a waiting list, and readers that miss in such a bucket
 // ask the ordered structure: the worst hash costs a search there, never a long chain here.
@@ -10,18 +10,27 @@
 
 namespace mfwd6::gtrie {
 
-inline constexpr uint64_t first_buckets = 16;
-inline constexpr uint64_t segment_buckets = 1024;  // of a segment, when there are that many
-inline constexpr uint64_t leaves_per_bucket = 4;   // on average, at most
+inline constexpr uint64_t first_buckets = 4;
+inline constexpr uint64_t segment_buckets = 256;  // of a segment, when there are that many
+inline constexpr uint64_t leaves_per_bucket = 3;  // on average, at most
 
 // Makes the first buckets. False: no memory.
 bool index_init(trie *t, const memory &m);
 // Gives all memory of the index back.
 void index_finish(trie *t, const memory &m);
 
+// Where one table has the trie to itself, its table part says nothing.
+inline uint64_t hash_for(const trie *t, const uint64_t *word, uint32_t table, uint32_t length) {
+    if (t->constant_hash != 0) {
+        return 0x1234567890abcdefU;
+    }
+    return hash_of(word, t->may_share != 0 ? table : 0, length, t->seed);
+}
 inline uint64_t hash_for(const trie *t, const key &k) {
-    return t->constant_hash != 0 ? 0x1234567890abcdefU
-                                 : hash_of(k.word, k.table, k.length, t->seed);
+    return hash_for(t, k.word, k.table, k.length);
+}
+inline uint64_t hash_for(const trie *t, const leaf *l) {
+    return hash_for(t, l->word, l->table, l->length);
 }
 
 // Number of the bucket for a hash when `buckets` are in use.
@@ -33,18 +42,27 @@ inline uint64_t bucket_number(uint64_t hash, uint64_t buckets) {
 
 bucket *bucket_at(const trie *t, uint64_t number);
 
-inline uint64_t hash_tag(uint64_t hash) {
-    return hash & 0xffff000000000000U;
+// The upper 20 bits of a slot.
+inline uint64_t slot_tag(uint64_t hash, uint32_t length) {
+    return (hash >> 53 | 1U) << 53 | uint64_t{length - table_bits} << 44;
+}
+inline leaf *slot_leaf(uint64_t slot) {
+    return reinterpret_cast<leaf *>((slot & ((uint64_t{1} << 44) - 1)) << 3);
 }
 
 void index_prefetch(const trie *t, uint64_t hash);
 
-// The linked leaf with this key, or null.
+// True if the leaf has its slot.
+bool index_holds(const trie *t, const leaf *l);
+
+// The leaf with this key that is in the trie, or null.
 leaf *index_find(const trie *t, const key &k, uint64_t hash);
 
-// For the writer inside a group. Growth that finds no memory is put off: the leaf is added all the
-// same.
-void index_add(trie *t, leaf *l, uint64_t hash, const memory &m);
+// For the writer inside a group. Adding is two steps, so that the one which makes the leaf visible
+// can be last: index_grow makes room (growth that finds no memory is put off), index_add takes the
+// slot and tells whether it found one; without, the leaf waits.
+void index_grow(trie *t, const memory &m);
+bool index_add(trie *t, leaf *l, uint64_t hash);
 void index_remove(trie *t, leaf *l, uint64_t hash);
 
 // Segments and the directory, for the checker.

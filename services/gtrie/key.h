@@ -50,7 +50,9 @@ inline key load_key(const uint8_t *bytes, uint32_t table, uint32_t length) {
     for (uint64_t &w : k.word) {
         w = __builtin_bswap64(w);
     }
-    cut(k, length);
+    if (bits != 256) {
+        cut(k, length);
+    }
     return k;
 }
 

@@ -13,7 +13,10 @@ namespace mfwd6::gtrie {
 struct node;
 struct trie;
 
-enum class leaf_state : uint32_t { detached, linked, removed };
+// One store makes a leaf appear or go for all readers. For a leaf with a slot in the hash index it
+// is the store to that slot: while `arriving` or `leaving`, the leaf is in the trie if and only if
+// the index has it. For a leaf that waits for a slot it is the store to its state.
+enum class leaf_state : uint32_t { detached, arriving, linked, leaving, removed };
 
 // In front of the caller's record. Key, length, table and trie never change; `state` decides
 // whether the leaf exists for readers, whatever structure they found it through.
@@ -116,15 +119,23 @@ inline constexpr size_t node_bytes(node_kind kind, uint32_t capacity) {
     return kind == node_kind::wide ? wide_bytes : sizeof(node) + capacity * sizeof(entry);
 }
 
-// One cache line of the hash index: address of the leaf below, 16 bits of its hash above.
-struct bucket {
-    uint64_t slot[7];
+inline constexpr uint32_t bucket_slots = 6;
+
+// Part of the hash index. The first cache line tells where to look, a key lies in one of the other
+// three: a search reads two lines and no leaf.
+struct alignas(64) bucket {
+    // 11 bits of the hash (never 0), 9 of the length in key bits, 44 of the address of the leaf; or
+    // 0.
+    uint64_t slot[bucket_slots];
     // Leaves that found the slots taken: the first of a list, which only the writer follows. Bit 0:
     // there may be more of them that are in no list of this bucket. Readers that see it non-zero
     // ask the ordered structure.
     uint64_t waiting;
+    uint64_t spare;
+    // Means nothing where the slot is empty. Written before the slot, and never while it is taken.
+    uint64_t word[bucket_slots][4];
 };
-static_assert(sizeof(bucket) == 64);
+static_assert(sizeof(bucket) == 256 && offsetof(bucket, word) == 64);
 
 struct directory {
     uint64_t capacity;

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "services/gtrie/index.h"
 #include "services/gtrie/node.h"
 #include "services/journal/journal.h"
 
@@ -10,7 +11,11 @@ namespace mfwd6::gtrie {
 namespace {
 
 bool linked(const leaf *l) {
-    return journal::observe(l->state) == static_cast<uint32_t>(leaf_state::linked);
+    const auto state = static_cast<leaf_state>(journal::observe(l->state));
+    if (state == leaf_state::arriving || state == leaf_state::leaving) [[unlikely]] {
+        return index_holds(l->owner, l);
+    }
+    return state == leaf_state::linked;
 }
 
 node *up_of(const node *n) {

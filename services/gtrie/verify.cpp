@@ -45,11 +45,15 @@ struct checker {
 };
 
 void checker::check_indexed(leaf *l) {
-    const uint64_t hash = hash_for(on, key_of(l));
+    const uint64_t hash = hash_for(on, l);
     const bucket *b = bucket_at(on, bucket_number(hash, on->buckets));
     uint32_t found = 0;
-    for (const uint64_t slot : b->slot) {
-        found += (slot & address_mask) == reinterpret_cast<uint64_t>(l) ? 1 : 0;
+    for (uint32_t i = 0; i < bucket_slots; ++i) {
+        if (b->slot[i] != 0 && slot_leaf(b->slot[i]) == l) {
+            ++found;
+            expect((b->slot[i] ^ slot_tag(hash, l->length)) >> 44 == 0, "slot with a wrong tag");
+            expect(std::memcmp(b->word[i], l->word, sizeof(l->word)) == 0, "slot with a wrong key");
+        }
     }
     if (l->waiting_at != nullptr) {
         ++waiting;

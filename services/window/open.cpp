@@ -113,7 +113,7 @@ identity identity_for(const shmwin_open_record &r) {
     id.magic = file_magic;
     id.version = service_version;
     id.superblock_bytes = sizeof(superblock);
-    std::strncpy(id.name, r.name, sizeof(id.name) - 1);
+    std::memcpy(id.name, r.name, strnlen(r.name, sizeof(id.name) - 1));
     id.base = reinterpret_cast<uint64_t>(r.base_addr);
     id.max_bytes = r.max_table_size;
     id.header_bytes = r.hdr_size;

@@ -60,7 +60,7 @@ open_window *reserve(const char *name) {
             w.owner = false;
             w.broken = false;
             std::memset(w.name, 0, sizeof(w.name));
-            std::strncpy(w.name, name, sizeof(w.name) - 1);
+            std::memcpy(w.name, name, strnlen(name, sizeof(w.name) - 1));
             w.env = {};
             w.env.fd = -1;
             w.super = nullptr;
