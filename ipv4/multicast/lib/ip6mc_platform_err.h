@@ -60,6 +60,12 @@ MFWD6_EXPORT cerrno ipmc_platform_err_handler_sync_route(ipv4mc_route_entry_st *
 MFWD6_EXPORT cerrno ipmc_platform_err_handler_sync_intf(ipv4mc_intf_entry_st *intf,
                                                         ipv4mc_route_entry_st *route, cerrno rc);
 
+MFWD6_EXPORT cerrno ipmc_platform_err_handler_sync_encap(ipv4mc_encap_entry_st *encap, cerrno rc);
+
+// A route that is deleted or cleared leaves the retry queue. Nothing for NULL and for a route that
+// has no error.
+MFWD6_EXPORT void ipmc_platform_err_handler_clear_route_err(ipv4mc_route_entry_st *route);
+
 // Marks the route of an interface that was not programmed for lack of resources.
 MFWD6_EXPORT cerrno ipmc_platform_err_handler_async_intf_oor(ipv4mc_intf_entry_st *intf,
                                                              ipv4mc_route_entry_st *route);

@@ -196,6 +196,41 @@ MFWD6_EXPORT cerrno ip6mc_table_operation(ipv4mc_action_type action, uint32_t ti
                                           rsi_vrf_id_t vrf_id, const char *vrf_name,
                                           ipv4mc_table_st **table_pp, uint32_t arg);
 
+// What a walk over tables has seen; kept between the calls of its function.
+typedef struct ipmc_table_walk_state_st {
+    uint32_t count;     // tables seen before this one
+    cerrno last_error;  // of the last call that failed
+} ipmc_table_walk_state_st;
+
+// Function of a walk: gets the number of tables seen so far.
+typedef cerrno (*ipmc_table_walk_ft)(ipv4mc_table_st *table, uint32_t count,
+                                     ipmc_table_walk_state_st *state, void *context);
+
+// Tree that a walk goes through.
+enum ipmc_table_walk_trees { IPMC_TABLE_WALK_VRF = 0, IPMC_TABLE_WALK_TID = 1 };
+
+// Calls `fn` for each table: TID tables in the order of their ids, or VRF tables in that of
+// `thread` (ipv4mc_table_threads). `fn` may delete the table at hand and no other. With
+// `stop_on_error` the first failure ends the walk and is its result; without, failures are reported
+// and the result is 0. EBADF not ready; EINVAL for another tree, or for a NULL `fn` where there is
+// a table.
+MFWD6_EXPORT cerrno ip6mc_table_walk(ipmc_table_walk_ft fn, uint32_t tree, uint32_t thread,
+                                     void *context, int stop_on_error);
+
+// Deletes every table, VRF tables first. `arg` is that of ip6mc_table_operation. Goes on for ever
+// with a VRF table that cannot be deleted; ends with the code of the first TID table that cannot.
+MFWD6_EXPORT cerrno ip6mc_table_delete_all(uint32_t arg);
+
+// Clears the routes of every TID table; stops at the first that fails, with its code.
+MFWD6_EXPORT cerrno ip6mc_table_clear_all(uint32_t arg);
+
+// Brings the core routes on `memd_route_list` in line: DT set (1) or clear (0). Nothing for the
+// default table, nor to clear while the table has local egress interfaces or T bits.
+MFWD6_EXPORT void ip6mc_tbl_update_memd_routes(ipv4mc_table_st *table, int set);
+
+// Selective download: the interfaces of a VRF table have come (1) or gone (0). Not built yet.
+MFWD6_EXPORT void ip6mc_svd_update_tbl_location(ipv4mc_table_st *table, int local);
+
 MFWD6_END_C
 
 #endif

@@ -4,7 +4,10 @@
 
 #include "ipv4/multicast/lib/ip6mc_platform_err.h"
 #include "ipv4/multicast/lib/ip6mc_route.h"
+#include "ipv4/multicast/lib/ip6mc_table.h"
+#include "ipv4/multicast/platform_default/src/diagnostics/address_text.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "services/journal/journal.h"
 #include "services/platform_info/platform_info.h"
 
 namespace {
@@ -64,6 +67,25 @@ cerrno ipmc_platform_err_handler_sync_route(ipv4mc_route_entry_st *, cerrno rc) 
 cerrno ipmc_platform_err_handler_sync_intf(ipv4mc_intf_entry_st *, ipv4mc_route_entry_st *,
                                            cerrno rc) {
     return async_oor_support == 0 ? rc : MLIB_NOT_BUILT("ipmc_platform_err_handler_sync_intf");
+}
+
+cerrno ipmc_platform_err_handler_sync_encap(ipv4mc_encap_entry_st *, cerrno rc) {
+    return async_oor_support == 0 ? rc : MLIB_NOT_BUILT("ipmc_platform_err_handler_sync_encap");
+}
+
+void ipmc_platform_err_handler_clear_route_err(ipv4mc_route_entry_st *route) {
+    if (route == nullptr || route->err == 0) {
+        return;
+    }
+    if (MLIB_NOT_BUILT("ipmc_retry_msg_queue_rem_route") != 0) {
+        MLIB_ERR("%s: Table %s Route (%s,%s) is not in retry queue.", __func__,
+                 route->table->vrf_name, mlib::source_text(&route->source),
+                 mlib::address_text(&route->group));
+    }
+    mfwd6::journal::store(route->err, uint8_t{0});
+    MLIB_DEBUG(IPV4_DEBUG_EV, "%s: Table %s Route (%s,%s) has been removed from retry queue.",
+               __func__, route->table->vrf_name, mlib::source_text(&route->source),
+               mlib::address_text(&route->group));
 }
 
 cerrno ipmc_platform_err_handler_async_intf_oor(ipv4mc_intf_entry_st *, ipv4mc_route_entry_st *) {
