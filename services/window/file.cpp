@@ -149,7 +149,9 @@ content examine(int fd, const shmwin_open_record &asked, identity *id) {
         uint32_t owner;
     } head = {};
     struct stat st;
-    if (fstat(fd, &st) != 0 || pread(fd, &head, sizeof(head), 0) < 0) {
+    // A file grows from nothing to its whole size at once; what lies between was cut off.
+    const bool readable = fstat(fd, &st) == 0 && pread(fd, &head, sizeof(head), 0) >= 0;
+    if (!readable || (st.st_size != 0 && st.st_size < static_cast<off_t>(sizeof(superblock)))) {
         return content::damaged;
     }
     *id = head.id;

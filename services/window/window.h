@@ -126,9 +126,9 @@ MFWD6_EXPORT cerrno shmwin_unlock(uint32_t id);
 
 typedef cerrno (*shmwin_monitor_fn)(uint32_t id, uint32_t event, void *argument);
 
-// Registers this process's monitor of the window mutex, called on the waiting thread, which does
-// not hold the mutex; `context` comes back as `argument`. A NULL function unregisters. The result
-// of the monitor is not used.
+// Registers this process's monitor of the window mutex, called on the waiting thread: without the
+// mutex for SHMWIN_EVENT_STUCK, holding it for SHMWIN_EVENT_DEAD. `context` comes back as
+// `argument`. A NULL function unregisters. The result of the monitor is not used.
 MFWD6_EXPORT cerrno shmwin_monitor_lock(uint32_t id, shmwin_monitor_fn monitor, void *context);
 
 // Ends the process that holds the window mutex with `signal`, waits for its end (up to a second),

@@ -80,6 +80,7 @@ struct ipv4mc_shmwin_hdr_st {
     // Fields that belong to single subsystems.
     ipv4mc_regdb_entry_st *idle_regdb_head;  // next hops that lost their last interface
     fib_obj_id_domain_t *obj_id_domain;      // NULL until built
+    ipv4mc_idb_st *idb_in_hand;              // being made or destroyed, in no tree or only in some
     void *plat_block_list;         // blocks of the platform half, of interfaces that are gone
     uint32_t changed_route_count;  // length of the changed-route list
     uint8_t changed_route_wake;    // 1: the list has become non-empty

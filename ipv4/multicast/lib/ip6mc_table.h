@@ -183,6 +183,20 @@ MFWD6_EXPORT void *multicast_table_wrapper_for_shm_wavl_get_first(const wavl_tre
 MFWD6_EXPORT void *multicast_table_wrapper_for_shm_wavl_get_next(const wavl_tree *tree,
                                                                  const void *node, uint32_t thread);
 
+// Walk function of tables: `count` tables were seen before this one, `walk_state` is the walk's
+// own.
+typedef cerrno (*ipv4mc_table_walk_ft)(ipv4mc_table_st *table, uint32_t count, void *walk_state,
+                                       void *context);
+
+// The trees that ip6mc_table_walk walks.
+enum ipv4mc_table_walk_trees { IPV4MC_TABLE_WALK_NAMES = 0, IPV4MC_TABLE_WALK_TIDS = 1 };
+
+// Calls `function` for each table of `tree`; `thread` counts for IPV4MC_TABLE_WALK_NAMES. A failure
+// is reported; with `stop_on_error` it ends the walk and is its result, else the walk goes on.
+// EBADF, EINVAL (no such tree). The function may delete the table at hand.
+MFWD6_EXPORT cerrno ip6mc_table_walk(ipv4mc_table_walk_ft function, uint32_t tree, uint32_t thread,
+                                     void *context, int stop_on_error);
+
 // Creates, activates, clears, deactivates, deletes or looks up a table, and switches accounting and
 // rate for all its routes. At least one of `tid`, `vrf_id`, a non-empty `vrf_name` of under 33
 // characters, or `table_pp` is given. `*table_pp` may hold the table on entry (DELETE, CLEAR,
@@ -195,27 +209,6 @@ MFWD6_EXPORT void *multicast_table_wrapper_for_shm_wavl_get_next(const wavl_tree
 MFWD6_EXPORT cerrno ip6mc_table_operation(ipv4mc_action_type action, uint32_t tid,
                                           rsi_vrf_id_t vrf_id, const char *vrf_name,
                                           ipv4mc_table_st **table_pp, uint32_t arg);
-
-// What a walk over tables has seen; kept between the calls of its function.
-typedef struct ipmc_table_walk_state_st {
-    uint32_t count;     // tables seen before this one
-    cerrno last_error;  // of the last call that failed
-} ipmc_table_walk_state_st;
-
-// Function of a walk: gets the number of tables seen so far.
-typedef cerrno (*ipmc_table_walk_ft)(ipv4mc_table_st *table, uint32_t count,
-                                     ipmc_table_walk_state_st *state, void *context);
-
-// Tree that a walk goes through.
-enum ipmc_table_walk_trees { IPMC_TABLE_WALK_VRF = 0, IPMC_TABLE_WALK_TID = 1 };
-
-// Calls `fn` for each table: TID tables in the order of their ids, or VRF tables in that of
-// `thread` (ipv4mc_table_threads). `fn` may delete the table at hand and no other. With
-// `stop_on_error` the first failure ends the walk and is its result; without, failures are reported
-// and the result is 0. EBADF not ready; EINVAL for another tree, or for a NULL `fn` where there is
-// a table.
-MFWD6_EXPORT cerrno ip6mc_table_walk(ipmc_table_walk_ft fn, uint32_t tree, uint32_t thread,
-                                     void *context, int stop_on_error);
 
 // Deletes every table, VRF tables first. `arg` is that of ip6mc_table_operation. Goes on for ever
 // with a VRF table that cannot be deleted; ends with the code of the first TID table that cannot.

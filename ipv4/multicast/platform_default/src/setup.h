@@ -31,16 +31,8 @@ typedef struct ipmc_idb_ifcount_walk_st {
 } ipmc_idb_ifcount_walk_st;
 int ipmc_idb_local_ifcount_walk_fn(void *node, void *context);
 void ipmc_idb_link_vrf(rsi_vrf_id_t vrf_id, ipv4mc_table_st *table, int link);
-void ipmc_idb_link_tbl(ipv4mc_idb_st **idb_p, rsi_vrf_id_t vrf_id, ipv4mc_table_st *table);
 
 extern "C" {
-cerrno ip6mc_idb_route_add(ipv4mc_idb_st **idb_p, ipv4mc_route_entry_st *route,
-                           ipv4mc_intf_entry_st **entry_p);
-cerrno ip6mc_idb_route_add_idb(ipv4mc_idb_st *idb, ipv4mc_route_entry_st *route,
-                               ipv4mc_intf_entry_st **entry_p);
-cerrno ip6mc_idb_route_remove(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st **entry_p);
-cerrno ip6mc_idb_route_remove_idb(ipv4mc_idb_st **idb_p, ipv4mc_route_entry_st *route,
-                                  ipv4mc_intf_entry_st **entry_p);
 int ip6mc_idb_is_local(ifhtype ifh);
 }
 

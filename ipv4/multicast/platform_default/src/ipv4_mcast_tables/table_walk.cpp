@@ -11,10 +11,10 @@
 namespace {
 
 struct table_walk {
-    ipmc_table_walk_ft fn;
+    ipv4mc_table_walk_ft fn;
     void *context;
     bool stop_on_error;
-    ipmc_table_walk_state_st state;
+    uint32_t count;
     cerrno result;  // of the function that ended the walk
 };
 
@@ -31,17 +31,16 @@ cerrno ipmc_table_walk_fn(ipv4mc_table_st *table, table_walk *walk) {
     if (walk->fn == nullptr) {
         return EINVAL;
     }
-    const cerrno rc = walk->fn(table, walk->state.count, &walk->state, walk->context);
+    const cerrno rc = walk->fn(table, walk->count, walk, walk->context);
     if (rc != 0) {
         MLIB_ERR("Walk function failed while processing table num %d [%c, %p]: %s",
-                 static_cast<int>(walk->state.count), walk->stop_on_error ? 'Y' : 'N',
+                 static_cast<int>(walk->count), walk->stop_on_error ? 'Y' : 'N',
                  reinterpret_cast<void *>(walk->fn), cerr_strerror(rc));
-        walk->state.last_error = rc;
         if (walk->stop_on_error) {
             return rc;
         }
     }
-    ++walk->state.count;
+    ++walk->count;
     return 0;
 }
 
@@ -117,18 +116,18 @@ cerrno delete_tid_tables(uint32_t arg) {
 
 extern "C" {
 
-cerrno ip6mc_table_walk(ipmc_table_walk_ft fn, uint32_t tree, uint32_t thread, void *context,
+cerrno ip6mc_table_walk(ipv4mc_table_walk_ft fn, uint32_t tree, uint32_t thread, void *context,
                         int stop_on_error) {
     if (!is_ready()) {
         return EBADF;
     }
-    table_walk walk{fn, context, stop_on_error != 0, {}, 0};
+    table_walk walk{fn, context, stop_on_error != 0, 0, 0};
     switch (tree) {
-        case IPMC_TABLE_WALK_TID: {
+        case IPV4MC_TABLE_WALK_TIDS: {
             const shm_avl_tree *tids = ip6mc_get_table_tid_db();
             return tids == nullptr ? EINVAL : avl_tree_walk(tids, visit_tid_table, &walk);
         }
-        case IPMC_TABLE_WALK_VRF:
+        case IPV4MC_TABLE_WALK_NAMES:
             wavl_walk(ip6mc_get_table_vid_name_db(), thread, visit_vrf_table, &walk);
             return walk.result;
         default:
