@@ -209,6 +209,55 @@ TEST(IdbRestart, CountsAnAnnouncementFromTheWalkOn) {
     EXPECT_EQ(second.wait(), 0);
 }
 
+void leave_one_in_hand() {
+    start_owner();
+    ipv4mc_idb_st *half = nullptr;
+    ip6mc_idb_lock_v3(0x10, "Eth0", &half, nullptr);
+    locked(0x20);
+    header()->fint_idb = half;
+    header()->idb_in_hand = half;
+}
+
+TEST(IdbRestart, TheNextOwnerEndsWhatAKilledOneHadInHand) {
+    kit::run_dir dir;
+    kit::child first([](const kit::post &) {
+        leave_one_in_hand();
+        kill(getpid(), SIGKILL);
+        return 0;
+    });
+    first.wait();
+    kit::child second([](const kit::post &) {
+        return look([] {
+            EXPECT_EQ(header()->fint_idb, nullptr);
+            EXPECT_EQ(found(0x10), nullptr);
+            EXPECT_NE(found(0x20), nullptr);
+        });
+    });
+    EXPECT_EQ(second.wait(), 0);
+}
+
+TEST(IdbRestart, AnAttachedClientLeavesAloneWhatTheOwnerHasInHand) {
+    kit::run_dir dir;
+    kit::child owner([](const kit::post &parent) {
+        leave_one_in_hand();
+        parent.tell();
+        parent.hear();
+        return header()->idb_in_hand == found(0x10) ? 0 : 1;
+    });
+    owner.hear();
+    kit::child client([](const kit::post &) {
+        kit::start how;
+        how.attach_only = 1;
+        EXPECT_EQ(kit::start_library(how), 0U);
+        EXPECT_EQ(ip6mc_idb_init(nullptr, nullptr, 0, nullptr, nullptr, nullptr, nullptr), 0U);
+        EXPECT_NE(found(0x10), nullptr);
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(client.wait(), 0);
+    owner.tell();
+    EXPECT_EQ(owner.wait(), 0);
+}
+
 TEST(IdbRestart, AnAttachedClientFindsInterfaces) {
     kit::run_dir dir;
     kit::child owner([](const kit::post &parent) {

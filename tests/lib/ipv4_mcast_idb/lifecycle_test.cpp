@@ -295,21 +295,5 @@ TEST_F(IdbLife, ReportsAWalkThatCannotBeMade) {
     EXPECT_TRUE(contains(heard_.errors(), "IDB walk failed"));
 }
 
-TEST_F(IdbLife, EndsWhatAKilledProcessHadInHand) {
-    ASSERT_EQ(start(0), 0U);
-    ipv4mc_idb_st *half = nullptr;
-    ip6mc_idb_lock_v3(0x10, "Eth0", &half, nullptr);
-    locked(0x20);
-    header()->fint_idb = half;
-    header()->idb_in_hand = half;
-    ip6mc_idb_terminate(0, 0);
-    ASSERT_EQ(start(0), 0U);
-    EXPECT_EQ(header()->idb_in_hand, nullptr);
-    EXPECT_EQ(header()->fint_idb, nullptr);
-    EXPECT_EQ(found(0x10), nullptr);
-    EXPECT_EQ(live_idbs(), 1U);
-    expect_whole();
-}
-
 }  // namespace
 }  // namespace idb_test

@@ -335,5 +335,14 @@ TEST_F(IdbReferences, DeleteAllRemembersTheLastFailure) {
     EXPECT_EQ(live_idbs(), 0U);
 }
 
+TEST_F(IdbReferences, DeleteAllGoesOnPastARecordThatCannotBeLocked) {
+    cerrno rc = 0;
+    ASSERT_NE(ipv4mc_idb_alloc(0, 0, nullptr, &rc, 0), nullptr);
+    locked(0x10);
+    EXPECT_EQ(ip6mc_idb_delete_all(0), 22U);
+    EXPECT_TRUE(contains(heard_.errors(), "Cannot lock IDB  for Ha0x0: "));
+    EXPECT_EQ(live_idbs(), 0U);
+}
+
 }  // namespace
 }  // namespace idb_test

@@ -1,8 +1,23 @@
+#include <functional>
+
 #include "services/diag/errors.h"
 #include "tests/lib/ipv4_mcast_idb/fixture.h"
 
+// Stands before that of the C library in this program.
+static int yields = 0;
+extern "C" __attribute__((visibility("default"))) int sched_yield() noexcept {
+    ++yields;
+    return 0;
+}
+
 namespace idb_test {
 namespace {
+
+int yields_of(const std::function<void()> &work) {
+    yields = 0;
+    work();
+    return yields;
+}
 
 struct visits {
     std::vector<uint32_t> seen;
@@ -114,6 +129,15 @@ TEST_F(IdbWalk, OfATableSeesItsOwn) {
     }
 }
 
+TEST_F(IdbWalk, YieldsAfterEachSoManyRecords) {
+    EXPECT_EQ(yields_of([&] { walk(0, 0, 0, 0); }), 0);
+    EXPECT_EQ(yields_of([&] { walk(0, 0, 0, 1); }), 3);
+    EXPECT_EQ(yields_of([&] { walk(0, 0, 0, 2); }), 1);
+    EXPECT_EQ(yields_of([&] { walk(0, 0, 0, 4); }), 0) << "nothing follows the fourth";
+    EXPECT_EQ(yields_of([] { ip6mc_idb_delete_all(3); }), 1);
+    EXPECT_EQ(live_idbs(), 0U);
+}
+
 TEST_F(IdbWalk, DoesNotHoldTheLockBesideTheFunction) {
     const auto take_write_lock = [](ipv4mc_idb_st *, void *) {
         ipmc_shmwin_rrw_lock_get_wrlock(&header()->tbl_rw_lock, __LINE__);
@@ -167,6 +191,15 @@ class IdbRouteWalk : public Idb {
 TEST_F(IdbRouteWalk, GoesFromNewestToOldest) {
     EXPECT_EQ(ip6mc_idb_route_walk(idb_, note_route, 0, &visits_, 0), 0U);
     EXPECT_EQ(visits_.seen, (list{4, 3, 2, 1}));
+}
+
+TEST_F(IdbRouteWalk, YieldsAfterEachSoManyRecords) {
+    const auto walk_yielding = [&](uint32_t count) {
+        return yields_of([&] { ip6mc_idb_route_walk(idb_, note_route, count, &visits_, 0); });
+    };
+    EXPECT_EQ(walk_yielding(0), 0);
+    EXPECT_EQ(walk_yielding(1), 3);
+    EXPECT_EQ(walk_yielding(3), 1);
 }
 
 TEST_F(IdbRouteWalk, ResumesBehindARoute) {

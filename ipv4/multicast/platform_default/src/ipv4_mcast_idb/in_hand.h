@@ -12,10 +12,6 @@ namespace mlib {
 void take_idb_in_hand(ipv4mc_idb_st *idb);
 void put_idb_out_of_hand(const ipv4mc_idb_st *idb);
 
-// For the start of an owner: takes the record that a killed process had in hand out of whatever
-// tree it is in, and frees it.
-void end_idb_in_hand();
-
 }  // namespace mlib
 
 #endif

@@ -6,7 +6,6 @@
 #include "ipv4/multicast/lib/ip6mc_platform_wrappers.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_idb/idb.h"
-#include "ipv4/multicast/platform_default/src/ipv4_mcast_idb/in_hand.h"
 #include "services/diag/messages.h"
 #include "services/diag/text.h"
 #include "services/journal/journal.h"
@@ -138,7 +137,6 @@ cerrno start_with_platform() {
 // A tree that runs was left by an earlier process, with its records.
 cerrno make_tree() {
     if (wavl_running(global_tree()) != 0) {
-        mlib::end_idb_in_hand();
         return 0;
     }
     const cerrno rc = shm_wavl_init(&ipmc_idb_fns, global_tree(), IPV4MC_IDB_THREADS);

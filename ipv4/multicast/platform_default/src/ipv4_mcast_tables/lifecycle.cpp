@@ -148,6 +148,7 @@ cerrno ipv4mc_handle_version() {
 }
 
 cerrno start_owner() {
+    mlib::end_idb_in_hand();
     cerrno rc = ip6mc_reinit_tables();
     if (rc == 0) {
         rc = ipmc_init_encap_regdb();
