@@ -1,3 +1,4 @@
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -18,6 +19,21 @@
 #include "tests/kit/library.h"
 #include "tests/kit/listener.h"
 #include "tests/kit/run_dir.h"
+
+namespace {
+uint64_t pak_lock_takes = 0;  // nanoseconds of the test clock
+cerrno pak_lock_fails_with = 0;
+}  // namespace
+
+// Stands before the service's: the library calls this one.
+extern "C" __attribute__((visibility("default"))) cerrno pak_client_mutex_lock() {
+    static const auto real =
+        reinterpret_cast<cerrno (*)()>(dlsym(RTLD_NEXT, "pak_client_mutex_lock"));
+    if (pak_lock_takes != 0) {
+        ptimer_test_clock_advance(pak_lock_takes);
+    }
+    return pak_lock_fails_with != 0 ? pak_lock_fails_with : real();
+}
 
 namespace {
 
@@ -183,9 +199,11 @@ TEST_F(Locks, AllHoldsAreGivenUpAndTakenBack) {
 }
 
 TEST_F(Locks, APacketMutexWithoutANameEndsTheProcessBehindTheLock) {
-    start();
-    EXPECT_DEATH(ipv6_mlib_pak_client_mutex_lock(nullptr, 1),
-                 "Assertion `fname != \\(\\(void\\*\\)0\\)' failed");
+    const auto lock_without_a_name = [] {
+        kit::library mine;
+        ipv6_mlib_pak_client_mutex_lock(nullptr, 1);
+    };
+    EXPECT_DEATH(lock_without_a_name(), "Assertion `fname != \\(\\(void\\*\\)0\\)' failed");
 }
 
 TEST_F(Locks, AreUsableWithoutAWindow) {
@@ -293,27 +311,31 @@ TEST_F(Locks, ALongWaitForThePacketMutexIsTraced) {
     ptimer_test_clock_on();
     for (const auto &[nanoseconds, traces] :
          {std::pair{uint64_t{2'900'000'000}, 0U}, {uint64_t{3'000'000'000}, 1U}}) {
-        ipv6_mlib_pak_client_mutex_lock("holder", 1);
-        std::atomic<bool> waiting = false;
-        std::thread waiter([&] {
-            waiting = true;
-            ipv6_mlib_pak_client_mutex_lock("waiter", 22);
-            ipv6_mlib_pak_client_mutex_unlock("waiter", 23);
-        });
-        // In the kernel's wait: its first clock reading is behind it.
-        while (!waiting || std::this_thread::get_id() == waiter.get_id())
-            std::this_thread::yield();
-        usleep(200'000);
-        ptimer_test_clock_advance(nanoseconds);
-        ipv6_mlib_pak_client_mutex_unlock("holder", 2);
-        waiter.join();
+        pak_lock_takes = nanoseconds;
+        ipv6_mlib_pak_client_mutex_lock("waiter", 22);
+        ipv6_mlib_pak_client_mutex_unlock("waiter", 23);
         const auto found = heard.traces(ip6mc_mlib_warn_ltrace(), MLIB_TRACE_PAK_LOCK_SLOW);
         EXPECT_EQ(found.size(), traces);
         if (!found.empty()) {
             EXPECT_STREQ(found[0].text, "pak client mutex: waited 3 s (waiter, 22)");
         }
     }
+    pak_lock_takes = 0;
     ptimer_test_clock_off();
+}
+
+TEST_F(Locks, TheCountOfThePacketMutexMovesWhenTheLockFailed) {
+    start();
+    pak_lock_fails_with = EBADF;
+    ipv6_mlib_pak_client_mutex_lock("fn", 1);
+    pak_lock_fails_with = 0;
+    EXPECT_EQ(heard.errors(), texts{"LOCK: failed (fn, 1)"});
+    EXPECT_EQ(hdr->pak_lock_fails, 1U);
+    EXPECT_EQ(hdr->pak_lock_count, 1U);
+    EXPECT_EQ(hdr->pak_lock_total, 1U);
+    ipv6_mlib_pak_client_mutex_unlock("fn", 2);
+    EXPECT_EQ(heard.errors(), texts{"UNLOCK: failed (fn, 2)"});  // and no "No prior lock"
+    EXPECT_EQ(hdr->pak_lock_count, 0U);
 }
 
 }  // namespace
