@@ -9,6 +9,8 @@
 #ifndef IP6MC_IDB_H
 #define IP6MC_IDB_H
 
+#include "ipv4/multicast/lib/ip6mc_lib.h"
+#include "ipv4/multicast/lib/ip6mc_platform.h"
 #include "ipv4/multicast/lib/ip6mc_types.h"
 #include "services/acl/ipv6_acl.h"
 #include "services/platform_info/adjacency.h"
@@ -174,18 +176,230 @@ IP6MC_RECORD(ipmc_intf_change_req_st, 88);
 // Requests that a table holds at most.
 #define IPMC_INTF_CHANGE_REQ_MAX UINT64_C(1000)
 
+// Walk function of interfaces; may destroy the interface at hand. Non-zero is a failure.
+typedef cerrno (*ipv4mc_idb_walk_ft)(ipv4mc_idb_st *idb, void *context);
+
+// Walk function of the routes of an interface; may take the entry at hand off the interface.
+// Non-zero is a failure.
+typedef cerrno (*ipv4mc_idb_route_walk_ft)(ipv4mc_idb_st *idb, ipv4mc_route_entry_st *route,
+                                           ipv4mc_intf_entry_st *entry, void *context);
+
 MFWD6_BEGIN_C
 
-// Drives the trees of tables; compares by handle, on thread 1.
+// ---- start, stop, states ------------------------------------------------------------------------
+//
+// Unless told otherwise every function below answers 9 with a report while the library or its
+// interface half is not ready (state 2), and 22 with a report for a NULL argument.
+
+// Starts the interface half; the library must be ready. The tree of interfaces is made, or kept as
+// an earlier process left it. With `manage_interfaces` 0 it is ready at once; otherwise it follows
+// the state of the platform, and `evm` must be given. A `callback` is told the state at the end,
+// and each change that the platform causes. `bundle_mdt_check_fn` is what a change of a bundle's
+// members does with each of its routes; NULL is allowed.
+//
+// 0, also when it has started already; 9, 22; the code of the tree or of the platform: the state is
+// 0 then, and the tree is finished. After a failure of the platform's state query the half counts
+// as started, so that a second call does nothing: call ip6mc_idb_terminate first. Owner's operation
+// thread.
+MFWD6_EXPORT cerrno ip6mc_idb_init(void *evm, void *unused, int manage_interfaces,
+                                   ipv4mc_idb_callback_ft callback, void *callback_context,
+                                   ipv4mc_idb_route_walk_ft bundle_mdt_check_fn, void *idb_param);
+
+// Nothing needs to be done again after a restart. Always 0.
+MFWD6_EXPORT cerrno ip6mc_idb_reinit(void);
+
+// Stops the interface half. The tree ends with `destroy_tree` not 0 and `flag` 0, the records stay
+// either way. Always 0. Further arguments are accepted and not looked at.
+MFWD6_EXPORT cerrno ip6mc_idb_terminate(int destroy_tree, int flag, ...);
+
+// Sets the state (ipv4mc_idb_states) and keeps the one before. With state 2 in a process that has
+// an event manager, all interfaces are walked once: those that the interface manager had announced
+// are marked stale.
+MFWD6_EXPORT void ipv4mc_idb_update_state(uint32_t state);
+
+// Writes the state *before* the present one to `*state_p`, and that of the platform's interface
+// half to `*platform_state_p` unless that is NULL. Needs no state. 22; the platform's code.
+MFWD6_EXPORT cerrno ip6mc_idb_get_state(uint32_t *state_p, uint32_t *platform_state_p);
+
+// The platform's messages about its interface half arrive here.
+MFWD6_EXPORT void ipv4mc_local_platform_idb_callback_func(ipv4mc_descriptor_struct *descriptor,
+                                                          const ipv4mc_platform_msg_st *message);
+
+// The client's function of ip6mc_idb_init. Of the process.
+extern MFWD6_EXPORT ipv4mc_idb_route_walk_ft ip_mfwd_check_bundle_data_mdt_f;
+
+// ---- trees --------------------------------------------------------------------------------------
+
+// What the tree service is given: for the tree of the window header (threads 0 and 2), and for
+// those of tables (thread 1).
+extern MFWD6_EXPORT const struct shm_wavl_fns ipmc_idb_fns;
 extern MFWD6_EXPORT const struct shm_wavl_fns ipmc_table_idb_fns;
 
-// Finds an interface by handle: 0 with the record, or with NULL when there is none. Not built yet.
+// Comparisons of two nodes of their own thread: 0 less, 1 equal, 2 greater; 1 if either is NULL. By
+// name over 64 characters. `dummy` finds all equal, for the threads that a tree does not use.
+MFWD6_EXPORT int ipmc_idb_avl_compare_ifh_global(const void *a, const void *b);
+MFWD6_EXPORT int ipmc_idb_avl_compare_ifh_vrf(const void *a, const void *b);
+MFWD6_EXPORT int ipmc_idb_avl_compare_ifh_name(const void *a, const void *b);
+MFWD6_EXPORT int ipmc_idb_avl_compare_ifh_dummy(const void *a, const void *b);
+
+// From a thread 0 node to its interface and back. NULL stays NULL on the way to the interface.
+MFWD6_EXPORT void *ipmc_idb_wavl2idb(void *node);
+MFWD6_EXPORT void *ipmc_idb_idb2wavl(void *idb);
+
+// Finds an interface by handle: 0 with the record, or with NULL when there is none. 22 without a
+// report for handle 0 or a NULL `idb_p`; `*idb_p` is not written on failure. Any process.
 MFWD6_EXPORT cerrno ip6mc_idb_lookup(ifhtype ifh, ipv4mc_idb_st **idb_p);
 
-// Compares the reference count of each interface of a VRF table with its holders; warns. Returns 1.
+// The same by name, of which 64 characters count; among the interfaces that are in the NAME thread.
+// 22 for an empty name.
+MFWD6_EXPORT cerrno ip6mc_idb_lookup_by_name(const char *name, ipv4mc_idb_st **idb_p);
+
+// The same by handle among the interfaces of one VRF table. `*idb_p` is NULL unless found. A table
+// that is not there is reported, with result 0; a failure of its lookup is the result.
+MFWD6_EXPORT cerrno ip6mc_idb_lookup_vrf(const char *vrf_name, ifhtype ifh, ipv4mc_idb_st **idb_p);
+
+// Put an interface into the NAME thread under its present name, and take it out. The first leaves
+// `tree_flags` alone. A failure of the tree is reported, the result is 0 all the same.
+MFWD6_EXPORT cerrno ip6mc_idb_insert_in_name_tree(ipv4mc_idb_st *idb);
+MFWD6_EXPORT cerrno ip6mc_idb_delete_from_name_tree(ipv4mc_idb_st *idb);
+
+// ---- small questions and settings ---------------------------------------------------------------
+
+// Sets the name, of which 64 characters are kept. An interface in the NAME thread stays where it
+// was there: take it out before.
+MFWD6_EXPORT cerrno ip6mc_idb_set_name(ipv4mc_idb_st *idb, const char *name);
+
+// A text for messages, never NULL, valid until the next call in the process. Needs no state.
+MFWD6_EXPORT const char *ip6mc_idb_display_name(const ipv4mc_idb_st *idb);
+
+// 1 for the two types of interface managers that are SVIs, else 0.
+MFWD6_EXPORT int ip6mc_iftype_is_svi(uint32_t im_type);
+
+// Writes one of ipv4mc_idb_types.
+MFWD6_EXPORT cerrno ip6mc_idb_get_type(const ipv4mc_idb_st *idb, uint32_t *type_p);
+
+// Tells the platform that the interface is of this kind. The record keeps its own. The platform's
+// code.
+MFWD6_EXPORT cerrno ip6mc_idb_set_type(ipv4mc_idb_st *idb, uint32_t unused, uint32_t type);
+
+// Type of an interface at the interface manager; 0 when it cannot be had. Needs no state.
+MFWD6_EXPORT uint16_t ipv4mc_ifh_get_im_intf_type(ifhtype ifh);
+
+// Walk function of the tree service: a debug line. Returns 1.
+MFWD6_EXPORT int ipmc_idb_print_fn(void *node, void *context);
+
+// Compares the reference count with the holders that are known: 1 if it fits, else 0 with a
+// warning. 0 for NULL. Nothing is repaired. Needs no state.
+MFWD6_EXPORT int ip6mc_idb_refcount_sanity_fn(ipv4mc_idb_st *idb);
+
+// The same for each interface of a VRF table. Returns 1.
 MFWD6_EXPORT int ip6mc_idb_refcount_sanity_walk(ipv4mc_table_st *table);
 
-// MDT interfaces of a table. Not built yet.
+// ---- references ---------------------------------------------------------------------------------
+//
+// An interface comes with its first use and goes with its last. Counts are plain words: all callers
+// are on the owner's operation thread. `bundle_pp`, which may be NULL, is for a member that is
+// first met through its bundle: `*bundle_pp` goes to the platform with the new record.
+
+// Makes the record of an interface, without a reference, and links it to its VRF unless `vrf` is 0.
+// NULL with `*rc_p` on failure; also when the link failed, which frees the record. NULL at once for
+// a NULL `rc_p`. `is_mdt` makes it an MDT interface whatever the handle says.
+MFWD6_EXPORT ipv4mc_idb_st *ipv4mc_idb_alloc(ifhtype ifh, rsi_vrf_id_t vrf,
+                                             ipv4mc_idb_st **bundle_pp, cerrno *rc_p, int is_mdt);
+
+// Finds the record, or makes it with `create` not 0; takes no reference. A record that is in
+// another VRF than a non-zero `vrf` moves there, which is reported. 2 when it is not there; 12; the
+// code of the platform. `*idb_p` may be NULL with 0, when the link to the VRF failed.
+MFWD6_EXPORT cerrno ip6mc_idb_find_or_create(ifhtype ifh, rsi_vrf_id_t vrf, ipv4mc_idb_st **idb_p,
+                                             ipv4mc_idb_st **bundle_pp, int create);
+
+// Find or create, and take one reference: by handle, by handle and VRF, by handle and name. The
+// last takes none when the interface manager has announced the interface before; it puts a new
+// record into the NAME thread, and refuses with 22 when name and handle do not belong together.
+MFWD6_EXPORT cerrno ip6mc_idb_lock(ifhtype ifh, ipv4mc_idb_st **idb_p, ipv4mc_idb_st **bundle_pp);
+MFWD6_EXPORT cerrno ip6mc_idb_lock_v2(ifhtype ifh, rsi_vrf_id_t vrf, ipv4mc_idb_st **idb_p,
+                                      ipv4mc_idb_st **bundle_pp);
+MFWD6_EXPORT cerrno ip6mc_idb_lock_v3(ifhtype ifh, const char *name, ipv4mc_idb_st **idb_p,
+                                      ipv4mc_idb_st **bundle_pp);
+
+// One more reference on `*idb_p`.
+MFWD6_EXPORT cerrno ip6mc_idb_lock_idb(ipv4mc_idb_st **idb_p);
+
+// Give one reference back; the record goes with the last, unless its TTL, its adjacency or the
+// platform's boundary reference keep it. On success `*idb_p` is NULL; with `save` not 0 it stays
+// where the record stays. 22, with nothing changed, for a record without references.
+MFWD6_EXPORT cerrno ip6mc_idb_unlock(ipv4mc_idb_st **idb_p);
+MFWD6_EXPORT cerrno ipv4mc_idb_save_unlock(ipv4mc_idb_st **idb_p, int save);
+
+// Destroys all interfaces, whoever holds them, giving up the processor after each `yield_count` (0:
+// never). The last failure, or 0. What pointed at them is not told.
+MFWD6_EXPORT cerrno ip6mc_idb_delete_all(uint32_t yield_count);
+
+// ---- routes of an interface ---------------------------------------------------------------------
+//
+// The entries of an interface, newest first. Each holds one reference on it.
+
+// Put an entry on the list of its interface, which `*idb_p` receives in the first form. Twice is
+// a success that does nothing. Need no state of their own. `idb` must not be NULL in the second
+// form.
+MFWD6_EXPORT cerrno ip6mc_idb_route_add(ipv4mc_idb_st **idb_p, ipv4mc_route_entry_st *route,
+                                        ipv4mc_intf_entry_st **entry_p);
+MFWD6_EXPORT cerrno ip6mc_idb_route_add_idb(ipv4mc_idb_st *idb, ipv4mc_route_entry_st *route,
+                                            ipv4mc_intf_entry_st **entry_p);
+
+// Take an entry off the list of its interface, with its tie to an L2 state if it has one. May
+// destroy the interface; the caller's pointer to it is left alone. An entry that is on no list is a
+// success; an interface that is not there is reported, with result 0 in the first form.
+MFWD6_EXPORT cerrno ip6mc_idb_route_remove(ipv4mc_route_entry_st *route,
+                                           ipv4mc_intf_entry_st **entry_p);
+MFWD6_EXPORT cerrno ip6mc_idb_route_remove_idb(ipv4mc_idb_st **idb_p, ipv4mc_route_entry_st *route,
+                                               ipv4mc_intf_entry_st **entry_p);
+
+// Calls `function` for each interface in the order of handles, of all or of one VRF table. The
+// processor is given up after each `yield_count` records, 0 never. A failure of `function` is
+// reported; with `stop_on_error` it ends the walk and is the result, otherwise it is forgotten.
+//
+// The second form begins behind `start_ifh` (0: with the first), 2 when that is not there; it ends
+// with the last result of `function` after `count` records (0: no limit).
+MFWD6_EXPORT cerrno ip6mc_idb_walk(ipv4mc_table_st *table, ipv4mc_idb_walk_ft function,
+                                   void *context, uint32_t yield_count, int stop_on_error);
+MFWD6_EXPORT cerrno ip6mc_idb_walk_with_count(ipv4mc_table_st *table, ifhtype start_ifh,
+                                              uint32_t count, ipv4mc_idb_walk_ft function,
+                                              void *context, uint32_t yield_count,
+                                              int stop_on_error);
+
+// The same for the routes of an interface, newest first. With `resume` the walk begins behind the
+// first entry whose route has this source and group: 2 when there is none. Takes no lock.
+MFWD6_EXPORT cerrno ip6mc_idb_route_walk(ipv4mc_idb_st *idb, ipv4mc_idb_route_walk_ft function,
+                                         uint32_t yield_count, void *context, int stop_on_error);
+MFWD6_EXPORT cerrno ip6mc_idb_route_walk_with_count(const ip_maddr_st *start_source,
+                                                    const ip_maddr_st *start_group, int resume,
+                                                    uint32_t count, ipv4mc_idb_st *idb,
+                                                    ipv4mc_idb_route_walk_ft function,
+                                                    uint32_t yield_count, void *context,
+                                                    int stop_on_error);
+
+// ---- interfaces and VRF tables. Not built yet. --------------------------------------------------
+
+// Puts an interface into the tree of its VRF table, which is looked up when `table` is NULL; waits
+// for a table that is not there. A failure frees the record: `*idb_p` is NULL then.
+MFWD6_EXPORT void ipmc_idb_link_tbl(ipv4mc_idb_st **idb_p, rsi_vrf_id_t vrf_id,
+                                    ipv4mc_table_st *table);
+
+// Takes an interface out of the tree of its VRF table. The interface, or NULL when that ended it.
+MFWD6_EXPORT ipv4mc_idb_st *ipmc_idb_unlink_tbl(ipv4mc_idb_st *idb, uint32_t *out);
+
+// 1 for the handle of the fabric interface, else 0. Needs no state.
+MFWD6_EXPORT int ip6mc_idb_is_fint_ifh(ifhtype ifh);
+
+// ---- bundles. Not built yet. --------------------------------------------------------------------
+
+// Sets the functions of a bundle's tree of children again, which died with the last process. 0 when
+// it has none.
+MFWD6_EXPORT cerrno ipmc_bundle_vlantree_reinit(ipv4mc_idb_st *idb);
+
+// ---- MDT interfaces of a table. Not built yet. --------------------------------------------------
+
 MFWD6_EXPORT cerrno ip6mc_idb_mdt_unlock(ipv4mc_table_st *table, ifhtype ifh, uint32_t flag);
 MFWD6_EXPORT cerrno ip6mc_idb_mdt_mtu_set(ipv4mc_table_st *table);
 

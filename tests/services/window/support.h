@@ -81,6 +81,7 @@ pid_t start(F fn) {
     std::fflush(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {
+        alarm(60);  // a failed test must not leave a child waiting for ever
         const int code = fn();
         std::fflush(nullptr);
         _exit(code);

@@ -1,6 +1,8 @@
-// Comparators of the search trees: 0 less, 1 equal, 2 greater; 1 also where either side is null.
+// Comparators of the search trees: 0 less, 1 equal, 2 greater. Those of tables give 1 also where
+// either side is null; that of interface entries asserts.
 #include <cstring>
 
+#include "ipv4/multicast/lib/ip6mc_idb.h"
 #include "ipv4/multicast/lib/ip6mc_route.h"
 #include "ipv4/multicast/lib/ip6mc_table.h"
 #include "services/trees/node.h"
@@ -19,8 +21,13 @@ const Record *record_of(const void *node, size_t thread) {
 }
 
 const ipv4mc_intf_entry_st *intf_of(const void *node) {
-    return reinterpret_cast<const ipv4mc_intf_entry_st *>(static_cast<const char *>(node) -
-                                                          offsetof(ipv4mc_intf_entry_st, avl_node));
+    return ipmc_intf_avl2intf(const_cast<void *>(node));
+}
+
+const ipv4mc_idb_st *idb_of(const void *node, size_t thread) {
+    const void *first = static_cast<const tree_node *>(node) - thread;
+    return reinterpret_cast<const ipv4mc_idb_st *>(static_cast<const char *>(first) -
+                                                   offsetof(ipv4mc_idb_st, node));
 }
 
 }  // namespace
@@ -67,6 +74,33 @@ int ipmc_intf_avl_compare(const void *a, const void *b) {
         return order(left->amt_addr, right->amt_addr);
     }
     return order(left->amt_port, right->amt_port);
+}
+
+int ipmc_idb_avl_compare_ifh_global(const void *a, const void *b) {
+    if (a == nullptr || b == nullptr) {
+        return tree_equal;
+    }
+    return order(idb_of(a, IPV4MC_IDB_THREAD_GLOBAL)->ifh, idb_of(b, IPV4MC_IDB_THREAD_GLOBAL)->ifh);
+}
+
+int ipmc_idb_avl_compare_ifh_vrf(const void *a, const void *b) {
+    if (a == nullptr || b == nullptr) {
+        return tree_equal;
+    }
+    return order(idb_of(a, IPV4MC_IDB_THREAD_VRF)->ifh, idb_of(b, IPV4MC_IDB_THREAD_VRF)->ifh);
+}
+
+int ipmc_idb_avl_compare_ifh_name(const void *a, const void *b) {
+    if (a == nullptr || b == nullptr) {
+        return tree_equal;
+    }
+    return order(strncmp(idb_of(a, IPV4MC_IDB_THREAD_NAME)->name,
+                         idb_of(b, IPV4MC_IDB_THREAD_NAME)->name, IPV4MC_IDB_NAME_SIZE),
+                 0);
+}
+
+int ipmc_idb_avl_compare_ifh_dummy(const void *, const void *) {
+    return tree_equal;
 }
 
 }  // extern "C"

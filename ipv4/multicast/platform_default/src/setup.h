@@ -18,6 +18,9 @@ cerrno ipmc_init_encap_regdb(void);
 // ipv4_mcast_bvi_table: gives back the root of a table's L2 states, which are gone by then.
 void ipmc_bvi_db_release(ipv4mc_table_st *table);
 
+// ip_mcast_route: the wake-up of the reader of changed routes, in a new window.
+void ipmc_changed_routes_init(ipv4mc_shmwin_hdr_st *hdr);
+
 // ip_mcast_svd
 void ipmc_svd_extract_plist(ipv4mc_table_st *table);
 
@@ -28,16 +31,8 @@ typedef struct ipmc_idb_ifcount_walk_st {
 } ipmc_idb_ifcount_walk_st;
 int ipmc_idb_local_ifcount_walk_fn(void *node, void *context);
 void ipmc_idb_link_vrf(rsi_vrf_id_t vrf_id, ipv4mc_table_st *table, int link);
-void ipmc_idb_link_tbl(ipv4mc_idb_st **idb_p, rsi_vrf_id_t vrf_id, ipv4mc_table_st *table);
 
 extern "C" {
-cerrno ip6mc_idb_route_add(ipv4mc_idb_st **idb_p, ipv4mc_route_entry_st *route,
-                           ipv4mc_intf_entry_st **entry_p);
-cerrno ip6mc_idb_route_add_idb(ipv4mc_idb_st *idb, ipv4mc_route_entry_st *route,
-                               ipv4mc_intf_entry_st **entry_p);
-cerrno ip6mc_idb_route_remove(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st **entry_p);
-cerrno ip6mc_idb_route_remove_idb(ipv4mc_idb_st **idb_p, ipv4mc_route_entry_st *route,
-                                  ipv4mc_intf_entry_st **entry_p);
 int ip6mc_idb_is_local(ifhtype ifh);
 }
 
@@ -45,6 +40,9 @@ namespace mlib {
 
 // Tells the client of the present state and the one before.
 void tell_client_of_state();
+
+// Gives the search key of this process back to the window, if it has one.
+void drop_table_search();
 
 // One number for the layout of all records in the window: processes whose numbers differ refuse
 // each other's window.

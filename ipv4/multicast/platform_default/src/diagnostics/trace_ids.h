@@ -25,9 +25,14 @@ enum mlib_trace_id : uint64_t {
     MLIB_TRACE_TABLE_DELETE = 0x100040002,       // tid, vrf id
     MLIB_TRACE_LINE = 0x100050001,               // text of a debug line that is traced too
     MLIB_TRACE_ROUTE_CREATE = 0x100060001,       // size of the record, key length
+    MLIB_TRACE_LOCAL_EGRESS = 0x100060002,       // tid, count of local egress before and now
+    MLIB_TRACE_ENCAP_OLE_LINK = 0x100060003,     // entry, route, handle; head, tail, attributes
+    MLIB_TRACE_ENCAP_OLE_UNLINK = 0x100060004,   // the same
     MLIB_TRACE_OBJ_ID_BUILT = 0x2000,
     MLIB_TRACE_OBJ_ID_OFF = 0x2001,
     MLIB_TRACE_OBJ_ID_ON = 0x2002,
+    MLIB_TRACE_IDB_REFCOUNT = 0x100060001,       // handle, expected, actual, mask
+    MLIB_TRACE_IDB_POST_RESTART = 0x100060002,   // interfaces marked stale, code of the walk
     MLIB_TRACE_BVI_DB_INIT = 0x100a00001,  // vrf id
     MLIB_TRACE_RETRY_QUEUE = 0x100001008,  // 0 enabled, 1 not
     MLIB_TRACE_RETRY_QUEUE_READY = 0x1000,

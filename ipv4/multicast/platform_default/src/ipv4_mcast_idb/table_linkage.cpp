@@ -6,7 +6,7 @@
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/lib/ip6mc_table.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
-#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/lock_guards.h"
+#include "ipv4/multicast/platform_default/src/ipv4_mcast_idb/idb.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/tables.h"
 #include "ipv4/multicast/platform_default/src/setup.h"
 #include "services/journal/journal.h"
@@ -20,8 +20,7 @@ struct link_request {
 };
 
 ipv4mc_idb_st *idb_of(void *node) {
-    return reinterpret_cast<ipv4mc_idb_st *>(static_cast<char *>(node) -
-                                             offsetof(ipv4mc_idb_st, node));
+    return static_cast<ipv4mc_idb_st *>(ipmc_idb_wavl2idb(node));
 }
 
 int ipmc_idb_link_walk_fn(void *node, void *context) {
@@ -37,52 +36,9 @@ int ipmc_idb_link_walk_fn(void *node, void *context) {
     return 1;
 }
 
-int compare_nothing(const void *, const void *) {
-    return tree_equal;
-}
-
-int ipmc_idb_avl_compare_ifh_vrf(const void *a, const void *b) {
-    if (a == nullptr || b == nullptr) {
-        return tree_equal;
-    }
-    const auto handle = [](const void *node) {
-        const void *first = static_cast<const wavl_node *>(node) - IPV4MC_IDB_THREAD_VRF;
-        return reinterpret_cast<const ipv4mc_idb_st *>(static_cast<const char *>(first) -
-                                                       offsetof(ipv4mc_idb_st, node))
-            ->ifh;
-    };
-    const ifhtype left = handle(a);
-    const ifhtype right = handle(b);
-    return left < right ? tree_less : left == right ? tree_equal : tree_greater;
-}
-
-void *ipmc_idb_wavl2idb(void *node) {
-    return node == nullptr ? nullptr : idb_of(node);
-}
-
-const tree_compare_fn table_tree_compares[] = {compare_nothing, ipmc_idb_avl_compare_ifh_vrf,
-                                               compare_nothing};
-
-int sanity_walk_fn(void *, void *) {
-    MLIB_NOT_BUILT("ip6mc_idb_refcount_sanity_fn");
-    return 1;
-}
-
 }  // namespace
 
 extern "C" {
-
-const shm_wavl_fns ipmc_table_idb_fns = {ipmc_shmwin_wavl_malloc, ipmc_shmwin_wavl_free,
-                                         ipmc_idb_wavl2idb, table_tree_compares, nullptr};
-
-cerrno ip6mc_idb_lookup(ifhtype, ipv4mc_idb_st **) {
-    return MLIB_NOT_BUILT("ip6mc_idb_lookup");
-}
-
-int ip6mc_idb_refcount_sanity_walk(ipv4mc_table_st *table) {
-    wavl_walk(&table->idb_tree, IPV4MC_IDB_THREAD_VRF, sanity_walk_fn, nullptr);
-    return 1;
-}
 
 cerrno ip6mc_idb_mdt_unlock(ipv4mc_table_st *, ifhtype, uint32_t) {
     return MLIB_NOT_BUILT("ip6mc_idb_mdt_unlock");
@@ -92,10 +48,28 @@ cerrno ip6mc_idb_mdt_mtu_set(ipv4mc_table_st *) {
     return MLIB_NOT_BUILT("ip6mc_idb_mdt_mtu_set");
 }
 
-}  // extern "C"
-
 void ipmc_idb_link_tbl(ipv4mc_idb_st **, rsi_vrf_id_t, ipv4mc_table_st *) {
     MLIB_NOT_BUILT("ipmc_idb_link_tbl");
+}
+
+ipv4mc_idb_st *ipmc_idb_unlink_tbl(ipv4mc_idb_st *idb, uint32_t *out) {
+    if (idb->vtable != nullptr) {
+        MLIB_NOT_BUILT("ipmc_idb_unlink_tbl");
+    }
+    *out = 0;
+    return idb;
+}
+
+}  // extern "C"
+
+void *ipmc_idb_vrf_delete(ipv4mc_idb_st *idb) {
+    if (idb->vtable != nullptr && idb->vrf_id != 0) {
+        MLIB_NOT_BUILT("ipmc_idb_vrf_delete");
+    }
+    if (idb->type == idb_type_mdt) {
+        mfwd6::journal::store(idb->vrf_id, 0U);
+    }
+    return nullptr;
 }
 
 void ipmc_idb_link_vrf(rsi_vrf_id_t vrf_id, ipv4mc_table_st *table, int link) {
