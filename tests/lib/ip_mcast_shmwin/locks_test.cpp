@@ -1,3 +1,4 @@
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -18,6 +19,45 @@
 #include "tests/kit/library.h"
 #include "tests/kit/listener.h"
 #include "tests/kit/run_dir.h"
+
+namespace {
+uint64_t pak_lock_takes = 0;  // nanoseconds of the test clock
+cerrno pak_lock_fails_with = 0;
+std::atomic<int> shmwin_locks_asked{0};
+int timeouts_to_come = 0;  // of the reader-writer lock
+
+template <class Function>
+Function real(const char *name) {
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+bool times_out() {
+    return timeouts_to_come > 0 && timeouts_to_come-- > 0;
+}
+}  // namespace
+
+// These stand before the services' own: the library calls them.
+extern "C" __attribute__((visibility("default"))) cerrno shmwin_lock(uint32_t id) {
+    ++shmwin_locks_asked;
+    return real<cerrno (*)(uint32_t)>("shmwin_lock")(id);
+}
+extern "C" __attribute__((visibility("default"))) cerrno rrw_lock_get_timedwrlock(
+    rrw_lock_t *lock, const timespec *deadline) {
+    using lock_ft = cerrno (*)(rrw_lock_t *, const timespec *);
+    return times_out() ? ETIMEDOUT : real<lock_ft>("rrw_lock_get_timedwrlock")(lock, deadline);
+}
+extern "C" __attribute__((visibility("default"))) cerrno rrw_lock_get_timedrdlock(
+    rrw_lock_t *lock, const timespec *deadline) {
+    using lock_ft = cerrno (*)(rrw_lock_t *, const timespec *);
+    return times_out() ? ETIMEDOUT : real<lock_ft>("rrw_lock_get_timedrdlock")(lock, deadline);
+}
+extern "C" __attribute__((visibility("default"))) cerrno pak_client_mutex_lock() {
+    if (pak_lock_takes != 0) {
+        ptimer_test_clock_advance(pak_lock_takes);
+    }
+    return pak_lock_fails_with != 0 ? pak_lock_fails_with
+                                    : real<cerrno (*)()>("pak_client_mutex_lock")();
+}
 
 namespace {
 
@@ -77,36 +117,39 @@ TEST_F(Locks, AnUnlockWithoutALockIsReportedAndFails) {
 TEST_F(Locks, AnApparentlyHeldMutexIsReportedAndWaitedFor) {
     start();
     ASSERT_EQ(ip6mc_shmwin_mutex_lock("first", 11), 0U);
+    const int asked = shmwin_locks_asked;
     std::string tid;
     std::thread second([&] {
         tid = me();
         EXPECT_EQ(ip6mc_shmwin_mutex_lock("second", 22), 0U);
         EXPECT_EQ(ip6mc_shmwin_mutex_unlock(), 0U);
     });
-    texts said;
-    while (said.empty()) {
-        said = heard.errors();
+    while (shmwin_locks_asked == asked) {
         std::this_thread::yield();
     }
     EXPECT_STREQ(hdr->shmwin_lock_fn, "first");  // it waits
     EXPECT_EQ(ip6mc_shmwin_mutex_unlock(), 0U);
     second.join();
-    EXPECT_EQ(said, texts{"Shmwin mtx dbl lock: prev (first, 11, 1, " + pid() + ", " + me() +
-                          ") curr (second, 22, " + pid() + ", " + tid + ")"});
+    EXPECT_EQ(heard.errors(), texts{"Shmwin mtx dbl lock: prev (first, 11, 1, " + pid() + ", " +
+                                    me() + ") curr (second, 22, " + pid() + ", " + tid + ")"});
     EXPECT_EQ(hdr->shmwin_lock_count, 0U);
 }
 
-TEST_F(Locks, ASecondLockOfTheSameThreadBlocks) {
+TEST_F(Locks, ASecondLockOfTheSameThreadReportsAndBlocks) {
     kit::child holder([](const kit::post &parent) {
         kit::library mine;
         kit::listener ears;
         ip6mc_shmwin_mutex_lock("first", 1);
+        const int asked = shmwin_locks_asked;
         std::thread watcher([&] {
-            texts said;
-            while (said.empty())
-                said = ears.errors();
-            parent.tell(said[0].starts_with("Shmwin mtx dbl lock: prev (first, 1, 1, ") ? 'y'
-                                                                                        : 'n');
+            while (shmwin_locks_asked == asked) {
+                std::this_thread::yield();
+            }
+            const texts said = ears.errors();
+            parent.tell(said.size() == 1 &&
+                                said[0].starts_with("Shmwin mtx dbl lock: prev (first, 1, 1, ")
+                            ? 'y'
+                            : 'n');
         });
         watcher.detach();
         ip6mc_shmwin_mutex_lock("second", 2);
@@ -115,6 +158,7 @@ TEST_F(Locks, ASecondLockOfTheSameThreadBlocks) {
     });
     EXPECT_EQ(holder.hear(), 'y');
     holder.kill();
+    EXPECT_EQ(holder.hear(), 0);
 }
 
 TEST_F(Locks, ANodeOfRole5KeepsNoBooks) {
@@ -183,9 +227,11 @@ TEST_F(Locks, AllHoldsAreGivenUpAndTakenBack) {
 }
 
 TEST_F(Locks, APacketMutexWithoutANameEndsTheProcessBehindTheLock) {
-    start();
-    EXPECT_DEATH(ipv6_mlib_pak_client_mutex_lock(nullptr, 1),
-                 "Assertion `fname != \\(\\(void\\*\\)0\\)' failed");
+    const auto lock_without_a_name = [] {
+        kit::library mine;
+        ipv6_mlib_pak_client_mutex_lock(nullptr, 1);
+    };
+    EXPECT_DEATH(lock_without_a_name(), "Assertion `fname != \\(\\(void\\*\\)0\\)' failed");
 }
 
 TEST_F(Locks, AreUsableWithoutAWindow) {
@@ -208,71 +254,60 @@ TEST_F(Locks, AreUsableWithoutAWindow) {
         texts{"ipv6_mlib_pak_client_recursive_mutex_unlock: Not able to access shared memory !!"});
 }
 
-TEST_F(Locks, AWaitForAWriterIsReportedEachSecond) {
+TEST_F(Locks, AWaitIsReportedAtEachTimeoutAndGoesOn) {
+    start();
+    rrw_lock_t *lock = &hdr->tbl_rw_lock;
+    const std::string timed_out = cerr_strerror(ETIMEDOUT);
+    timeouts_to_come = 3;
+    ipmc_shmwin_rrw_lock_get_rdlock(lock, 22);
+    ipmc_shmwin_rrw_lock_unlock(lock, 23, 1);
+    EXPECT_EQ(heard.errors(), texts(3, "Timed out to get read lock [22] - " + timed_out));
+    timeouts_to_come = 2;
+    ipmc_shmwin_rrw_lock_get_wrlock(lock, 33);
+    ipmc_shmwin_rrw_lock_unlock(lock, 34, 0);
+    EXPECT_EQ(heard.errors(), texts(2, "Timed out to get write lock [33] - " + timed_out));
+}
+
+TEST_F(Locks, AReaderIsHeldBackByAWriterForASecondAtATime) {
     start();
     rrw_lock_t *lock = &hdr->tbl_rw_lock;
     ipmc_shmwin_rrw_lock_get_wrlock(lock, 11);
-    texts said;
-    std::thread reader([&] {
-        ipmc_shmwin_rrw_lock_get_rdlock(lock, 22);
-        ipmc_shmwin_rrw_lock_unlock(lock, 23, 1);
-    });
-    while (said.size() < 2) {
-        for (const std::string &text : heard.errors())
-            said.push_back(text);
-        std::this_thread::yield();
-    }
+    const timespec soon = {time(nullptr) + 1, 0};
+    std::thread([&] { EXPECT_EQ(rrw_lock_get_timedrdlock(lock, &soon), ETIMEDOUT); }).join();
     ipmc_shmwin_rrw_lock_unlock(lock, 12, 0);
-    reader.join();
-    const std::string timed_out = cerr_strerror(ETIMEDOUT);
-    EXPECT_EQ(said[0], "Timed out to get read lock [22] - " + timed_out);
-    EXPECT_EQ(said[1], said[0]);
+    ipmc_shmwin_rrw_lock_get_rdlock(lock, 13);
+    ipmc_shmwin_rrw_lock_unlock(lock, 14, 1);
+    EXPECT_TRUE(heard.errors().empty());
 }
 
 TEST_F(Locks, ASecondWriterIsReportedWithBothLines) {
     start();
     rrw_lock_t *lock = &hdr->tbl_rw_lock;
-    ipmc_shmwin_rrw_lock_get_rdlock(lock, 5);
-    ipmc_shmwin_rrw_lock_unlock(lock, 6, 1);
     ipmc_shmwin_rrw_lock_get_wrlock(lock, 11);
-    texts said;
+    ipmc_shmwin_rrw_lock_get_rdlock(lock, 12);  // the writer may read
+    ipmc_shmwin_rrw_lock_unlock(lock, 13, 1);   // and that leaves its line alone
+    EXPECT_TRUE(heard.errors().empty());
     std::thread writer([&] {
         ipmc_shmwin_rrw_lock_get_wrlock(lock, 22);
         ipmc_shmwin_rrw_lock_unlock(lock, 23, 0);
     });
-    while (said.size() < 2) {
-        for (const std::string &text : heard.errors())
-            said.push_back(text);
-        std::this_thread::yield();
-    }
-    ipmc_shmwin_rrw_lock_unlock(lock, 12, 0);
+    // The writer has the gate only after this.
+    ipmc_shmwin_rrw_lock_unlock(lock, 14, 0);
     writer.join();
-    EXPECT_EQ(said[0], "wrlock: prev 11 curr 22 !!");
-    EXPECT_EQ(said[1],
-              std::string("Timed out to get write lock [22] - ") + cerr_strerror(ETIMEDOUT));
-    heard.clear();
-    // The writer's line is gone with it.
+    const texts said = heard.errors();
+    if (!said.empty()) {
+        EXPECT_EQ(said,
+                  texts{"wrlock: prev 11 curr 22 !!"});  // it asked before the first one had done
+    }
     ipmc_shmwin_rrw_lock_get_wrlock(lock, 33);
     ipmc_shmwin_rrw_lock_unlock(lock, 34, 0);
     EXPECT_TRUE(heard.errors().empty());
-}
-
-TEST_F(Locks, AReadersUnlockLeavesTheWritersLineAlone) {
-    start();
-    rrw_lock_t *lock = &hdr->tbl_rw_lock;
-    ipmc_shmwin_rrw_lock_get_wrlock(lock, 11);
-    ipmc_shmwin_rrw_lock_get_rdlock(lock, 12);  // the writer may read
-    ipmc_shmwin_rrw_lock_unlock(lock, 13, 1);
-    std::thread writer([&] {
-        ipmc_shmwin_rrw_lock_get_wrlock(lock, 22);
-        ipmc_shmwin_rrw_lock_unlock(lock, 23, 0);
-    });
-    texts said;
-    while (said.empty())
-        said = heard.errors();
-    ipmc_shmwin_rrw_lock_unlock(lock, 14, 0);
-    writer.join();
-    EXPECT_EQ(said[0], "wrlock: prev 11 curr 22 !!");
+    // On one thread, with a service that lets it pass.
+    ipmc_shmwin_rrw_lock_get_wrlock(nullptr, 44);
+    heard.clear();
+    ipmc_shmwin_rrw_lock_get_wrlock(lock, 55);
+    EXPECT_EQ(heard.errors(), texts{"wrlock: prev 44 curr 55 !!"});
+    ipmc_shmwin_rrw_lock_unlock(lock, 56, 0);
 }
 
 TEST_F(Locks, FailuresOfTheServiceAreReportedAndNotTold) {
@@ -293,27 +328,31 @@ TEST_F(Locks, ALongWaitForThePacketMutexIsTraced) {
     ptimer_test_clock_on();
     for (const auto &[nanoseconds, traces] :
          {std::pair{uint64_t{2'900'000'000}, 0U}, {uint64_t{3'000'000'000}, 1U}}) {
-        ipv6_mlib_pak_client_mutex_lock("holder", 1);
-        std::atomic<bool> waiting = false;
-        std::thread waiter([&] {
-            waiting = true;
-            ipv6_mlib_pak_client_mutex_lock("waiter", 22);
-            ipv6_mlib_pak_client_mutex_unlock("waiter", 23);
-        });
-        // In the kernel's wait: its first clock reading is behind it.
-        while (!waiting || std::this_thread::get_id() == waiter.get_id())
-            std::this_thread::yield();
-        usleep(200'000);
-        ptimer_test_clock_advance(nanoseconds);
-        ipv6_mlib_pak_client_mutex_unlock("holder", 2);
-        waiter.join();
+        pak_lock_takes = nanoseconds;
+        ipv6_mlib_pak_client_mutex_lock("waiter", 22);
+        ipv6_mlib_pak_client_mutex_unlock("waiter", 23);
         const auto found = heard.traces(ip6mc_mlib_warn_ltrace(), MLIB_TRACE_PAK_LOCK_SLOW);
         EXPECT_EQ(found.size(), traces);
         if (!found.empty()) {
             EXPECT_STREQ(found[0].text, "pak client mutex: waited 3 s (waiter, 22)");
         }
     }
+    pak_lock_takes = 0;
     ptimer_test_clock_off();
+}
+
+TEST_F(Locks, TheCountOfThePacketMutexMovesWhenTheLockFailed) {
+    start();
+    pak_lock_fails_with = EBADF;
+    ipv6_mlib_pak_client_mutex_lock("fn", 1);
+    pak_lock_fails_with = 0;
+    EXPECT_EQ(heard.errors(), texts{"LOCK: failed (fn, 1)"});
+    EXPECT_EQ(hdr->pak_lock_fails, 1U);
+    EXPECT_EQ(hdr->pak_lock_count, 1U);
+    EXPECT_EQ(hdr->pak_lock_total, 1U);
+    ipv6_mlib_pak_client_mutex_unlock("fn", 2);
+    EXPECT_EQ(heard.errors(), texts{"UNLOCK: failed (fn, 2)"});  // and no "No prior lock"
+    EXPECT_EQ(hdr->pak_lock_count, 0U);
 }
 
 }  // namespace
