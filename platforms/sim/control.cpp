@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "ipv4/multicast/lib/ip6mc_diag.h"
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "platforms/sim/hardware.h"
 #include "services/events/ptimer.h"
@@ -104,6 +105,12 @@ seam_call::seam_call(sim_op op, uint32_t action) {
     }
     if ((c.faulty_ops >> op & 1U) != 0) {
         refused_ = due_fault(c, op, action);
+    }
+}
+
+void seam_call::pass(uint32_t fault_point) {
+    if (refused_ == 0 && fim_armed(mlib_fim_hdl, fault_point)) {
+        refused_ = EAGAIN;
     }
 }
 

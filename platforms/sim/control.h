@@ -68,6 +68,10 @@ class seam_call {
     // Not 0: the call is to be refused with this code, and nothing is to be changed.
     cerrno refused() const { return refused_; }
 
+    // The same for a fault point of the library's table (ip6mc_diag.h) that the library leaves to
+    // its platform: EAGAIN while it is armed.
+    void pass(uint32_t fault_point);
+
     // Writes the log; gives back `result`.
     cerrno end(cerrno result);
 

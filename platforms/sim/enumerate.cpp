@@ -8,7 +8,6 @@ namespace {
 
 using mfwd6::sim::hardware;
 using mfwd6::sim::hw;
-using mfwd6::sim::intf_key;
 using mfwd6::sim::intf_slot;
 using mfwd6::sim::leaf_key;
 using mfwd6::sim::make_route_key;

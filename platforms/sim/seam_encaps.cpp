@@ -1,6 +1,7 @@
 // Encaps, transports, and the leaves between them.
 #include <cstring>
 
+#include "ipv4/multicast/lib/ip6mc_diag.h"
 #include "platforms/sim/control.h"
 #include "platforms/sim/hardware.h"
 
@@ -87,6 +88,10 @@ cerrno ip6mc_platform_encap_leaf_operation(ipv4mc_action_type action, ipv4mc_enc
     call.what.value = encap->encap_id;
     call.what.argument = tr;
     call.what.record = leaf;
+    if (goes_up(action)) {
+        call.pass(action == IPV4MC_ACTION_CREATE ? MLIB_FAULT_BUCKET_CREATE
+                                                 : MLIB_FAULT_BUCKET_COMMIT);
+    }
     if (call.refused() != 0) {
         return call.end(call.refused());
     }

@@ -1,4 +1,5 @@
 // Routes and their interfaces.
+#include "ipv4/multicast/lib/ip6mc_diag.h"
 #include "platforms/sim/control.h"
 #include "platforms/sim/hardware.h"
 #include "services/gtrie/gtrie.h"
@@ -183,6 +184,9 @@ cerrno ip6mc_platform_route_operation(ipv4mc_action_type action, ipv4mc_table_st
     call.what.is_new = is_new;
     call.what.old_attributes = old_attributes;
     call.what.value = mofrr_attrib;
+    if (action == IPV4MC_ACTION_CREATE) {
+        call.pass(MLIB_FAULT_ROUTE_CREATE);
+    }
     cerrno failed = call.refused();
     if (failed == 0 && *route_pp == nullptr) {
         failed = find_record(*table, *source, *group, pfx_len, route_pp);

@@ -1,6 +1,7 @@
 // Tables.
 #include <cstring>
 
+#include "ipv4/multicast/lib/ip6mc_diag.h"
 #include "platforms/sim/control.h"
 #include "platforms/sim/hardware.h"
 
@@ -128,6 +129,10 @@ cerrno ip6mc_platform_table_operation(ipv4mc_action_type action, uint32_t tid, r
     call.what.vrf_id = vrf_id;
     call.what.is_new = is_new;
     call.what.record = table;
+    if (action == IPV4MC_ACTION_CREATE || action == IPV4MC_ACTION_COMMIT) {
+        call.pass(action == IPV4MC_ACTION_CREATE ? MLIB_FAULT_TABLE_CREATE
+                                                 : MLIB_FAULT_TABLE_COMMIT);
+    }
     if (call.refused() != 0) {
         return call.end(call.refused());
     }

@@ -102,6 +102,11 @@ leaf *index_find(const trie *t, const key &k, uint64_t hash) {
     while (true) {
         const uint64_t number = bucket_number(hash, buckets);
         const bucket *b = bucket_at(t, number);
+        // The key will be in one of these: better all three are on their way than the right one
+        // late.
+        __builtin_prefetch(b->word[0]);
+        __builtin_prefetch(b->word[2]);
+        __builtin_prefetch(b->word[4]);
         // Before the slots: a leaf goes into a slot before it leaves the waiting list.
         const uint64_t waiting = journal::observe(b->waiting);
         for (uint32_t found = slots_with(b, tag); found != 0; found &= found - 1) {
@@ -332,15 +337,13 @@ void index_grow(trie *t, const memory &m) {
     }
 }
 
-bool index_add(trie *t, leaf *l, uint64_t hash) {
+void index_add(trie *t, leaf *l, uint64_t hash) {
     bucket *b = bucket_at(t, bucket_number(hash, t->buckets));
-    const uint32_t slot = free_slot(b);
-    if (slot == bucket_slots) {
+    if (const uint32_t slot = free_slot(b); slot != bucket_slots) {
+        take_slot(b, slot, l, hash);
+    } else {
         wait_in(t, b, l);
-        return false;
     }
-    take_slot(b, slot, l, hash);
-    return true;
 }
 
 void index_remove(trie *t, leaf *l, uint64_t hash) {

@@ -59,10 +59,10 @@ bool index_holds(const trie *t, const leaf *l);
 leaf *index_find(const trie *t, const key &k, uint64_t hash);
 
 // For the writer inside a group. Adding is two steps, so that the one which makes the leaf visible
-// can be last: index_grow makes room (growth that finds no memory is put off), index_add takes the
-// slot and tells whether it found one; without, the leaf waits.
+// can be last: index_grow makes room (growth that finds no memory is put off), index_add takes a
+// slot; if there is none, the leaf waits for one.
 void index_grow(trie *t, const memory &m);
-bool index_add(trie *t, leaf *l, uint64_t hash);
+void index_add(trie *t, leaf *l, uint64_t hash);
 void index_remove(trie *t, leaf *l, uint64_t hash);
 
 // Segments and the directory, for the checker.

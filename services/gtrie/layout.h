@@ -144,7 +144,8 @@ struct directory {
 
 struct handle;
 
-// One physical trie.
+// One physical trie. What the writer changes at every turn lies a cache line apart from what
+// readers read.
 struct trie {
     uint32_t magic;
     uint32_t constant_hash;
@@ -154,14 +155,15 @@ struct trie {
     uint32_t may_share;
     uint32_t reserved;
     node *root;
-    handle *handles;
     uint64_t seed;
-    uint64_t leaves;
     uint64_t buckets;  // in use; grows by one at a time
     directory *segments;
-    uint64_t waiting;  // leaves in no bucket
     uint64_t
-        length_map[5];  // bit 63 - length % 64 of word length / 64: some leaf has `length` key bits
+        length_map[5];  // bit 63 - length % 64 of word length / 64: some leaf has `length` bits
+    uint64_t apart[8];
+    handle *handles;
+    uint64_t leaves;
+    uint64_t waiting;  // leaves in no bucket
     uint32_t length_count[257];
     uint32_t padding;
 };
@@ -175,16 +177,17 @@ struct handle {
     uint32_t table;   // table part of its keys
     uint64_t cookie;  // of the trie
     trie *on;
-    handle *next;
-    handle *prev;
-    uint64_t leaves;
     uint64_t leaf_position;
     uint32_t kind;
     uint32_t usage;
     uint32_t key_bits;
     uint32_t tid;
+    handle *next;
+    handle *prev;
+    uint64_t apart[8];
+    uint64_t leaves;
 };
-static_assert(sizeof(handle) == 72);
+static_assert(sizeof(handle) == 136);
 
 inline constexpr uint32_t handle_magic = 0x6774686e;
 
@@ -207,6 +210,17 @@ inline uint32_t symbol_at(const leaf *l, uint32_t pos) {
 inline uint32_t code_at(const leaf *l, uint32_t pos) {
     const uint32_t bits = l->length < pos + stride ? l->length - pos : stride;
     return symbol_at(l, pos) * 8 + bits;
+}
+
+// Walk order.
+inline bool before(const leaf *a, const leaf *b) {
+    const uint32_t limit = a->length < b->length ? a->length : b->length;
+    const uint32_t same = common_bits(a->word, a->table, b->word, b->table, limit);
+    if (same == limit) {
+        return a->length < b->length;
+    }
+    const uint32_t pos = same - same % stride;
+    return symbol_at(a, pos) < symbol_at(b, pos);
 }
 
 inline bool covers(const leaf *l, const key &k) {

@@ -82,16 +82,6 @@ void go_down(const trie *t, const key &k, path *p) {
     } while (p->end != 0 && !is_leaf(p->end) && n->pos <= k.length);
 }
 
-bool before(const leaf *a, const leaf *b) {
-    const uint32_t limit = a->length < b->length ? a->length : b->length;
-    const uint32_t same = common_bits(a->word, a->table, b->word, b->table, limit);
-    if (same == limit) {
-        return a->length < b->length;
-    }
-    const uint32_t pos = same - same % stride;
-    return symbol_at(a, pos) < symbol_at(b, pos);
-}
-
 // Successor of a leaf that is in no node, or was taken out of one that knows nothing of what came
 // since. The nodes on the way down need not have its first bits. The lowest that has them is where
 // it would hang; what hangs there in its place lies as a whole before it or behind it.

@@ -11,15 +11,6 @@ namespace {
 
 using namespace mfwd6::gtrie;
 
-bool in_order(const leaf *a, const leaf *b) {
-    const uint32_t limit = a->length < b->length ? a->length : b->length;
-    const uint32_t same = common_bits(a->word, a->table, b->word, b->table, limit);
-    if (same == limit) {
-        return a->length < b->length;
-    }
-    return symbol_at(a, same - same % stride) < symbol_at(b, same - same % stride);
-}
-
 struct checker {
     const trie *on;
     const leaf *previous = nullptr;
@@ -71,7 +62,7 @@ void checker::check_leaf(leaf *l, const node *n) {
     expect(l->state == static_cast<uint32_t>(leaf_state::linked),
            "leaf in the trie that is not linked");
     expect(l->up == n, "leaf does not point to its node");
-    expect(previous == nullptr || in_order(previous, l), "leaves out of order");
+    expect(previous == nullptr || before(previous, l), "leaves out of order");
     expect(l->length >= table_bits && l->length <= max_length, "leaf with an impossible length");
     if (wrong == nullptr) {
         key k = key_of(l);

@@ -84,7 +84,8 @@ struct ipv4mc_shmwin_hdr_st {
     void *plat_block_list;         // blocks of the platform half, of interfaces that are gone
     uint32_t changed_route_count;  // length of the changed-route list
     uint8_t changed_route_wake;    // 1: the list has become non-empty
-    uint8_t reserved[3];           // zero
+    uint8_t changed_route_ready;   // 1: mutex and condition have been made
+    uint8_t reserved[2];           // zero
     pthread_mutex_t changed_route_mutex;  // process-shared and robust; guards `changed_route_wake`
     pthread_cond_t changed_route_cond;    // process-shared; signalled with the first entry
 };
@@ -116,10 +117,10 @@ MFWD6_EXPORT cerrno ip6mc_shmwin_reset(int notify);
 // Writes 1 to `*flag_p` while the window is open in this process. 22 for NULL.
 MFWD6_EXPORT cerrno ip6mc_shmwin_is_init(int32_t *flag_p);
 
-// Handle of the window in the window service. 9 when closed.
+// Handle of the window in the window service. 9 when closed, 22 for NULL.
 MFWD6_EXPORT cerrno ip6mc_shmwin_get_id(uint32_t *id_p);
 
-// The header. 9 when closed.
+// The header. 9 when closed, 22 for NULL.
 MFWD6_EXPORT cerrno ip6mc_shmwin_get_info(ipv4mc_shmwin_hdr_st **hdr_p);
 
 // Switches the pool of freed blocks on (non-zero) or off; returns the new setting, 1 or 0. What the
@@ -131,7 +132,7 @@ MFWD6_EXPORT int ip6mc_shmwin_buffer_status(int enable);
 MFWD6_EXPORT void *ipv4mc_shmwin_malloc_inline(size_t size, ipmc_shmwin_alloc_type type);
 
 // Gives back a typed block: to the pool, to the client's free hook, or to the window service. 9
-// when the window is closed. A block whose guard does not say "live" is memory gone wrong: the
+// when the window is closed, 22 for NULL or a type that does not exist. A block whose guard does not say "live" is memory gone wrong: the
 // process stops.
 MFWD6_EXPORT cerrno ipv4mc_shmwin_free_inline(void *pointer, ipmc_shmwin_alloc_type type);
 

@@ -210,6 +210,20 @@ MFWD6_EXPORT cerrno ip6mc_table_operation(ipv4mc_action_type action, uint32_t ti
                                           rsi_vrf_id_t vrf_id, const char *vrf_name,
                                           ipv4mc_table_st **table_pp, uint32_t arg);
 
+// Deletes every table, VRF tables first. `arg` is that of ip6mc_table_operation. Goes on for ever
+// with a VRF table that cannot be deleted; ends with the code of the first TID table that cannot.
+MFWD6_EXPORT cerrno ip6mc_table_delete_all(uint32_t arg);
+
+// Clears the routes of every TID table; stops at the first that fails, with its code.
+MFWD6_EXPORT cerrno ip6mc_table_clear_all(uint32_t arg);
+
+// Brings the core routes on `memd_route_list` in line: DT set (1) or clear (0). Nothing for the
+// default table, nor to clear while the table has local egress interfaces or T bits.
+MFWD6_EXPORT void ip6mc_tbl_update_memd_routes(ipv4mc_table_st *table, int set);
+
+// Selective download: the interfaces of a VRF table have come (1) or gone (0). Not built yet.
+MFWD6_EXPORT void ip6mc_svd_update_tbl_location(ipv4mc_table_st *table, int local);
+
 MFWD6_END_C
 
 #endif

@@ -1,3 +1,8 @@
+#include <cstdlib>
+#include <filesystem>
+
+#include "ipv4/multicast/lib/ip6mc_diag.h"
+#include "services/diag/run_dir.h"
 #include "services/events/ptimer.h"
 #include "tests/platforms/sim/sim_fixture.h"
 
@@ -101,6 +106,46 @@ TEST_F(SimControl, EveryOperationThatCanFailCanBeMadeToFail) {
     for (ip6mc_platform_kind kind = 0; kind < IP6MC_PLATFORM_KINDS; ++kind) {
         EXPECT_EQ(sim_count(kind), 0U) << kind;
     }
+}
+
+TEST_F(SimControl, FaultPointsThatTheLibraryLeavesToItsPlatformAreTested) {
+    char folder[] = "/dev/shm/mfwd6-fault-XXXXXX";
+    ASSERT_NE(mkdtemp(folder), nullptr);
+    ASSERT_EQ(diag_set_run_dir(folder), 0U);
+    const char texts[MLIB_FAULT_POINTS][MLIB_FAULT_TEXT_SIZE] = {"0", "1", "2", "3", "4",
+                                                                 "5", "6", "7", "8", "9"};
+    ASSERT_EQ(fim_register("mlib6", texts, MLIB_FAULT_POINTS, 0, &mlib_fim_hdl, nullptr), 0U);
+    ipv4mc_table_st *t = &table;
+    ipv4mc_encap_entry_st encap = {};
+    ipv4mc_encap_leaf_st leaf = {};
+    ipv4mc_regdb_entry_st regdb = {};
+    const auto table_op = [&](uint32_t action) {
+        return ip6mc_platform_table_operation(action, 7, 0, "", &t, 1);
+    };
+    const auto leaf_op = [&](uint32_t action) {
+        return ip6mc_platform_encap_leaf_operation(action, &leaf, &encap, &regdb, 0);
+    };
+    const auto check = [&](uint32_t point, auto call) {
+        ASSERT_EQ(fim_arm(mlib_fim_hdl, point, 0, 1), 0U);
+        EXPECT_EQ(call(), static_cast<cerrno>(EAGAIN)) << point;
+        EXPECT_EQ(call(), 0U) << point;
+    };
+    check(MLIB_FAULT_TABLE_CREATE, [&] { return table_op(IPV4MC_ACTION_CREATE); });
+    check(MLIB_FAULT_TABLE_COMMIT, [&] { return table_op(IPV4MC_ACTION_COMMIT); });
+    check(MLIB_FAULT_ROUTE_CREATE, [&] { return route_op(IPV4MC_ACTION_CREATE, route); });
+    check(MLIB_FAULT_BUCKET_CREATE, [&] { return leaf_op(IPV4MC_ACTION_CREATE); });
+    check(MLIB_FAULT_BUCKET_COMMIT, [&] { return leaf_op(IPV4MC_ACTION_COMMIT); });
+    // The library passes its own points; here they must not fail a second time.
+    for (const uint32_t point : {MLIB_FAULT_ROUTE_COMMIT, MLIB_FAULT_INTF_CREATE,
+                                 MLIB_FAULT_INTF_COMMIT, MLIB_FAULT_ENCAP_CREATE}) {
+        ASSERT_EQ(fim_arm(mlib_fim_hdl, point, 0, 1), 0U);
+    }
+    EXPECT_EQ(route_op(IPV4MC_ACTION_COMMIT, route), 0U);
+    EXPECT_EQ(intf_op(IPV4MC_ACTION_CREATE, route, entry(1, 0)), 0U);
+    EXPECT_EQ(ip6mc_platform_encapid_operation(IPV4MC_ACTION_CREATE, &encap), 0U);
+    ASSERT_EQ(fim_disarm_all(mlib_fim_hdl), 0U);
+    mlib_fim_hdl = nullptr;
+    std::filesystem::remove_all(folder);
 }
 
 TEST_F(SimControl, ADelayIsTimeOfTheTestClock) {

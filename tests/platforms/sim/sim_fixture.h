@@ -18,7 +18,7 @@
 #include "ipv4/multicast/lib/ip6mc_table.h"
 #include "platforms/sim/sim.h"
 
-// What the last report of an asynchronous error said (async_errors.cpp stands for the library).
+// What the last report of an asynchronous error said (library_stand_in.cpp stands for the library).
 struct async_report {
     uint64_t obj_id;
     uint32_t oor_error;

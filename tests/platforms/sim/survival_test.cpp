@@ -122,6 +122,25 @@ TEST_F(SimSurvival, FilesOfAnotherBuildAreRefused) {
     EXPECT_EQ(sim_count(IP6MC_PLATFORM_ROUTE), 0U);
 }
 
+// The array of routes is the truth: what hangs on a route that is not in it does not count.
+TEST_F(SimSurvival, AnInterfaceWhoseRouteIsNotThereIsDropped) {
+    ASSERT_EQ(sim_hardware_open(path.c_str()), 0U);
+    commit(1, 1);
+    commit(2, 2);
+    sim_hardware_close();
+    const int fd = open((path + "/routes").c_str(), O_WRONLY);
+    const uint32_t no_state = 0;
+    ASSERT_EQ(pwrite(fd, &no_state, sizeof(no_state), 4096), 4) << "state of the first route";
+    close(fd);
+    ASSERT_EQ(sim_hardware_open(path.c_str()), 0U);
+    EXPECT_EQ(sim_count(IP6MC_PLATFORM_ROUTE), 1U);
+    const auto left = listed(IP6MC_PLATFORM_INTF);
+    ASSERT_EQ(left.size(), 1U);
+    EXPECT_EQ(left[0].ifh, 3U);
+    commit(1, 1);
+    EXPECT_EQ(sim_count(IP6MC_PLATFORM_INTF), 2U);
+}
+
 // Programs and removes at random until it is killed from outside, at whatever instruction.
 TEST_F(SimSurvival, KilledAnywhereItHoldsWholeThings) {
     std::mt19937 random(11);

@@ -173,7 +173,7 @@ TEST_P(Crash, NodesThatGrowAndShrink) {
         all.push_back(p);
     }
     const auto changes_shape = [](size_t i) {
-        for (const size_t edge : {0, 1, 3, 5, 9, 13, 20, 29}) {
+        for (const uint32_t edge : {0U, 1U, 3U, 5U, 9U, 13U, 20U, 29U}) {
             if (i + 1 >= edge && i <= edge + 1) {
                 return true;
             }

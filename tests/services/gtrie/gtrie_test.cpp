@@ -7,6 +7,8 @@
 
 #include <cerrno>
 
+#include "services/diag/errors.h"
+#include "services/radix/radix.h"
 #include "tests/services/gtrie/model.h"
 
 using namespace gtrie_test;
@@ -182,6 +184,19 @@ TEST_F(Gtrie, BadArgumentsHaveTheirCodes) {
     EXPECT_EQ(ip6mc_gtrie_re_init(t, &p), GTRIE_E_PARAMS);
     p = params(0, 256);
     EXPECT_EQ(ip6mc_gtrie_re_init(t, &p), GTRIE_E_MISMATCH);
+}
+
+TEST_F(Gtrie, EveryCodeHasAText) {
+    std::map<std::string, cerrno> texts;
+    for (cerrno code = GTRIE_E_BAD_HANDLE; code <= GTRIE_E_PARAMS; ++code) {
+        EXPECT_TRUE(texts.emplace(cerr_strerror(code), code).second);
+    }
+    for (cerrno code = RADIX_E_BAD_TREE; code <= RADIX_E_LENGTH; ++code) {
+        EXPECT_TRUE(texts.emplace(cerr_strerror(code), code).second);
+    }
+    for (const auto &[text, code] : texts) {
+        EXPECT_EQ(text.find("44a01"), std::string::npos) << text;
+    }
 }
 
 TEST_F(Gtrie, SharersSeeTheirOwnLeavesInLookupsAndAllInWalks) {

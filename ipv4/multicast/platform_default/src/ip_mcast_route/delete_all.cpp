@@ -10,6 +10,7 @@
 #include "ipv4/multicast/platform_default/src/diagnostics/address_text.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/assertion.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/lock_books.h"
 
 namespace {
 
@@ -24,17 +25,22 @@ void trace_start(const ipv4mc_table_st *table) {
                vrf_side != nullptr ? vrf_side->vrf_name : "**");
 }
 
-cerrno delete_route(ipv4mc_table_st *table, ipv4mc_route_entry_st *route) {
+// The key is copied: the record that it stands in is what the operation frees.
+cerrno delete_route(ipv4mc_table_st *table, const ipv4mc_route_entry_st *route) {
+    const ip_maddr_st source = route->source;
+    const ip_maddr_st group = route->group;
+    const ip_maddr_st aux_addr = route->aux_addr;
+    const uint16_t pfx_len = route->pfx_len;
     int is_new = 0;
-    const cerrno rc = ip6mc_route_operation(
-        IPV4MC_ACTION_DELETE, table, &route->source, &route->group, route->pfx_len,
-        &route->aux_addr, nullptr, route->attributes, route->mofrr_attrib, &is_new);
+    const cerrno rc =
+        ip6mc_route_operation(IPV4MC_ACTION_DELETE, table, &source, &group, pfx_len, &aux_addr,
+                              nullptr, route->attributes, route->mofrr_attrib, &is_new);
     if (rc == 0 || rc == EEXIST) {
         return 0;
     }
-    MLIB_ERR("Cannot delete (%s,%s/%d) from 0x%x(%s) : %s", mlib::source_text(&route->source),
-             mlib::address_text(&route->group), static_cast<int>(route->pfx_len), table->tid,
-             table->vrf_name, cerr_strerror(rc));
+    MLIB_ERR("Cannot delete (%s,%s/%d) from 0x%x(%s) : %s", mlib::source_text(&source),
+             mlib::address_text(&group), static_cast<int>(pfx_len), table->tid, table->vrf_name,
+             cerr_strerror(rc));
     return rc;
 }
 
@@ -87,7 +93,7 @@ extern "C" cerrno ip6mc_route_delete_all(ipv4mc_table_st *table, uint32_t yield_
     if (count != 0) {
         const ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
         MLIB_ERR("[%d] Mult lock count %d (%s/%d)", __LINE__, static_cast<int>(count),
-                 hdr->pak_lock_fn, hdr->pak_lock_line);
+                 mlib::lock_fn(hdr->pak_lock_fn).text, mlib::lock_book(hdr->pak_lock_line));
     }
     const cerrno rc = ip6mc_signal_remove_all_routes(tid_table, yield_count, cmd);
     if (rc != 0) {

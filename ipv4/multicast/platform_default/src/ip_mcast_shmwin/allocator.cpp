@@ -1,6 +1,7 @@
 // The typed allocator over the window: a guard in front of each block, counts by type, and a pool
 // of freed blocks by exact size.
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 #include "ipv4/multicast/lib/ip6mc_lib.h"
@@ -29,6 +30,26 @@ ipmc_shmwin_pool_bucket_st *bucket_for(size_t size) {
                : nullptr;
 }
 
+// The change that the calling thread has open: a log, and how many groups it had committed before.
+struct open_change {
+    const mfwd6::journal::log *log = nullptr;
+    uint64_t commits = 0;
+    bool operator==(const open_change &) const = default;
+};
+
+open_change current_change() {
+    const mfwd6::journal::log *log = mfwd6::journal::self.current;
+    return log != nullptr ? open_change{log, log->commits} : open_change{};
+}
+
+// The latest change of this thread that put a block in the pool. As long as it is open it may be
+// run back, and then the block is its old self again: what it holds must not be overwritten.
+thread_local open_change pooled_in;
+
+bool may_reuse() {
+    return pooled_in.log == nullptr || pooled_in != current_change();
+}
+
 ipmc_shmwin_guard_st *unlink_first(ipmc_shmwin_pool_bucket_st &bucket) {
     auto *guard = reinterpret_cast<ipmc_shmwin_guard_st *>(bucket.head);
     store(bucket.head, guard->pool_link);
@@ -40,6 +61,7 @@ void push(ipmc_shmwin_pool_bucket_st &bucket, ipmc_shmwin_guard_st *guard) {
     store(guard->pool_link, bucket.head);
     store(bucket.head, reinterpret_cast<uint64_t>(guard));
     store(bucket.count, bucket.count + 1);
+    pooled_in = current_change();
 }
 
 // A pooled block takes its guard words back if the change that took it is undone; its contents are
@@ -51,26 +73,53 @@ void save_guard(ipmc_shmwin_guard_st *guard) {
     mfwd6::journal::save(guard->magic);
 }
 
+void *take_from_pool(size_t size) {
+    ipmc_shmwin_pool_bucket_st *bucket = bucket_for(size);
+    if (bucket == nullptr || bucket->head == 0 || !may_reuse()) {
+        return nullptr;
+    }
+    ipmc_shmwin_guard_st *guard = unlink_first(*bucket);
+    save_guard(guard);
+    store(bucket->reuse_count, bucket->reuse_count + 1);
+    return guard;
+}
+
+void *take_from_service(size_t size) {
+    void *block = nullptr;
+    const cerrno rc = size <= SIZE_MAX - guard_size
+                          ? shmwin_malloc(ipv4mc_desc->shmwin_id, size + guard_size, &block)
+                          : ENOMEM;
+    if (rc != 0) {
+        MLIB_ERR("Cannot Allocate %d bytes from shared memory %d: %s", static_cast<int>(size),
+                 static_cast<int>(rc), cerr_strerror(rc));
+        return nullptr;
+    }
+    return block;
+}
+
+bool is_type(ipmc_shmwin_alloc_type type) {
+    if (type >= IPMC_SHMWIN_ALLOC_TYPES) {
+        MLIB_ERR("No such type of block: %u", type);
+        return false;
+    }
+    return true;
+}
+
 void *allocate(size_t size, ipmc_shmwin_alloc_type type, uint32_t count_slot) {
     if (ipv4mc_desc->shmwin_init == 0) {
         MLIB_ERR("Shared Memory Window Not Initialized");
         return nullptr;
     }
+    if (!is_type(type)) {
+        return nullptr;
+    }
     const group change;
-    void *block = nullptr;
-    ipmc_shmwin_pool_bucket_st *bucket = bucket_for(size);
-    if (bucket != nullptr && bucket->head != 0) {
-        ipmc_shmwin_guard_st *guard = unlink_first(*bucket);
-        save_guard(guard);
-        store(bucket->reuse_count, bucket->reuse_count + 1);
-        block = guard;
-    } else {
-        const cerrno rc = shmwin_malloc(ipv4mc_desc->shmwin_id, size + guard_size, &block);
-        if (rc != 0) {
-            MLIB_ERR("Cannot Allocate %d bytes from shared memory %d: %s", static_cast<int>(size),
-                     static_cast<int>(rc), cerr_strerror(rc));
-            return nullptr;
-        }
+    void *block = take_from_pool(size);
+    if (block == nullptr) {
+        block = take_from_service(size);
+    }
+    if (block == nullptr) {
+        return nullptr;
     }
     std::memset(block, 0, size + guard_size);
     auto *guard = static_cast<ipmc_shmwin_guard_st *>(block);
@@ -123,6 +172,19 @@ void release_from_pool(ipmc_shmwin_guard_st *guard) {
     give_back(guard);
 }
 
+// Whether `pointer` may be freed at all; what the entry answers if not.
+cerrno refuse_free(const void *pointer) {
+    if (ipv4mc_desc->shmwin_init == 0) {
+        MLIB_ERR("Shared Memory Window Not Initialized");
+        return EBADF;
+    }
+    if (pointer == nullptr) {
+        MLIB_ERR("NULL pointer");
+        return EINVAL;
+    }
+    return 0;
+}
+
 uint32_t most_to_keep(size_t size) {
     return size < 66 ? 8192 : size <= 256 ? 2048 : 1024;
 }
@@ -140,7 +202,9 @@ void ipmc_shmwin_init_buffer_pool(void) {
             const group change;
             release_from_pool(unlink_first(pool[size]));
         }
-        store(pool[size].count, 0U);
+        if (pool[size].count != 0) {
+            store(pool[size].count, 0U);
+        }
     }
 }
 
@@ -156,9 +220,9 @@ void *ip6mc_shmwin_malloc(size_t size) {
 }
 
 cerrno ipv4mc_shmwin_free_inline(void *pointer, ipmc_shmwin_alloc_type type) {
-    if (ipv4mc_desc->shmwin_init == 0) {
-        MLIB_ERR("Shared Memory Window Not Initialized");
-        return EBADF;
+    const cerrno refused = refuse_free(pointer);
+    if (refused != 0 || !is_type(type)) {
+        return refused != 0 ? refused : EINVAL;
     }
     const group change;
     count_down(type);
@@ -176,9 +240,9 @@ cerrno ipv4mc_shmwin_free_inline(void *pointer, ipmc_shmwin_alloc_type type) {
 // Differs from the typed free on purpose: only a block already marked as freed is reported, the
 // report stops nothing, and the hook gets 0.
 cerrno ip6mc_shmwin_free(void *pointer) {
-    if (ipv4mc_desc->shmwin_init == 0) {
-        MLIB_ERR("Shared Memory Window Not Initialized");
-        return EBADF;
+    const cerrno refused = refuse_free(pointer);
+    if (refused != 0) {
+        return refused;
     }
     const group change;
     count_down(IPMC_SHMWIN_ALLOC_UNTYPED_COUNT);
@@ -192,8 +256,11 @@ cerrno ip6mc_shmwin_free(void *pointer) {
 }
 
 void ip6mc_shmwin_memory_releaser(void) {
-    ipmc_shmwin_pool_bucket_st *pool =
-        ipv4mc_desc->shmwin_init != 0 ? ipv4mc_desc->shmwin_info->buffer_pool : nullptr;
+    if (ipv4mc_desc->shmwin_init == 0) {
+        MLIB_ERR("Shared Memory Window Not Initialized");
+        return;
+    }
+    ipmc_shmwin_pool_bucket_st *pool = ipv4mc_desc->shmwin_info->buffer_pool;
     if (pool == nullptr) {
         return;
     }
@@ -209,8 +276,9 @@ void ip6mc_shmwin_memory_releaser(void) {
 }
 
 cerrno ip6mc_shmwin_free_final(void *block) {
-    if (ipv4mc_desc->shmwin_init == 0) {
-        return EBADF;
+    const cerrno refused = refuse_free(block);
+    if (refused != 0) {
+        return refused;
     }
     const cerrno rc = shmwin_free(block);
     if (rc != 0) {
@@ -223,7 +291,7 @@ cerrno ip6mc_shmwin_free_final(void *block) {
 void *ipmc_shmwin_avl_calloc(size_t count, size_t size) {
     size_t bytes = 0;
     if (__builtin_mul_overflow(count, size, &bytes)) {
-        return nullptr;
+        bytes = SIZE_MAX;  // which cannot be had
     }
     return ipv4mc_shmwin_malloc_inline(bytes, IPMC_SHMWIN_ALLOC_AVL);
 }

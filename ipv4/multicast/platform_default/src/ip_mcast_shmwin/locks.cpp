@@ -10,6 +10,7 @@
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/assertion.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/lock_books.h"
 #include "services/diag/text.h"
 #include "services/events/ptimer.h"
 #include "services/locks/pak_client.h"
@@ -28,10 +29,12 @@ bool keeps_books() {
     return ipv4mc_desc->node_role != IPMC_NODE_ROLE_NO_LOCK_TRACE;
 }
 
+using mlib::lock_fn;
+
 // Book-keeping is looked at by threads that do not hold the lock.
 template <class T>
 T peek(const T &field) {
-    return std::atomic_ref<T>(const_cast<T &>(field)).load(std::memory_order_relaxed);
+    return mlib::lock_book(field);
 }
 
 template <class T>
@@ -41,9 +44,11 @@ void set(T &field, T value) {
 
 template <size_t N>
 void note_name(char (&field)[N], const char *name) {
-    const size_t length = strnlen(name, N - 1);
-    std::memcpy(field, name, length);
-    field[length] = '\0';
+    const size_t length = name != nullptr ? strnlen(name, N - 1) : 0;
+    for (size_t i = 0; i < length; ++i) {
+        set(field[i], name[i]);
+    }
+    set(field[length], '\0');
 }
 
 uint32_t this_thread() {
@@ -54,8 +59,13 @@ timespec one_second_from_now() {
     return {time(nullptr) + 1, 0};
 }
 
+// The header, or null while the window is closed in this process.
+ipv4mc_shmwin_hdr_st *books() {
+    return ipv4mc_desc->shmwin_init != 0 ? ipv4mc_desc->shmwin_info : nullptr;
+}
+
 bool is_open() {
-    if (ipv4mc_desc->shmwin_init != 0) {
+    if (books() != nullptr) {
         return true;
     }
     MLIB_ERR("Shared Memory Window Not Initialized");
@@ -73,9 +83,10 @@ cerrno ip6mc_shmwin_mutex_lock(const char *fn, int line) {
     ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
     if (keeps_books() && peek(hdr->shmwin_lock_count) != 0) {
         MLIB_ERR("Shmwin mtx dbl lock: prev (%s, %d, %d, 0x%x, %d) curr (%s, %d, 0x%x, %d)",
-                 hdr->shmwin_lock_fn, peek(hdr->shmwin_lock_line), peek(hdr->shmwin_lock_count),
-                 peek(hdr->shmwin_lock_pid), peek(hdr->shmwin_lock_tid), fn, line,
-                 static_cast<unsigned>(getpid()), this_thread());
+                 lock_fn(hdr->shmwin_lock_fn).text, peek(hdr->shmwin_lock_line),
+                 peek(hdr->shmwin_lock_count), peek(hdr->shmwin_lock_pid),
+                 peek(hdr->shmwin_lock_tid), fn, line, static_cast<unsigned>(getpid()),
+                 this_thread());
     }
     const cerrno rc = shmwin_lock(ipv4mc_desc->shmwin_id);
     if (rc != 0) {
@@ -119,12 +130,13 @@ cerrno ip6mc_shmwin_mutex_unlock(void) {
 }
 
 void ipv6_mlib_pak_client_mutex_lock(const char *fname, int line) {
-    ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
-    if (peek(hdr->shmwin_lock_count) >= 1 && peek(hdr->shmwin_lock_tid) == this_thread()) {
+    ipv4mc_shmwin_hdr_st *hdr = books();
+    if (hdr != nullptr && peek(hdr->shmwin_lock_count) >= 1 &&
+        peek(hdr->shmwin_lock_tid) == this_thread()) {
         MLIB_ERR("Pak mtx with shmwin : shmwin (%s, %d, %d, 0x%x, %d) pak (%s, %d, %d)",
-                 hdr->shmwin_lock_fn, peek(hdr->shmwin_lock_line), peek(hdr->shmwin_lock_count),
-                 peek(hdr->shmwin_lock_pid), peek(hdr->shmwin_lock_tid), fname, line,
-                 this_thread());
+                 lock_fn(hdr->shmwin_lock_fn).text, peek(hdr->shmwin_lock_line),
+                 peek(hdr->shmwin_lock_count), peek(hdr->shmwin_lock_pid),
+                 peek(hdr->shmwin_lock_tid), fname, line, this_thread());
     }
 
     timespec before{};
@@ -144,10 +156,15 @@ void ipv6_mlib_pak_client_mutex_lock(const char *fname, int line) {
     }
     // The books are kept even when the lock failed, so that the unlock that follows finds its lock.
     if (rc != 0) {
-        set(hdr->pak_lock_fails, peek(hdr->pak_lock_fails) + 1);
+        if (hdr != nullptr) {
+            set(hdr->pak_lock_fails, peek(hdr->pak_lock_fails) + 1);
+        }
         MLIB_ERR("LOCK: failed (%s, %d)", fname, line);
     }
     MLIB_ASSERT(fname != nullptr, "fname != ((void*)0)");
+    if (hdr == nullptr) {
+        return;
+    }
     set(hdr->pak_lock_total, peek(hdr->pak_lock_total) + 1);
     set(hdr->pak_lock_count, peek(hdr->pak_lock_count) + 1);
     note_name(hdr->pak_lock_fn, fname);
@@ -156,23 +173,26 @@ void ipv6_mlib_pak_client_mutex_lock(const char *fname, int line) {
 }
 
 void ipv6_mlib_pak_client_mutex_unlock(const char *fname, int line) {
-    ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
+    ipv4mc_shmwin_hdr_st *hdr = books();
     // Counted down while the mutex is still held, see ip6mc_shmwin_mutex_unlock.
-    const uint32_t count = peek(hdr->pak_lock_count);
+    const uint32_t count = hdr != nullptr ? peek(hdr->pak_lock_count) : 0;
     if (count > 0) {
         set(hdr->pak_lock_count, count - 1);
     }
     if (pak_client_mutex_unlock() != 0) {
-        set(hdr->pak_unlock_fails, peek(hdr->pak_unlock_fails) + 1);
+        if (hdr != nullptr) {
+            set(hdr->pak_unlock_fails, peek(hdr->pak_unlock_fails) + 1);
+        }
         MLIB_ERR("UNLOCK: failed (%s, %d)", fname, line);
     }
-    if (count == 0) {
+    if (hdr != nullptr && count == 0) {
         MLIB_ERR("UNLOCK: No prior lock (%s, %d)", fname, line);
     }
 }
 
 uint32_t ipv6_mlib_pak_client_mutex_get_count(void) {
-    return peek(ipv4mc_desc->shmwin_info->pak_lock_count);
+    const ipv4mc_shmwin_hdr_st *hdr = books();
+    return hdr != nullptr ? peek(hdr->pak_lock_count) : 0;
 }
 
 void ipv6_mlib_pak_client_recursive_mutex_lock(int count, const char *fname, int line) {
@@ -182,7 +202,7 @@ void ipv6_mlib_pak_client_recursive_mutex_lock(int count, const char *fname, int
 }
 
 void ipv6_mlib_pak_client_recursive_mutex_unlock(int *count_p, const char *fname, int line) {
-    if (ipv4mc_desc->shmwin_info == nullptr) {
+    if (books() == nullptr) {
         MLIB_ERR("%s: Not able to access shared memory !!", __func__);
         *count_p = 0;
         return;

@@ -192,6 +192,7 @@ cerrno ip6mc_shmwin_open(int attach_only, int keep_buffer_pool) {
             return rc;
         }
         prepare_lock();
+        ipmc_changed_routes_init(ipv4mc_desc->shmwin_info);
     } else {
         ipv4mc_desc->buffer_pool_enabled = 0;
     }
@@ -213,9 +214,12 @@ cerrno ip6mc_shmwin_close(void) {
         MLIB_DEBUG(IPV4_DEBUG_EV, "Shmwin already closed");
         return 0;
     }
+    mlib::drop_table_search();  // it lies in the window, which another process may reset
     const cerrno rc = shmwin_close(ipv4mc_desc->shmwin_id, 1);
     if (rc != 0) {
         MLIB_ERR("Cannot close shared mem window: %s", cerr_strerror(rc));
+    } else {
+        ipv4mc_desc->shmwin_info = nullptr;
     }
     ipv4mc_desc->shmwin_init = 0;
     return rc;
@@ -231,6 +235,8 @@ cerrno ip6mc_shmwin_reset(int notify) {
     if (rc != 0) {
         MLIB_ERR("Cannot reset shared mem window: %s", cerr_strerror(rc));
     }
+    // The search key lay in the heap that is gone.
+    table_search = nullptr;
     // The trees, the pool and the lock are built by the next open, not here.
     std::memset(static_cast<void *>(ipv4mc_desc->shmwin_info), 0, sizeof(ipv4mc_shmwin_hdr_st));
     ipv4mc_desc->lib_init = 0;
@@ -259,6 +265,10 @@ cerrno ip6mc_shmwin_get_id(uint32_t *id_p) {
         MLIB_ERR("Shared Memory Window Not Initialized");
         return EBADF;
     }
+    if (id_p == nullptr) {
+        MLIB_ERR("NULL pointer");
+        return EINVAL;
+    }
     *id_p = ipv4mc_desc->shmwin_id;
     return 0;
 }
@@ -267,6 +277,10 @@ cerrno ip6mc_shmwin_get_info(ipv4mc_shmwin_hdr_st **hdr_p) {
     if (ipv4mc_desc->shmwin_init == 0) {
         MLIB_ERR("Shared Memory Window Not Initialized");
         return EBADF;
+    }
+    if (hdr_p == nullptr) {
+        MLIB_ERR("NULL pointer");
+        return EINVAL;
     }
     *hdr_p = ipv4mc_desc->shmwin_info;
     return 0;

@@ -51,6 +51,7 @@ ip6mc_gtrie_params_t encap_gtrie_params() {
     params.gtrie_kind = GTRIE_KIND_ENCAP;
     params.flags = 1;
     params.key_bits = IPV4MC_ENCAP_ID_BITS;
+    params.node_size = GTRIE_NODE_SIZE;
     params.alloc_fn = ipv4mc_shmwin_malloc_inline;
     params.free_fn = ipv4mc_shmwin_free_inline;
     params.leaf_position = offsetof(ipv4mc_encap_entry_st, gtrie_leaf);

@@ -1,4 +1,5 @@
 // Start, stop, states and version of the library in one process.
+#include <bit>
 #include <cerrno>
 #include <cstring>
 
@@ -56,10 +57,7 @@ void tell_client(const ipv4mc_lib_callback_msg &message) {
 cerrno renew_table_search() {
     shm_avl_tree *tree = descriptor.shmwin_info->table_tid_tree;
     const size_t size = sizeof(ipv4mc_table_st);
-    if (table_search != nullptr) {
-        shm_avl_tree_free_object(&ipmc_db_tid_fns, tree, table_search);
-        table_search = nullptr;
-    }
+    mlib::drop_table_search();
     void *object = nullptr;
     const cerrno rc = shm_avl_tree_allocate_object(&ipmc_db_tid_fns, tree, size, &object);
     if (rc != 0) {
@@ -122,9 +120,11 @@ cerrno start_platform(int attach_only) {
     return rc;
 }
 
+// Both words in one store: a process killed here must not leave half a version to its successor.
 void stamp_version() {
-    descriptor.shmwin_info->version_minor = IP6MC_VERSION_MINOR;
-    descriptor.shmwin_info->version_major = IP6MC_VERSION_MAJOR;
+    static_assert(std::endian::native == std::endian::little, "the minor word comes first");
+    constexpr uint32_t stamp = (uint32_t{IP6MC_VERSION_MAJOR} << 16) | IP6MC_VERSION_MINOR;
+    std::memcpy(static_cast<void *>(descriptor.shmwin_info), &stamp, sizeof(stamp));
 }
 
 // Only one case counts as a change of version: 0.x with an in-place update in progress. Everything
@@ -209,14 +209,6 @@ cerrno stop_platform(int attach_only, uint32_t reason) {
     return result;
 }
 
-void drop_table_search() {
-    if (table_search != nullptr) {
-        shm_avl_tree_free_object(&ipmc_db_tid_fns, descriptor.shmwin_info->table_tid_tree,
-                                 table_search);
-        table_search = nullptr;
-    }
-}
-
 // The start never finished: nobody was told of it, so nobody is told of the end.
 cerrno leave_unfinished_start(cerrno result) {
     ipv4mc_update_state(IPV4MC_LIB_STATE_DOWN);
@@ -256,6 +248,14 @@ void leave_window(int attach_only, uint32_t reason, cerrno *result) {
 }  // namespace
 
 ipv4mc_table_st *table_search = nullptr;
+
+void mlib::drop_table_search() {
+    if (table_search != nullptr) {
+        shm_avl_tree_free_object(&ipmc_db_tid_fns, descriptor.shmwin_info->table_tid_tree,
+                                 table_search);
+        table_search = nullptr;
+    }
+}
 
 void mlib::tell_client_of_state() {
     ipv4mc_lib_callback_msg message{};
@@ -322,7 +322,7 @@ cerrno ip6mc_lib_terminate(int attach_only, uint32_t reason) {
         descriptor.shmwin_info = nullptr;
         return 0;
     }
-    drop_table_search();
+    mlib::drop_table_search();
     ipmc_idb_pppoe_parent_db_terminate();
     if (descriptor.lib_init == 0) {
         return leave_unfinished_start(result);

@@ -14,29 +14,42 @@ using mfwd6::journal::store;
 
 ipv4mc_route_entry_st *const nobody = nullptr;
 
-void give_back_mdt_handle(ipv4mc_table_st *table, ipv4mc_route_entry_st *route) {
-    if ((route->attributes & MRIB_ROUTE_MH) == 0) {
-        return;
+// Takes the head of the list off it, so that what remains is a list at every moment. The route
+// forgets the table, which is about to go, and gives up its reference on an MDT interface: the
+// handle is returned, 0 if it had none.
+ifhtype take_off_head(ipv4mc_table_st *table, ipv4mc_route_entry_st *route, uint32_t link_index) {
+    ipv4mc_route_entry_st *next = route->memd_next[link_index];
+    const group change;
+    publish(table->memd_route_list, next);
+    if (next != nullptr) {
+        store(next->memd_prev[link_index], nobody);
     }
-    ip6mc_idb_mdt_unlock(table, route->mdt_ifh, IPV4MC_MDT_FLAG_MH);
+    store(route->memd_next[link_index], nobody);
+    store(route->memd_prev[link_index], nobody);
+    if (route->vrf_table[link_index] == table) {
+        store(route->vrf_table[link_index], static_cast<ipv4mc_table_st *>(nullptr));
+    }
+    if ((route->attributes & MRIB_ROUTE_MH) == 0) {
+        return 0;
+    }
+    const ifhtype handle = route->mdt_ifh;
     store(route->attributes, route->attributes & ~MRIB_ROUTE_MH);
     store(route->mdt_ifh, 0U);
+    return handle;
 }
 
 }  // namespace
 
 void ipmc_table_memd_routes_clear(ipv4mc_table_st *table, uint32_t link_index) {
-    ipv4mc_route_entry_st *next = nullptr;
-    for (ipv4mc_route_entry_st *route = table->memd_route_list; route != nullptr; route = next) {
-        next = route->memd_next[link_index];
+    while (ipv4mc_route_entry_st *route = table->memd_route_list) {
         MLIB_DEBUG(IPV4_DEBUG_DEV,
                    "MEMD Clear: VRF table 0x%x Core route %s,%s/%d attr 0x%lx  mdt handle 0x%x",
                    table->tid, mlib::source_text(&route->source), mlib::address_text(&route->group),
                    static_cast<int>(route->pfx_len), route->attributes, route->mdt_ifh);
-        const group change;
-        store(route->memd_next[link_index], nobody);
-        store(route->memd_prev[link_index], nobody);
-        give_back_mdt_handle(table, route);
+        const bool held = (route->attributes & MRIB_ROUTE_MH) != 0;
+        const ifhtype handle = take_off_head(table, route, link_index);
+        if (held) {
+            ip6mc_idb_mdt_unlock(table, handle, IPV4MC_MDT_FLAG_MH);
+        }
     }
-    publish(table->memd_route_list, nobody);
 }

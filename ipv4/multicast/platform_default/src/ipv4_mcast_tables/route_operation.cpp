@@ -59,11 +59,8 @@ cerrno look_up(const route_request &request) {
 }
 
 cerrno look_up_exact(const route_request &request) {
-    trie_key key;
-    make_key(request, &key);
     cerrno error = 0;
-    *request.route_entry = static_cast<ipv4mc_route_entry_st *>(ip6mc_gtrie_platform_lookup_exact(
-        request.table->ingress_gtrie, key.prefix, key.length, &error));
+    *request.route_entry = mlib::find_exact(request, &error);
     if (error != 0) {
         MLIB_ERR("Problems in Gtrie during exact route match (%s,%s) %s",
                  mlib::source_text(request.source), mlib::address_text(request.group),
@@ -101,13 +98,6 @@ cerrno take_table_settings(const route_request &request, ipv4mc_route_entry_st *
     return 0;
 }
 
-const char *vrf_text(const ipv4mc_table_st *table) {
-    if (table->table_type == IPV4MC_TABLE_TID) {
-        table = table->vtable;
-    }
-    return table != nullptr ? table->vrf_name : "-";
-}
-
 cerrno fill_new_route(const route_request &request, ipv4mc_route_entry_st *route) {
     ptimer_gettime(&route->create_time);
     *request.route_entry = route;
@@ -128,7 +118,7 @@ cerrno fill_new_route(const route_request &request, ipv4mc_route_entry_st *route
     route->table = request.table;
     ipmc_object_ida_alloc_route(route);  // a route without an id is still a route
     MLIB_DEBUG_OBJECT_ID(route->obj_id, "Allocated for route (%s,%s/%d, v:%s)", REQUEST_KEY,
-                         vrf_text(request.table));
+                         mlib::vrf_text(request.table));
     return 0;
 }
 
@@ -325,6 +315,20 @@ void ip6mc_route_oper_create_fail_cleanup(ipv4mc_table_st *table,
 }
 
 }  // extern "C"
+
+const char *mlib::vrf_text(const ipv4mc_table_st *table) {
+    if (table->table_type == IPV4MC_TABLE_TID) {
+        table = table->vtable;
+    }
+    return table != nullptr ? table->vrf_name : "-";
+}
+
+ipv4mc_route_entry_st *mlib::find_exact(const route_request &request, cerrno *error) {
+    trie_key key;
+    make_key(request, &key);
+    return static_cast<ipv4mc_route_entry_st *>(ip6mc_gtrie_platform_lookup_exact(
+        request.table->ingress_gtrie, key.prefix, key.length, error));
+}
 
 cerrno mlib::stop_for_corruption() {
     store(ipv4mc_desc->shmwin_info->mlib_corrupted, 1U);

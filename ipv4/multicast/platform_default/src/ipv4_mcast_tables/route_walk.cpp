@@ -9,6 +9,7 @@
 #include "ipv4/multicast/lib/ip6mc_table.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/address_text.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/lock_books.h"
 #include "services/gtrie/gtrie.h"
 
 namespace {
@@ -27,7 +28,7 @@ void yield_to_others() {
     if (count != 0) {
         const ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
         MLIB_ERR("[%d] Mult lock count %d (%s/%d)", __LINE__, static_cast<int>(count),
-                 hdr->pak_lock_fn, hdr->pak_lock_line);
+                 mlib::lock_fn(hdr->pak_lock_fn).text, mlib::lock_book(hdr->pak_lock_line));
     }
     sched_yield();
 }

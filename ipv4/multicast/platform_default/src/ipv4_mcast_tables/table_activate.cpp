@@ -19,32 +19,43 @@ using mfwd6::journal::group;
 using mfwd6::journal::publish;
 using mfwd6::journal::store;
 
+constexpr char operation[] = "ipmc_table_activate_tid";
+
 // The MDT handles of a TID table that follow its VRF; the eighth handle does not.
 constexpr uint32_t linked_mdt_handles[] = {IPV4MC_MDT_GRE,     IPV4MC_MDT_MLDP, IPV4MC_MDT_INBAND,
                                            IPV4MC_MDT_P2MP_TE, IPV4MC_MDT_IR,   IPV4MC_MDT_G_INBAND,
                                            IPV4MC_MDT_TREE_SID};
 
+// Whom either side was linked to before lets go.
 void link_sides(ipv4mc_table_st *vrf_table, ipv4mc_table_st *tid_table, uint32_t vrf_id) {
     {
         const group change;
+        if (vrf_table->tid_table != tid_table || tid_table->vtable != vrf_table) {
+            ipmc_table_cut_links(vrf_table);
+            ipmc_table_cut_links(tid_table);
+        }
         publish(vrf_table->tid_table, tid_table);
         publish(tid_table->vtable, vrf_table);
     }
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Linking table %s/0x%x with table 0x%x mtu_cfg %d mtu %d",
-               vrf_table->vrf_name, vrf_table->vrf_id, tid_table->tid, vrf_table->mtu_cfg,
-               static_cast<int>(vrf_table->mtu));
+    TABLE_DEBUG(IPV4_DEBUG_EV, "Linking table %s/0x%x with table 0x%x mtu_cfg %d mtu %d",
+                vrf_table->vrf_name, vrf_table->vrf_id, tid_table->tid, vrf_table->mtu_cfg,
+                static_cast<int>(vrf_table->mtu));
     int with_mtu = 1;
     for (const uint32_t which : linked_mdt_handles) {
         const cerrno rc = ipmc_idb_link_mdt_idb_to_vrf(vrf_table, tid_table->mdt_handles[which],
                                                        vrf_id, with_mtu);
         if (rc != 0) {
-            MLIB_ERR("Failed to link MDT idbs to VRF:0x%x %s", vrf_id, cerr_strerror(rc));
+            TABLE_ERR("Failed to link MDT idbs to VRF:0x%x %s", vrf_id, cerr_strerror(rc));
         }
         with_mtu = 0;
     }
 }
 
+// A table that was only deactivated has kept its tries, with what is in them.
 cerrno make_signal_gtrie(ipv4mc_table_st *table, const char *vrf_name) {
+    if (table->signal_gtrie != nullptr) {
+        return 0;
+    }
     ip6mc_gtrie_platform_err_init();
     ip6mc_gtrie_params_t params;
     ipv4mc_set_default_gtrie_init(&params, table, 1);
@@ -53,8 +64,8 @@ cerrno make_signal_gtrie(ipv4mc_table_st *table, const char *vrf_name) {
     const group change;
     void *trie = ip6mc_gtrie_init(&params, &error);
     if (error != 0) {
-        MLIB_ERR("Cannot init signal Gtrie for new table 0x%x(%s) error %d %s", table->tid,
-                 vrf_name, static_cast<int>(error), cerr_strerror(error));
+        TABLE_ERR("Cannot init signal Gtrie for new table 0x%x(%s) error %d %s", table->tid,
+                  vrf_name, static_cast<int>(error), cerr_strerror(error));
         return error;
     }
     publish(table->signal_gtrie, trie);
@@ -62,6 +73,9 @@ cerrno make_signal_gtrie(ipv4mc_table_st *table, const char *vrf_name) {
 }
 
 cerrno make_ingress_gtrie(ipv4mc_table_st *table, const char *vrf_name) {
+    if (table->ingress_gtrie != nullptr) {
+        return 0;
+    }
     ip6mc_gtrie_params_t params;
     ipv4mc_set_default_gtrie_init(&params, table, 0);
     params.gtrie_usage = mlib::ingress_gtrie_usage();
@@ -69,9 +83,9 @@ cerrno make_ingress_gtrie(ipv4mc_table_st *table, const char *vrf_name) {
     const group change;
     void *trie = ip6mc_gtrie_platform_init(&params, &error);
     if (error != 0) {
-        MLIB_ERR("Cannot init GTRIE for new %s table 0x%x(%s) error %s ",
-                 params.gtrie_usage == IPMC_GTRIE_USAGE_INGRESS_EGRESS ? "dual" : "SW", table->tid,
-                 vrf_name, cerr_strerror(error));
+        TABLE_ERR("Cannot init GTRIE for new %s table 0x%x(%s) error %s ",
+                  params.gtrie_usage == IPMC_GTRIE_USAGE_INGRESS_EGRESS ? "dual" : "SW", table->tid,
+                  vrf_name, cerr_strerror(error));
         ip6mc_gtrie_close(&table->signal_gtrie);
         return error;
     }
@@ -104,9 +118,14 @@ cerrno ipmc_table_activate_vrf(uint32_t vrf_id, const char *vrf_name, ipv4mc_tab
 // place.
 void delete_previous_tid_table(ipv4mc_table_st *vrf_table, uint32_t tid) {
     const uint32_t previous = vrf_table->prev_tid;
-    if (previous != 0 && previous != tid) {
+    if (previous == 0) {
+        return;
+    }
+    if (previous != tid) {
         ipv4mc_table_st *left_behind = ip6mc_table_lookup_by_tbl_id(previous);
-        if (left_behind != nullptr) {
+        // One that another VRF has taken over meanwhile is that VRF's.
+        if (left_behind != nullptr &&
+            (left_behind->vtable == nullptr || left_behind->vtable == vrf_table)) {
             ip6mc_table_operation(IPV4MC_ACTION_DELETE, previous, 0, nullptr, &left_behind, 16);
         }
     }
@@ -170,14 +189,17 @@ cerrno ipmc_table_activate(uint32_t tid, uint32_t vrf_id, const char *vrf_name,
             MLIB_ERR("Tbl activate : Invalid table type");
             return EINVAL;
         }
-        if (table->active == 0) {
+        const bool was_active = table->active != 0;
+        if (!was_active) {
             const cerrno rc = ipmc_table_activate_vrf(vrf_id, vrf_name, vrf_table, is_new);
             if (rc != 0) {
                 MLIB_ERR("VRF Table activation failed");
                 return rc;
             }
-            delete_previous_tid_table(table, tid);
-        } else {
+        }
+        // Also where an earlier activation was cut off before it came to this.
+        delete_previous_tid_table(table, tid);
+        if (was_active) {
             MLIB_DEBUG(IPV4_DEBUG_EV, "VRF table already active !!");
         }
     }

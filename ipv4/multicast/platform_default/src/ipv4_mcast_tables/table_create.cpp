@@ -18,21 +18,19 @@ namespace {
 using mfwd6::journal::group;
 using mfwd6::journal::store;
 
-constexpr uint32_t default_mtu = 9000;
-constexpr int32_t no_table_limit = -1;
-constexpr uint32_t default_table_limit_step = 1000;
+constexpr char operation[] = "ipmc_table_create";
 
 ipv4mc_table_st *allocate_vrf_table(const char *vrf_name, uint32_t tid, uint32_t vrf_id) {
     const size_t size = sizeof(ipv4mc_table_st);
     auto *table =
         static_cast<ipv4mc_table_st *>(ipv4mc_shmwin_malloc_inline(size, IPMC_SHMWIN_ALLOC_TABLE));
     if (table == nullptr) {
-        MLIB_ERR("Cannot allocate %zd bytes for new table 0x%x/0x%x/%s", size, tid, vrf_id,
-                 vrf_name);
+        TABLE_ERR("Cannot allocate %zd bytes for new table 0x%x/0x%x/%s", size, tid, vrf_id,
+                  vrf_name);
         return nullptr;
     }
     table->svd_location = IPV4MC_SVD_REMOTE;
-    table->table_limit = no_table_limit;
+    table->table_limit = IPV4MC_TABLE_LIMIT_NONE;
     return table;
 }
 
@@ -40,12 +38,12 @@ ipv4mc_table_st *allocate_vrf_table(const char *vrf_name, uint32_t tid, uint32_t
 void set_vrf_defaults(ipv4mc_table_st *table) {
     store(table->table_type, static_cast<uint32_t>(IPV4MC_TABLE_VRF));
     if (table->mtu_cfg == 0) {
-        store(table->mtu, default_mtu);
+        store(table->mtu, IPV4MC_TABLE_MTU_DEFAULT);
     }
     if (table->mtu2_cfg == 0) {
-        store(table->mtu2, default_mtu);
+        store(table->mtu2, IPV4MC_TABLE_MTU_DEFAULT);
     }
-    store(table->table_limit_step, default_table_limit_step);
+    store(table->table_limit_step, IPV4MC_TABLE_LIMIT_STEP_DEFAULT);
 }
 
 void take_out_of_threads(ipv4mc_table_st *table) {
@@ -57,68 +55,88 @@ void take_out_of_threads(ipv4mc_table_st *table) {
     }
 }
 
-// Undoes a VRF table that was made by this call. `with_trees`: its own trees stand already.
-void undo_new_vrf_table(ipv4mc_table_st **vrf_table, bool with_trees) {
+// Undoes a VRF table that was made by this call, as far as it was made.
+void undo_new_vrf_table(ipv4mc_table_st **vrf_table) {
+    ipv4mc_table_st *table = *vrf_table;
     const group change;
-    take_out_of_threads(*vrf_table);
-    if (with_trees) {
-        shm_wavl_finish(&ipmc_table_idb_fns, &(*vrf_table)->idb_tree);
+    take_out_of_threads(table);
+    if (wavl_running(&table->idb_tree) != 0) {
+        shm_wavl_finish(&ipmc_table_idb_fns, &table->idb_tree);
     }
-    ipv4mc_shmwin_free_inline(*vrf_table, IPMC_SHMWIN_ALLOC_TABLE);
+    ipmc_bvi_db_release(table);
+    ipv4mc_shmwin_free_inline(table, IPMC_SHMWIN_ALLOC_TABLE);
     *vrf_table = nullptr;
 }
 
-bool complete_new_vrf_table(ipv4mc_table_st **vrf_table, uint32_t tid, uint32_t vrf_id,
-                            const char *vrf_name) {
-    ipv4mc_table_st *table = *vrf_table;
-    if (shm_wavl_init(&ipmc_table_idb_fns, &table->idb_tree, 3) != 0) {
-        undo_new_vrf_table(vrf_table, false);
+// The record and its own trees become visible together: whoever finds a table finds a whole one,
+// also after this process died before it came to the platform.
+bool make_vrf_table(const char *vrf_name, uint32_t tid, uint32_t vrf_id,
+                    ipv4mc_table_st **vrf_table) {
+    const group change;
+    ipv4mc_table_st *table = allocate_vrf_table(vrf_name, tid, vrf_id);
+    if (table == nullptr) {
         return false;
     }
-    if (ip6mc_bvi_db_init(table) == 0) {
-        undo_new_vrf_table(vrf_table, true);
+    set_vrf_defaults(table);
+    ipmc_table_take_vrf_keys(table, vrf_name, vrf_id);
+    if (shm_wavl_init(&ipmc_table_idb_fns, &table->idb_tree, IPV4MC_IDB_THREADS) != 0 ||
+        ip6mc_bvi_db_init(table) == 0) {
+        undo_new_vrf_table(&table);
         return false;
     }
-    const cerrno rc = ip6mc_platform_table_operation_wrapper(IPV4MC_ACTION_CREATE, tid, vrf_id,
-                                                             vrf_name, &table, 1);
-    if (rc != 0) {
-        MLIB_ERR("Error in platform dependant call action 0x%x %s %s VRF table %s/0x%x : %d %s",
-                 IPV4MC_ACTION_CREATE, ipv4_mlib_action_string(IPV4MC_ACTION_CREATE, nullptr),
-                 "new", vrf_name, vrf_id, static_cast<int>(rc), cerr_strerror(rc));
-        undo_new_vrf_table(vrf_table, true);
-        return false;
-    }
+    *vrf_table = table;
     return true;
+}
+
+bool create_vrf(const char *vrf_name, uint32_t tid, uint32_t vrf_id, ipv4mc_table_st **vrf_table) {
+    ipv4mc_table_st *table = nullptr;
+    if (!make_vrf_table(vrf_name, tid, vrf_id, &table)) {
+        return false;
+    }
+    ipv4mc_table_st *told = table;
+    const cerrno rc = ip6mc_platform_table_operation_wrapper(IPV4MC_ACTION_CREATE, tid, vrf_id,
+                                                             vrf_name, &told, 1);
+    if (rc != 0) {
+        TABLE_ERR("Error in platform dependant call action 0x%x %s %s VRF table %s/0x%x : %d %s",
+                  IPV4MC_ACTION_CREATE, ipv4_mlib_action_string(IPV4MC_ACTION_CREATE, nullptr),
+                  "new", vrf_name, vrf_id, static_cast<int>(rc), cerr_strerror(rc));
+        undo_new_vrf_table(&table);
+        return false;
+    }
+    *vrf_table = table;
+    return true;
+}
+
+// A restart may have left the BVI trees of the table unattached.
+bool update_vrf(const char *vrf_name, uint32_t vrf_id, ipv4mc_table_st *table) {
+    {
+        const group change;
+        set_vrf_defaults(table);
+        ipmc_table_take_vrf_keys(table, vrf_name, vrf_id);
+    }
+    if (ip6mc_bvi_db_init(table) != 0) {
+        return true;
+    }
+    TABLE_ERR("Error in bvi_db_init (recovery) action 0x%x %s existing VRF table %s/0x%x",
+              IPV4MC_ACTION_CREATE, ipv4_mlib_action_string(IPV4MC_ACTION_CREATE, nullptr),
+              vrf_name, vrf_id);
+    return false;
 }
 
 bool create_or_update_vrf(const char *vrf_name, uint32_t tid, uint32_t vrf_id,
                           ipv4mc_table_st **vrf_table, int *vrf_is_new) {
-    ipv4mc_table_st *table = *vrf_table;
-    {
-        const group change;
-        if (table == nullptr) {
-            table = allocate_vrf_table(vrf_name, tid, vrf_id);
-            if (table == nullptr) {
-                return false;
-            }
-            *vrf_is_new = 1;
-        }
-        set_vrf_defaults(table);
-        ipmc_table_take_vrf_keys(table, vrf_name, vrf_id);
-    }
-    if (*vrf_is_new != 0) {
-        if (!complete_new_vrf_table(&table, tid, vrf_id, vrf_name)) {
+    if (*vrf_table != nullptr) {
+        if (!update_vrf(vrf_name, vrf_id, *vrf_table)) {
             return false;
         }
-    } else if (ip6mc_bvi_db_init(table) == 0) {
-        MLIB_ERR("Error in bvi_db_init (recovery) action 0x%x %s existing VRF table %s/0x%x",
-                 IPV4MC_ACTION_CREATE, ipv4_mlib_action_string(IPV4MC_ACTION_CREATE, nullptr),
-                 vrf_name, vrf_id);
-        return false;
+    } else {
+        if (!create_vrf(vrf_name, tid, vrf_id, vrf_table)) {
+            return false;
+        }
+        *vrf_is_new = 1;
     }
-    *vrf_table = table;
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Table %s/v:0x%x %s !!", table_name_text(table->vrf_name),
-               table->vrf_id, *vrf_is_new != 0 ? "created" : "updated");
+    TABLE_DEBUG(IPV4_DEBUG_EV, "Table %s/v:0x%x %s !!", (*vrf_table)->vrf_name,
+                (*vrf_table)->vrf_id, *vrf_is_new != 0 ? "created" : "updated");
     return true;
 }
 
@@ -128,8 +146,8 @@ ipv4mc_table_st *make_tid_record(uint32_t tid) {
         shm_avl_tree_allocate_object(&ipmc_db_tid_fns, ipv4mc_desc->shmwin_info->table_tid_tree,
                                      sizeof(ipv4mc_table_st), &object);
     if (rc != 0 || object == nullptr) {
-        MLIB_ERR("Cannot allocate %zd bytes for table <tid> 0x%x : %s", sizeof(ipv4mc_table_st),
-                 tid, cerr_strerror(rc));
+        TABLE_ERR("Cannot allocate %zd bytes for table <tid> 0x%x : %s", sizeof(ipv4mc_table_st),
+                  tid, cerr_strerror(rc));
         return nullptr;
     }
     auto *table = static_cast<ipv4mc_table_st *>(object);
@@ -139,33 +157,32 @@ ipv4mc_table_st *make_tid_record(uint32_t tid) {
     return table;
 }
 
-bool create_tid(uint32_t tid, uint32_t vrf_id, const char *vrf_name, ipv4mc_table_st **tid_table,
-                int *tid_is_new) {
-    ipv4mc_table_st *table = nullptr;
-    {
-        const group change;
-        table = make_tid_record(tid);
-        if (table == nullptr) {
-            return false;
-        }
-        *tid_is_new = 1;
+ipv4mc_table_st *make_tid_table(uint32_t tid) {
+    const group change;
+    ipv4mc_table_st *table = make_tid_record(tid);
+    if (table != nullptr) {
         ipmc_table_add_avl(table);
     }
-    ipmc_table_zero_route_counters(table);
-    const cerrno rc = ip6mc_platform_table_operation_wrapper(IPV4MC_ACTION_CREATE, tid, vrf_id,
-                                                             vrf_name, &table, *tid_is_new);
-    if (rc == 0) {
-        *tid_table = table;
-        MLIB_DEBUG(IPV4_DEBUG_EV, "Table tid 0x%x created !!", tid);
-        return true;
-    }
-    MLIB_ERR("Error in platform dependant call action 0x%x %s %s TID table 0x%x : %d %s",
-             IPV4MC_ACTION_CREATE, ipv4_mlib_action_string(IPV4MC_ACTION_CREATE, nullptr), "new",
-             tid, static_cast<int>(rc), cerr_strerror(rc));
+    return table;
+}
+
+void undo_new_tid_table(ipv4mc_table_st *table) {
     const group change;
     ipmc_table_rem_avl(table);
     shm_avl_tree_free_object(&ipmc_db_tid_fns, ipv4mc_desc->shmwin_info->table_tid_tree, table);
-    return false;
+}
+
+cerrno tell_platform_of_new_tid(ipv4mc_table_st *table, uint32_t vrf_id, const char *vrf_name) {
+    ipmc_table_zero_route_counters(table);
+    const uint32_t tid = table->tid;
+    const cerrno rc = ip6mc_platform_table_operation_wrapper(IPV4MC_ACTION_CREATE, tid, vrf_id,
+                                                             vrf_name, &table, 1);
+    if (rc != 0) {
+        TABLE_ERR("Error in platform dependant call action 0x%x %s %s TID table 0x%x : %d %s",
+                  IPV4MC_ACTION_CREATE, ipv4_mlib_action_string(IPV4MC_ACTION_CREATE, nullptr),
+                  "new", tid, static_cast<int>(rc), cerr_strerror(rc));
+    }
+    return rc;
 }
 
 }  // namespace
@@ -206,11 +223,20 @@ int ipmc_table_create(const char *vrf_name, uint32_t tid, uint32_t vrf_id,
     if (tid == 0 || *tid_table != nullptr) {
         return 1;
     }
-    if (create_tid(tid, vrf_id, vrf_name, tid_table, tid_is_new)) {
-        return 1;
+    ipv4mc_table_st *table = make_tid_table(tid);
+    if (table != nullptr) {
+        *tid_is_new = 1;
+        if (tell_platform_of_new_tid(table, vrf_id, vrf_name) == 0) {
+            *tid_table = table;
+            TABLE_DEBUG(IPV4_DEBUG_EV, "Table tid 0x%x created !!", tid);
+            return 1;
+        }
     }
     if (*vrf_is_new != 0) {
-        undo_new_vrf_table(vrf_table, true);
+        undo_new_vrf_table(vrf_table);
+    }
+    if (table != nullptr) {
+        undo_new_tid_table(table);
     }
     return 0;
 }

@@ -23,6 +23,8 @@ using mfwd6::journal::group;
 using mfwd6::journal::publish;
 using mfwd6::journal::store;
 
+constexpr char operation[] = "ipmc_table_deactivate";
+
 // In the order in which they are given back; the eighth handle stays out of this walk.
 constexpr uint32_t deleted_mdt_handles[] = {
     IPV4MC_MDT_GRE,     IPV4MC_MDT_MLDP, IPV4MC_MDT_INBAND,  IPV4MC_MDT_G_INBAND,
@@ -41,13 +43,13 @@ const char *action_text(const table_request &request) {
 void move_bvi_entries(const table_request &request) {
     ipmc_idb_link_vrf(request.vrf_id, request.vrf_table, 0);
     const uint32_t to = ipv4mc_desc->default_vrf_id;
-    MLIB_DEBUG(IPV4_DEBUG_BVI, "%s:TBL DEL! Moving BVI entries from vid[0x%x] to tid[0x%x]",
-               __func__, request.vrf_id, to);
+    TABLE_DEBUG(IPV4_DEBUG_BVI, "%s:TBL DEL! Moving BVI entries from vid[0x%x] to tid[0x%x]",
+                operation, request.vrf_id, to);
     if (ip6mc_bvi_intf_db_walk2(request.vrf_id, to, 1) != 0) {
-        MLIB_ERR(
+        TABLE_ERR(
             "ERR:%s Moving BVI entries from vid[0x%x] to tid[0x%x] failed but proceeding with "
             "table delete",
-            __func__, request.vrf_id, to);
+            operation, request.vrf_id, to);
     }
 }
 
@@ -59,43 +61,49 @@ bool keeps_core_routes(const table_request &request) {
 
 void unlink_tid_table(const table_request &request) {
     ipv4mc_table_st *table = request.tid_table;
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Action %s: Unlinking TID table 0x%x (%c)", action_text(request),
-               table->tid, yes_no(table->vtable));
-    const group change;
+    TABLE_DEBUG(IPV4_DEBUG_EV, "Action %s: Unlinking TID table 0x%x (%c)", action_text(request),
+                table->tid, yes_no(table->vtable));
     if (keeps_core_routes(request)) {
-        MLIB_DEBUG(IPV4_DEBUG_EV,
-                   "Action %s: leave tbl 0x%x (%c) as ACTIVE since memd list in non-null",
-                   action_text(request), table->tid, yes_no(table->vtable));
+        TABLE_DEBUG(IPV4_DEBUG_EV,
+                    "Action %s: leave tbl 0x%x (%c) as ACTIVE since memd list in non-null",
+                    action_text(request), table->tid, yes_no(table->vtable));
     } else {
         store(table->active, 0U);
     }
-    publish(table->vtable, static_cast<ipv4mc_table_st *>(nullptr));
 }
 
 // The name stays in its thread, so that a later activation finds the table by name.
 void unlink_vrf_table(const table_request &request) {
     ipv4mc_table_st *table = request.vrf_table;
-    const group change;
     if (table->tid_table != nullptr) {
         store(table->prev_tid, table->tid_table->tid);
     }
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Action %s: Unlinking VID table 0x%x/%s (%c)", action_text(request),
-               table->vrf_id, table->vrf_name, yes_no(table->tid_table));
+    TABLE_DEBUG(IPV4_DEBUG_EV, "Action %s: Unlinking VID table 0x%x/%s (%c)", action_text(request),
+                table->vrf_id, table->vrf_name, yes_no(table->tid_table));
     store(table->active, 0U);
-    publish(table->tid_table, static_cast<ipv4mc_table_st *>(nullptr));
-    ipmc_table_rem_wavl(table, IPV4MC_TABLE_THREAD_VRF_ID);
-    store(table->vrf_id, 0U);
+    if (table->vrf_id != 0) {
+        ipmc_table_rem_wavl(table, IPV4MC_TABLE_THREAD_VRF_ID);
+        store(table->vrf_id, 0U);
+    }
 }
 
+// Both sides in one change: a process killed here leaves them linked or not.
 void unlink(const table_request &request) {
     if (request.vrf_table != nullptr) {
         move_bvi_entries(request);
     }
-    if (request.tid_table != nullptr && request.tid_table->active != 0) {
+    const bool tid_active = request.tid_table != nullptr && request.tid_table->active != 0;
+    const bool vrf_active = request.vrf_table != nullptr && request.vrf_table->active != 0;
+    const group change;
+    if (tid_active) {
         unlink_tid_table(request);
     }
-    if (request.vrf_table != nullptr && request.vrf_table->active != 0) {
+    if (vrf_active) {
         unlink_vrf_table(request);
+        ipmc_table_cut_links(request.vrf_table);
+    }
+    if (tid_active) {
+        ipmc_table_cut_links(request.tid_table);
     }
 }
 
@@ -103,9 +111,9 @@ cerrno tell_platform_of_tid(table_request &request) {
     const cerrno rc = ip6mc_platform_table_operation_wrapper(
         request.action, request.tid, request.vrf_id, request.vrf_name, &request.tid_table, 0);
     if (rc != 0) {
-        MLIB_ERR("Error in platform dependant call action %d %s existing table 0x%x %d %s",
-                 static_cast<int>(request.action), action_text(request), request.tid,
-                 static_cast<int>(rc), cerr_strerror(rc));
+        TABLE_ERR("Error in platform dependant call action %d %s existing table 0x%x %d %s",
+                  static_cast<int>(request.action), action_text(request), request.tid,
+                  static_cast<int>(rc), cerr_strerror(rc));
     }
     return rc;
 }
@@ -114,9 +122,9 @@ cerrno tell_platform_of_vrf(table_request &request) {
     const cerrno rc = ip6mc_platform_table_operation_wrapper(
         request.action, request.tid, request.vrf_id, request.vrf_name, &request.vrf_table, 0);
     if (rc != 0) {
-        MLIB_ERR("Error in platform dependant call action %d %s existing table v:0x%x(%s) %d %s",
-                 static_cast<int>(request.action), action_text(request), request.vrf_id,
-                 request.vrf_name, static_cast<int>(rc), cerr_strerror(rc));
+        TABLE_ERR("Error in platform dependant call action %d %s existing table v:0x%x(%s) %d %s",
+                  static_cast<int>(request.action), action_text(request), request.vrf_id,
+                  request.vrf_name, static_cast<int>(rc), cerr_strerror(rc));
     }
     return rc;
 }
@@ -136,11 +144,11 @@ void close_tries(const table_request &request) {
     ipv4mc_table_st *table = request.tid_table;
     if (request.action == IPV4MC_ACTION_CLEAR) {
         ipmc_table_zero_route_counters(table);
-        MLIB_DEBUG(IPV4_DEBUG_EV, "Action=CLEAR, Table NOT deleted");
+        TABLE_DEBUG(IPV4_DEBUG_EV, "Action=CLEAR, Table NOT deleted");
     } else if (request.action == IPV4MC_ACTION_DELETE) {
         ip6mc_gtrie_platform_close(&table->ingress_gtrie);
         ip6mc_gtrie_close(&table->signal_gtrie);
-        MLIB_DEBUG(IPV4_DEBUG_EV, "Action=DELETE, Table being deleted");
+        TABLE_DEBUG(IPV4_DEBUG_EV, "Action=DELETE, Table being deleted");
         _ltrace_2(ip6mc_mlib_eve_ltrace(), MLIB_TRACE_TABLE_DELETE, table->tid, request.vrf_id);
     }
 }
@@ -149,9 +157,9 @@ void count_interfaces(const table_request &request) {
     ipmc_idb_ifcount_walk_st seen{};
     wavl_walk(&request.vrf_table->idb_tree, IPV4MC_IDB_THREAD_VRF, ipmc_idb_local_ifcount_walk_fn,
               &seen);
-    MLIB_DEBUG(IPV4_DEBUG_DEV, "Action %s : Table %s/0x%x has %d idbs (mdt present %c)",
-               action_text(request), request.vrf_table->vrf_name, request.vrf_id,
-               static_cast<int>(seen.count), seen.mdt_present != 0 ? 'Y' : 'N');
+    TABLE_DEBUG(IPV4_DEBUG_DEV, "Action %s : Table %s/0x%x has %d idbs (mdt present %c)",
+                action_text(request), request.vrf_table->vrf_name, request.vrf_id,
+                static_cast<int>(seen.count), seen.mdt_present != 0 ? 'Y' : 'N');
 }
 
 void unlock_mdt_handles(ipv4mc_table_st *table) {
@@ -162,10 +170,11 @@ void unlock_mdt_handles(ipv4mc_table_st *table) {
         }
         const cerrno rc = ip6mc_idb_mdt_unlock(table, handle, mdt_unlock_kind_table);
         if (rc != 0) {
-            MLIB_ERR("0x%x: Failed to unset MDT handle. prev 0x%x, error %s", table->tid, handle,
-                     cerr_strerror(rc));
+            TABLE_ERR("0x%x: Failed to unset MDT handle. prev 0x%x, error %s", table->tid, handle,
+                      cerr_strerror(rc));
         } else {
-            MLIB_DEBUG(IPV4_DEBUG_IDB, "  0x%x: MDT handle cleared. prev 0x%x", table->tid, handle);
+            TABLE_DEBUG(IPV4_DEBUG_IDB, "  0x%x: MDT handle cleared. prev 0x%x", table->tid,
+                        handle);
         }
         store(table->mdt_handles[which], 0U);
     }
@@ -174,6 +183,7 @@ void unlock_mdt_handles(ipv4mc_table_st *table) {
 void free_tid_table(ipv4mc_table_st *table) {
     unlock_mdt_handles(table);
     const group change;
+    ipmc_table_cut_links(table);
     ipmc_table_rem_avl(table);
     shm_avl_tree_free_object(&ipmc_db_tid_fns, ipv4mc_desc->shmwin_info->table_tid_tree, table);
 }
@@ -187,10 +197,27 @@ void delete_records(table_request &request) {
         free_tid_table(request.tid_table);
         request.tid_table = nullptr;
     }
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Action=DELETE, Tables deleted");
+    TABLE_DEBUG(IPV4_DEBUG_EV, "Action=DELETE, Tables deleted");
 }
 
 }  // namespace
+
+void ipmc_table_cut_links(ipv4mc_table_st *table) {
+    ipv4mc_table_st *const nobody = nullptr;
+    const group change;
+    if (ipv4mc_table_st *tid_side = table->tid_table; tid_side != nullptr) {
+        if (tid_side->vtable == table) {
+            publish(tid_side->vtable, nobody);
+        }
+        publish(table->tid_table, nobody);
+    }
+    if (ipv4mc_table_st *vrf_side = table->vtable; vrf_side != nullptr) {
+        if (vrf_side->tid_table == table) {
+            publish(vrf_side->tid_table, nobody);
+        }
+        publish(table->vtable, nobody);
+    }
+}
 
 void ipmc_table_drop_vrf_keys(ipv4mc_table_st *table) {
     const group change;
@@ -212,9 +239,7 @@ void ipmc_table_free_vrf(ipv4mc_table_st *vrf_table) {
         ipmc_idb_link_vrf(vrf_table->vrf_id, vrf_table, 0);
     }
     const group change;
-    if (vrf_table->tid_table != nullptr && vrf_table->tid_table->vtable == vrf_table) {
-        publish(vrf_table->tid_table->vtable, static_cast<ipv4mc_table_st *>(nullptr));
-    }
+    ipmc_table_cut_links(vrf_table);
     ipmc_table_drop_vrf_keys(vrf_table);
     shm_wavl_finish(&ipmc_table_idb_fns, &vrf_table->idb_tree);
     ipmc_bvi_db_release(vrf_table);
@@ -223,8 +248,8 @@ void ipmc_table_free_vrf(ipv4mc_table_st *vrf_table) {
 
 cerrno ipmc_table_deactivate(table_request &request) {
     if (request.vrf_table == nullptr && request.tid_table == nullptr) {
-        MLIB_DEBUG(IPV4_DEBUG_WRN, "Tbl deactivate: Null %s",
-                   request.tid != 0 ? "table tid" : "table vid");
+        TABLE_DEBUG(IPV4_DEBUG_WRN, "Tbl deactivate: Null %s",
+                    request.tid != 0 ? "table tid" : "table vid");
         return EINVAL;
     }
     _ltrace_3(ip6mc_mlib_eve_ltrace(), MLIB_TRACE_TABLE_DEACTIVATE, request.action, request.tid,
@@ -232,16 +257,16 @@ cerrno ipmc_table_deactivate(table_request &request) {
     if (request.vrf_table != nullptr) {
         ip6mc_idb_refcount_sanity_walk(request.vrf_table);
     }
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Action %s : Table %s/0x%x (%c) 0x%xx (%c)", action_text(request),
-               request.vrf_name, request.vrf_id, yes_no(request.vrf_table), request.tid,
-               yes_no(request.tid_table));
+    TABLE_DEBUG(IPV4_DEBUG_EV, "Action %s : Table %s/0x%x (%c) 0x%xx (%c)", action_text(request),
+                request.vrf_name, request.vrf_id, yes_no(request.vrf_table), request.tid,
+                yes_no(request.tid_table));
     if (request.action != IPV4MC_ACTION_CLEAR) {
         unlink(request);
     }
     const cerrno rc = tell_platform(request);
     if (rc != 0) {
-        MLIB_ERR("table action %s for 0x%x(%s) failed : %s", action_text(request), request.tid,
-                 request.vrf_name, cerr_strerror(rc));
+        TABLE_ERR("table action %s for 0x%x(%s) failed : %s", action_text(request), request.tid,
+                  request.vrf_name, cerr_strerror(rc));
         return rc;
     }
     if (request.tid_table != nullptr) {
@@ -253,8 +278,8 @@ cerrno ipmc_table_deactivate(table_request &request) {
     if (request.action == IPV4MC_ACTION_DELETE) {
         delete_records(request);
     }
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Success table action %s for 0x%x(%s)", action_text(request),
-               request.tid, request.vrf_name);
+    TABLE_DEBUG(IPV4_DEBUG_EV, "Success table action %s for 0x%x(%s)", action_text(request),
+                request.tid, request.vrf_name);
     if (request.table_pp != nullptr) {
         *request.table_pp = request.vrf_table != nullptr ? request.vrf_table : request.tid_table;
     }

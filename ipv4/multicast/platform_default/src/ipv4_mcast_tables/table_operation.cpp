@@ -8,7 +8,9 @@
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/lib/ip6mc_platform.h"
 #include "ipv4/multicast/lib/ip6mc_platform_wrappers.h"
+#include "ipv4/multicast/lib/ip6mc_route.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/lock_books.h"
 #include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/lock_guards.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/tables.h"
 #include "ipv4/multicast/platform_default/src/setup.h"
@@ -21,6 +23,8 @@ namespace {
 
 using mfwd6::journal::group;
 using mfwd6::journal::store;
+
+constexpr char operation[] = "ip6mc_table_operation";
 
 constexpr size_t name_size = sizeof(ipv4mc_table_st::vrf_name);
 
@@ -71,14 +75,14 @@ cerrno check(const table_request &request) {
     const size_t name_length = strnlen(request.vrf_name, name_size);
     if (request.tid == 0 && request.vrf_id == 0 && request.table_pp == nullptr &&
         (name_length == 0 || name_length >= name_size)) {
-        MLIB_DEBUG(IPV4_DEBUG_EV, "Just in action %s, t:0x%x/v:0x%x/%s, table ptr %s",
-                   action_text(request), request.tid, request.vrf_id, request.vrf_name, "NULL");
-        MLIB_ERR("Invalid Parameters");
+        TABLE_DEBUG(IPV4_DEBUG_EV, "Just in action %s, t:0x%x/v:0x%x/%s, table ptr %s",
+                    action_text(request), request.tid, request.vrf_id, request.vrf_name, "NULL");
+        TABLE_ERR("Invalid Parameters");
         return EINVAL;
     }
     if (is_one_of(request.action, needs_table) && given_table(request) == nullptr) {
-        MLIB_ERR("Invalid Parameters for table %s/t:0x%x/v:0x%x oper 0x%x", request.vrf_name,
-                 request.tid, request.vrf_id, request.action);
+        TABLE_ERR("Invalid Parameters for table %s/t:0x%x/v:0x%x oper 0x%x", request.vrf_name,
+                  request.tid, request.vrf_id, request.action);
         return EINVAL;
     }
     return 0;
@@ -144,8 +148,8 @@ void walk_routes(const table_request &request, ipv4mc_route_walk_ft function, co
 }
 
 cerrno switch_accounting(const table_request &request) {
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Just in action %s, t:0x%x/v:0x%x/%s, table ptr %s ",
-               action_text(request), request.tid, request.vrf_id, request.vrf_name, "valid");
+    TABLE_DEBUG(IPV4_DEBUG_EV, "Just in action %s, t:0x%x/v:0x%x/%s, table ptr %s ",
+                action_text(request), request.tid, request.vrf_id, request.vrf_name, "valid");
     walk_routes(request, ipv4mc_route_accounting_fn, action_text(request));
     const cerrno rc = ip6mc_platform_table_operation_wrapper(
         request.action, request.tid, request.vrf_id, request.vrf_name, request.table_pp, 0);
@@ -153,9 +157,9 @@ cerrno switch_accounting(const table_request &request) {
     ipv4mc_table_st *table = given_table(request);
     set_accounting(table, request.action);
     if (rc != 0) {
-        MLIB_ERR("Error in platform dependant call action %d %s existing table %s %d %s",
-                 static_cast<int>(request.action), action_text(request), table->vrf_name,
-                 static_cast<int>(rc), cerr_strerror(rc));
+        TABLE_ERR("Error in platform dependant call action %d %s existing table %s %d %s",
+                  static_cast<int>(request.action), action_text(request), table->vrf_name,
+                  static_cast<int>(rc), cerr_strerror(rc));
     }
     return rc;
 }
@@ -164,24 +168,34 @@ cerrno switch_accounting(const table_request &request) {
 cerrno switch_rate(const table_request &request) {
     const bool on = request.action == IPV4MC_ACTION_RATE_ENABLE;
     store(given_table(request)->rate_per_route, on ? 1U : 0U);
-    MLIB_DEBUG(IPV4_DEBUG_DEV, "%s : Set rate per route to %s", __func__, on ? "TRUE" : "FALSE");
+    TABLE_DEBUG(IPV4_DEBUG_DEV, "%s : Set rate per route to %s", operation, on ? "TRUE" : "FALSE");
     walk_routes(request, ipv4mc_route_rate_per_route_fn, on ? "enable" : "disable");
     return 0;
 }
 
-ipv4mc_table_st *find_vrf_table(const table_request &request) {
-    // A record's key fields and its head are all that the comparators look at.
-    ipv4mc_table_st key{};
-    uint32_t thread = IPV4MC_TABLE_THREAD_VRF_ID;
-    if (request.vrf_id != 0) {
-        key.vrf_id = request.vrf_id;
-    } else {
-        thread = IPV4MC_TABLE_THREAD_NAME;
-        sstrncpy(key.vrf_name, request.vrf_name, name_size);
-    }
+ipv4mc_table_st *search_name_tree(const ipv4mc_table_st &key, uint32_t thread) {
     const mlib::tbl_read_lock guard(__LINE__);
     return static_cast<ipv4mc_table_st *>(shm_wavl_search(
         &ipmc_db_table_fns, &ipv4mc_desc->shmwin_info->table_name_tree, &key, thread));
+}
+
+// By id where there is one, else by name. A deactivated table has lost its id and kept its name, so
+// an id that nobody has finds the table of that name that waits for one.
+ipv4mc_table_st *find_vrf_table(const table_request &request) {
+    ipv4mc_table_st key{};
+    key.vrf_id = request.vrf_id;
+    sstrncpy(key.vrf_name, request.vrf_name, name_size);
+    ipv4mc_table_st *table = nullptr;
+    if (request.vrf_id != 0) {
+        table = search_name_tree(key, IPV4MC_TABLE_THREAD_VRF_ID);
+    }
+    if (table == nullptr && request.vrf_name[0] != '\0') {
+        table = search_name_tree(key, IPV4MC_TABLE_THREAD_NAME);
+        if (table != nullptr && request.vrf_id != 0 && table->vrf_id != 0) {
+            table = nullptr;
+        }
+    }
+    return table;
 }
 
 void find_tables(table_request &request) {
@@ -191,38 +205,43 @@ void find_tables(table_request &request) {
     if (request.vrf_table == nullptr && wants_vrf(request)) {
         request.vrf_table = find_vrf_table(request);
     }
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Action %s Table t:0x%x %s, Table v:0x%x/%s %s", action_text(request),
-               request.tid, request.tid_table != nullptr ? "present" : "absent", request.vrf_id,
-               request.vrf_name, request.vrf_table != nullptr ? "present" : "absent");
+    // Found by its name: its id is what interfaces and BVI entries know it by.
+    if (request.vrf_id == 0 && request.vrf_table != nullptr) {
+        request.vrf_id = request.vrf_table->vrf_id;
+    }
+    TABLE_DEBUG(IPV4_DEBUG_EV, "Action %s Table t:0x%x %s, Table v:0x%x/%s %s",
+                action_text(request), request.tid,
+                request.tid_table != nullptr ? "present" : "absent", request.vrf_id,
+                request.vrf_name, request.vrf_table != nullptr ? "present" : "absent");
 }
 
 bool something_is_missing(const table_request &request) {
     bool missing = false;
     if (request.vrf_table == nullptr && wants_vrf(request)) {
-        MLIB_DEBUG(IPV4_DEBUG_EV, "Table v:0x%x/%s does not exist and action=0x%x", request.vrf_id,
-                   request.vrf_name, request.action);
+        TABLE_DEBUG(IPV4_DEBUG_EV, "Table v:0x%x/%s does not exist and action=0x%x", request.vrf_id,
+                    request.vrf_name, request.action);
         answer(request, nullptr);
         missing = true;
     }
     if (request.tid_table == nullptr && request.tid != 0) {
-        MLIB_DEBUG(IPV4_DEBUG_EV, "Table t:0x%x does not exist and action=0x%x", request.tid,
-                   request.action);
+        TABLE_DEBUG(IPV4_DEBUG_EV, "Table t:0x%x does not exist and action=0x%x", request.tid,
+                    request.action);
         missing = true;
     }
     return missing;
 }
 
 void report_platform(const table_request &request, bool is_new, cerrno rc) {
-    MLIB_ERR("Error in platform dependant call action 0x%x %s %s VRF table 0x%x/%s : %d %s",
-             request.action, action_text(request), is_new ? "new" : "existing", request.vrf_id,
-             request.vrf_name, static_cast<int>(rc), cerr_strerror(rc));
+    TABLE_ERR("Error in platform dependant call action 0x%x %s %s VRF table 0x%x/%s : %d %s",
+              request.action, action_text(request), is_new ? "new" : "existing", request.vrf_id,
+              request.vrf_name, static_cast<int>(rc), cerr_strerror(rc));
 }
 
 // A VRF table that waits for its table id.
 cerrno finish_vrf_alone(table_request &request, int vrf_is_new) {
     answer(request, request.vrf_table);
-    MLIB_DEBUG(IPV4_DEBUG_EV, "IFRS VRF table %s. No more table processing",
-               request.vrf_table->vrf_name);
+    TABLE_DEBUG(IPV4_DEBUG_EV, "IFRS VRF table %s. No more table processing",
+                request.vrf_table->vrf_name);
     if (request.action == IPV4MC_ACTION_CREATE) {
         return 0;
     }
@@ -237,13 +256,13 @@ cerrno finish_vrf_alone(table_request &request, int vrf_is_new) {
 // A TID table made because its routes came first.
 cerrno finish_orphan(table_request &request, int tid_is_new) {
     answer(request, request.tid_table);
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Orphan TID table %s. Just activate TID table",
-               tid_is_new != 0 ? "new" : "existing");
+    TABLE_DEBUG(IPV4_DEBUG_EV, "Orphan TID table %s. Just activate TID table",
+                tid_is_new != 0 ? "new" : "existing");
     ipv4mc_table_st *no_vrf = nullptr;
     cerrno rc =
         ipmc_table_activate_tid(request.tid, 0, "", &no_vrf, &request.tid_table, &tid_is_new);
     if (rc != 0) {
-        MLIB_ERR("VRF Table activation failed");
+        TABLE_ERR("VRF Table activation failed");
         return rc;
     }
     if (request.action == IPV4MC_ACTION_CREATE) {
@@ -262,12 +281,12 @@ cerrno finish_both(table_request &request, int vrf_is_new) {
     const cerrno rc = ipmc_table_activate(request.tid, request.vrf_id, request.vrf_name,
                                           &request.vrf_table, vrf_is_new);
     if (rc == 0) {
-        MLIB_DEBUG(IPV4_DEBUG_EV, "Success table action %s for 0x%x(%s)", action_text(request),
-                   request.tid, request.vrf_name);
+        TABLE_DEBUG(IPV4_DEBUG_EV, "Success table action %s for 0x%x(%s)", action_text(request),
+                    request.tid, request.vrf_name);
         return 0;
     }
-    MLIB_ERR("table action %s for 0x%x(%s) failed : %s", action_text(request), request.tid,
-             request.vrf_name, cerr_strerror(rc));
+    TABLE_ERR("table action %s for 0x%x(%s) failed : %s", action_text(request), request.tid,
+              request.vrf_name, cerr_strerror(rc));
     // A VRF table that lost its keys can be found by nobody any more.
     if (request.vrf_table->vrf_id == 0 && request.vrf_table->vrf_name[0] == '\0') {
         ipmc_table_free_vrf(request.vrf_table);
@@ -278,8 +297,11 @@ cerrno finish_both(table_request &request, int vrf_is_new) {
 
 cerrno operate_on_missing(table_request &request) {
     if (!is_one_of(request.action, makes_what_is_missing)) {
-        MLIB_DEBUG(IPV4_DEBUG_EV, "Table action 0x%x but cannot find 0x%x/v:0x%x/%s",
-                   request.action, request.tid, request.vrf_id, request.vrf_name);
+        TABLE_DEBUG(IPV4_DEBUG_EV, "Table action 0x%x but cannot find 0x%x/v:0x%x/%s",
+                    request.action, request.tid, request.vrf_id, request.vrf_name);
+        if (request.vrf_table == nullptr && request.tid_table == nullptr) {
+            answer(request, nullptr);
+        }
         return ENOENT;
     }
     int vrf_is_new = 0;
@@ -301,11 +323,17 @@ void report_packet_mutex_held() {
     const auto count = static_cast<int32_t>(ipv6_mlib_pak_client_mutex_get_count());
     const ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
     if (count > 1) {
-        MLIB_ERR("[%d] Multiple lock count %d (%s/%d)", __LINE__, count, hdr->pak_lock_fn,
-                 hdr->pak_lock_line);
+        TABLE_ERR("[%d] Multiple lock count %d (%s/%d)", __LINE__, count,
+                  mlib::lock_fn(hdr->pak_lock_fn).text, mlib::lock_book(hdr->pak_lock_line));
     } else if (count < 0) {
-        MLIB_ERR("[%d] Negative lock count: %d", __LINE__, count);
+        TABLE_ERR("[%d] Negative lock count: %d", __LINE__, count);
     }
+}
+
+// A list of one route has no neighbours: there the route's own pointer tells.
+bool is_linked_by(const ipv4mc_route_entry_st *route, const ipv4mc_table_st *table,
+                  uint32_t link_index) {
+    return route->memd_next[link_index] != nullptr || route->vrf_table[link_index] == table;
 }
 
 // The core routes that the MDT logic linked to this table stay; only their links to it go.
@@ -314,9 +342,9 @@ void drop_core_routes(const table_request &request) {
     if (request.action != IPV4MC_ACTION_DELETE || table->memd_route_list == nullptr) {
         return;
     }
-    if (table->memd_route_list->memd_next[0] != nullptr) {
+    if (is_linked_by(table->memd_route_list, table, 0)) {
         ipmc_table_memd_routes_clear(table, 0);
-    } else if (table->memd_route_list->memd_next[1] != nullptr) {
+    } else if (is_linked_by(table->memd_route_list, table, 1)) {
         ipmc_table_memd_routes_clear(table, 1);
     }
 }
@@ -324,7 +352,7 @@ void drop_core_routes(const table_request &request) {
 // Deletes the routes of the table; true when the action is done with that.
 bool remove_routes(table_request &request) {
     if (request.tid_table == nullptr) {
-        MLIB_DEBUG(IPV4_DEBUG_EV, "No link to TID table. No routes to clear");
+        TABLE_DEBUG(IPV4_DEBUG_EV, "No link to TID table. No routes to clear");
         return false;
     }
     report_packet_mutex_held();
@@ -334,11 +362,11 @@ bool remove_routes(table_request &request) {
                                request.action == IPV4MC_ACTION_CLEAR_ROUTES ? 1 : 0, &stopped);
     drop_core_routes(request);
     if (rc != 0) {
-        MLIB_ERR("Cannot delete all routes & signals from Table t:0x%x : %s", request.tid,
-                 cerr_strerror(rc));
+        TABLE_ERR("Cannot delete all routes & signals from Table t:0x%x : %s", request.tid,
+                  cerr_strerror(rc));
     } else {
-        MLIB_DEBUG(IPV4_DEBUG_EV, "Table t:0x%x exists, action=%s. All routes deleted", request.tid,
-                   action_text(request));
+        TABLE_DEBUG(IPV4_DEBUG_EV, "Table t:0x%x exists, action=%s. All routes deleted",
+                    request.tid, action_text(request));
     }
     return request.action == IPV4MC_ACTION_CLEAR_ROUTES && stopped != 0;
 }
@@ -361,21 +389,21 @@ cerrno activate_existing(table_request &request) {
         return 0;
     }
     if (request.vrf_table != nullptr) {
-        MLIB_DEBUG(IPV4_DEBUG_EV, "table action %s for 0x%x(%s) REMOVE from VRF_NAME TREE",
-                   action_text(request), request.tid, request.vrf_name);
-        MLIB_DEBUG(IPV4_DEBUG_EV, "table action %s for 0x%x(%s) REMOVE from VRF_ID TREE",
-                   action_text(request), request.tid, request.vrf_name);
+        TABLE_DEBUG(IPV4_DEBUG_EV, "table action %s for 0x%x(%s) REMOVE from VRF_NAME TREE",
+                    action_text(request), request.tid, request.vrf_name);
+        TABLE_DEBUG(IPV4_DEBUG_EV, "table action %s for 0x%x(%s) REMOVE from VRF_ID TREE",
+                    action_text(request), request.tid, request.vrf_name);
         ipmc_table_free_vrf(request.vrf_table);
         answer(request, nullptr);
     }
-    MLIB_ERR("table action %s for 0x%x(%s) failed : %s", action_text(request), request.tid,
-             request.vrf_name, cerr_strerror(rc));
+    TABLE_ERR("table action %s for 0x%x(%s) failed : %s", action_text(request), request.tid,
+              request.vrf_name, cerr_strerror(rc));
     return rc;
 }
 
 cerrno answer_existing(table_request &request) {
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Table 0x%x/v:0x%x/%s exists and action=%s", request.tid,
-               request.vrf_id, request.vrf_name, action_text(request));
+    TABLE_DEBUG(IPV4_DEBUG_EV, "Table 0x%x/v:0x%x/%s exists and action=%s", request.tid,
+                request.vrf_id, request.vrf_name, action_text(request));
     ipv4mc_table_st *table = request.vrf_table != nullptr ? request.vrf_table : request.tid_table;
     answer(request, table);
     if (request.action != IPV4MC_ACTION_COMMIT) {
@@ -384,9 +412,9 @@ cerrno answer_existing(table_request &request) {
     const cerrno rc = ip6mc_platform_table_operation_wrapper(
         request.action, request.tid, request.vrf_id, request.vrf_name, &table, 0);
     if (rc != 0) {
-        MLIB_ERR("Error in platform dependant call action %d %s new table 0x%x(%s): %d %s",
-                 static_cast<int>(request.action), action_text(request), request.tid,
-                 request.vrf_name, static_cast<int>(rc), cerr_strerror(rc));
+        TABLE_ERR("Error in platform dependant call action %d %s new table 0x%x(%s): %d %s",
+                  static_cast<int>(request.action), action_text(request), request.tid,
+                  request.vrf_name, static_cast<int>(rc), cerr_strerror(rc));
     }
     return rc;
 }
@@ -410,7 +438,7 @@ extern "C" cerrno ip6mc_table_operation(ipv4mc_action_type action, uint32_t tid,
                                         rsi_vrf_id_t vrf_id, const char *vrf_name,
                                         ipv4mc_table_st **table_pp, uint32_t arg) {
     if (ipv4mc_desc->state != IPV4MC_LIB_STATE_READY) {
-        MLIB_ERR("Multicast library Not ready\n");
+        TABLE_ERR("Multicast library Not ready\n");
         return EBADF;
     }
     table_request request{};

@@ -3,6 +3,7 @@
 #define IP6MC_SRC_IPV4_MCAST_TABLES_TABLES_H
 
 #include "ipv4/multicast/lib/ip6mc_table.h"
+#include "ipv4/multicast/platform_default/src/diagnostics/report.h"
 
 // The process's search key for tables by id.
 extern ipv4mc_table_st *table_search;
@@ -44,6 +45,10 @@ struct table_request {
 
 cerrno ipmc_table_deactivate(table_request &request);
 
+// Ends what links a table with its other side, on both sides: a link that only one of the two knew
+// of would outlive the other's record.
+void ipmc_table_cut_links(ipv4mc_table_st *table);
+
 // Takes the keys of a VRF table away, and with them its places in the trees.
 void ipmc_table_drop_vrf_keys(ipv4mc_table_st *table);
 
@@ -53,6 +58,16 @@ void ipmc_table_free_vrf(ipv4mc_table_st *vrf_table);
 void ipmc_table_memd_routes_clear(ipv4mc_table_st *table, uint32_t link_index);
 cerrno ipmc_idb_link_mdt_idb_to_vrf(ipv4mc_table_st *table, ifhtype handle, uint32_t vrf_id,
                                     int with_mtu);
+
+// Reports and lines from the steps of an operation bear its name, which stands in `operation` of
+// the file.
+#define TABLE_ERR(...) mlib::report_error(operation, __LINE__, __VA_ARGS__)
+#define TABLE_DEBUG(debug_class, ...)                                        \
+    do {                                                                     \
+        if (ipv4_debug_event_active_inline(debug_class)) {                   \
+            mlib::debug_line(debug_class, operation, __LINE__, __VA_ARGS__); \
+        }                                                                    \
+    } while (false)
 
 // Texts for messages.
 inline const char *table_name_text(const char *name) {

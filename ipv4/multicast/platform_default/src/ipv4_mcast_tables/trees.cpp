@@ -11,11 +11,15 @@ namespace {
 const tree_compare_fn name_tree_compares[] = {ipmc_tbl_wavl_compare_vrf_name,
                                               ipmc_tbl_wavl_compare_vrf_id};
 
+// Null while the window is closed in this process; the tree services refuse that.
+ipv4mc_shmwin_hdr_st *header() {
+    return ipv4mc_desc->shmwin_init != 0 ? ipv4mc_desc->shmwin_info : nullptr;
+}
 wavl_tree *name_tree() {
-    return &ipv4mc_desc->shmwin_info->table_name_tree;
+    return header() != nullptr ? &header()->table_name_tree : nullptr;
 }
 shm_avl_tree *tid_tree() {
-    return ipv4mc_desc->shmwin_info->table_tid_tree;
+    return header() != nullptr ? header()->table_tid_tree : nullptr;
 }
 
 // The key belongs to the process and is written for each search: two threads of a process must not
