@@ -37,20 +37,25 @@ bool add_interface(int fd, uint16_t mif) {
     mif6ctl control{};
     control.mif6c_mifi = mif;
     control.mif6c_pifi = static_cast<uint16_t>(if_nametoindex(name));
-    return control.mif6c_pifi != 0 && setsockopt(fd, IPPROTO_IPV6, MRT6_ADD_MIF, &control, sizeof(control)) == 0;
+    return control.mif6c_pifi != 0 &&
+           setsockopt(fd, IPPROTO_IPV6, MRT6_ADD_MIF, &control, sizeof(control)) == 0;
 }
 
 // A socket on an empty table with 16 interfaces.
 int open_table() {
-    if (unshare(CLONE_NEWNET) != 0) return fail("a network namespace");
+    if (unshare(CLONE_NEWNET) != 0)
+        return fail("a network namespace");
     const int fd = socket(AF_INET6, SOCK_RAW, IPPROTO_ICMPV6);
     const int on = 1;
-    if (fd < 0 || setsockopt(fd, IPPROTO_IPV6, MRT6_INIT, &on, sizeof(on)) != 0) return fail("MRT6_INIT");
-    if (system("for i in 0 2 4 6 8 10 12 14; do ip link add b$i type veth peer name b$((i+1)) || exit 1; done") != 0) {
+    if (fd < 0 || setsockopt(fd, IPPROTO_IPV6, MRT6_INIT, &on, sizeof(on)) != 0)
+        return fail("MRT6_INIT");
+    if (system("for i in 0 2 4 6 8 10 12 14; do ip link add b$i type veth peer name b$((i+1)) || "
+               "exit 1; done") != 0) {
         return fail("ip link add");
     }
     for (uint16_t mif = 0; mif < most_interfaces; ++mif) {
-        if (!add_interface(fd, mif)) return fail("MRT6_ADD_MIF");
+        if (!add_interface(fd, mif))
+            return fail("MRT6_ADD_MIF");
     }
     return fd;
 }
@@ -59,12 +64,14 @@ int open_table() {
 
 double kernel_ns_per_route(uint32_t routes, uint32_t interfaces) {
     const int fd = open_table();
-    if (fd < 0) return 0;
+    if (fd < 0)
+        return 0;
     mf6cctl entry{};
     entry.mf6cc_origin.sin6_family = entry.mf6cc_mcastgrp.sin6_family = AF_INET6;
     inet_pton(AF_INET6, "2001:db8::1", &entry.mf6cc_origin.sin6_addr);
     inet_pton(AF_INET6, "ff3e::", &entry.mf6cc_mcastgrp.sin6_addr);
-    for (uint32_t mif = 0; mif < interfaces && mif < most_interfaces; ++mif) IF_SET(mif, &entry.mf6cc_ifset);
+    for (uint32_t mif = 0; mif < interfaces && mif < most_interfaces; ++mif)
+        IF_SET(mif, &entry.mf6cc_ifset);
     const double start = now_ns();
     for (uint32_t n = 1; n <= routes; ++n) {
         const uint32_t low = htonl(n);

@@ -1,7 +1,7 @@
 // What a route with its interfaces costs, beside the kernel's table in the same run.
 //
-// Each row is one process with a fresh window: CREATE, CREATE and COMMIT of each interface, COMMIT, with
-// journal and traces on, on the simulated platform with its log off. Pinned to one core.
+// Each row is one process with a fresh window: CREATE, CREATE and COMMIT of each interface, COMMIT,
+// with journal and traces on, on the simulated platform with its log off. Pinned to one core.
 #include <arpa/inet.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -56,7 +56,8 @@ void start() {
     sim_reset();
     sim_log_on(0);
     require(kit::start_library() == 0, "start");
-    require(ip6mc_idb_init(nullptr, nullptr, 0, nullptr, nullptr, nullptr, nullptr) == 0, "interfaces");
+    require(ip6mc_idb_init(nullptr, nullptr, 0, nullptr, nullptr, nullptr, nullptr) == 0,
+            "interfaces");
 }
 
 uint64_t bytes_used() {
@@ -80,30 +81,32 @@ void add_route(ipv4mc_table_st *table, uint32_t number, uint32_t interfaces) {
     memcpy(reinterpret_cast<char *>(&group) + 12, &low, sizeof(low));
     ipv4mc_route_entry_st *route = nullptr;
     int is_new = 0;
-    require(ip6mc_route_operation(IPV4MC_ACTION_CREATE, table, &source, &group, 256, nullptr, &route, 0, 0, &is_new) ==
-                0,
+    require(ip6mc_route_operation(IPV4MC_ACTION_CREATE, table, &source, &group, 256, nullptr,
+                                  &route, 0, 0, &is_new) == 0,
             "CREATE");
     for (ifhtype ifh = 1; ifh <= interfaces; ++ifh) {
         ipv4mc_intf_entry_st *entry = nullptr;
-        require(ip6mc_intf_operation(IPV4MC_ACTION_CREATE, table, route, 0, ifh, 0, 0, 0, &entry, nullptr, 0, 0, 1) ==
-                    0,
+        require(ip6mc_intf_operation(IPV4MC_ACTION_CREATE, table, route, 0, ifh, 0, 0, 0, &entry,
+                                     nullptr, 0, 0, 1) == 0,
                 "interface CREATE");
-        require(ip6mc_intf_operation(IPV4MC_ACTION_COMMIT, table, route, 0, ifh, 0, 0, 0, &entry, nullptr, 0, 0, 1) ==
-                    0,
+        require(ip6mc_intf_operation(IPV4MC_ACTION_COMMIT, table, route, 0, ifh, 0, 0, 0, &entry,
+                                     nullptr, 0, 0, 1) == 0,
                 "interface COMMIT");
     }
-    require(ip6mc_route_operation(IPV4MC_ACTION_COMMIT, table, &source, &group, 256, nullptr, &route, 0, 0, &is_new) ==
-                0,
+    require(ip6mc_route_operation(IPV4MC_ACTION_COMMIT, table, &source, &group, 256, nullptr,
+                                  &route, 0, 0, &is_new) == 0,
             "COMMIT");
 }
 
 void build(uint32_t routes, uint32_t interfaces) {
     ipv4mc_table_st *table = nullptr;
-    require(ip6mc_table_operation(IPV4MC_ACTION_ACTIVATE, tid, 6, "bench", &table, 0) == 0, "table");
+    require(ip6mc_table_operation(IPV4MC_ACTION_ACTIVATE, tid, 6, "bench", &table, 0) == 0,
+            "table");
     table = table->tid_table;
     const uint64_t before = bytes_used();
     const double start_ns = now_ns();
-    for (uint32_t n = 1; n <= routes; ++n) add_route(table, n, interfaces);
+    for (uint32_t n = 1; n <= routes; ++n)
+        add_route(table, n, interfaces);
     result->total_ns = (now_ns() - start_ns) / routes;
     result->bytes = static_cast<double>(bytes_used() - before) / routes;
 }
@@ -146,18 +149,21 @@ void measure_restart(uint32_t routes) {
         return 0;
     });
     require(second.wait() == 0, "restart");
-    printf("owner killed and started again on %u routes: state 2 after %.1f ms\n", routes, result->start_ms);
+    printf("owner killed and started again on %u routes: state 2 after %.1f ms\n", routes,
+           result->start_ms);
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-    const uint32_t most = argc > 1 && atoi(argv[1]) > 0 ? static_cast<uint32_t>(atoi(argv[1])) : 1'000'000;
+    const uint32_t most =
+        argc > 1 && atoi(argv[1]) > 0 ? static_cast<uint32_t>(atoi(argv[1])) : 1'000'000;
     cpu_set_t one;
     CPU_ZERO(&one);
     CPU_SET(1, &one);
     sched_setaffinity(0, sizeof(one), &one);
-    result = static_cast<row *>(mmap(nullptr, sizeof(row), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    result = static_cast<row *>(
+        mmap(nullptr, sizeof(row), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     if (argc > 2 && atoi(argv[1]) > 0) {  // one row without the yardstick, for a profiler
         kit::run_dir dir;
         start();
@@ -169,17 +175,19 @@ int main(int argc, char **argv) {
            "further intf / kernel", "bytes/route");
     double with_one = 0;
     for (const uint32_t routes : {10'000U, 100'000U, 1'000'000U}) {
-        if (routes > most) break;
+        if (routes > most)
+            break;
         for (const uint32_t interfaces : {1U, 4U, 8U, 16U}) {
             if (uint64_t{routes} * interfaces > most_entries) {
-                printf("%9u %5u  left out: more than %lu interface entries\n", routes, interfaces, most_entries);
+                printf("%9u %5u  left out: more than %lu interface entries\n", routes, interfaces,
+                       most_entries);
                 continue;
             }
             const row r = measure(routes, interfaces);
             with_one = interfaces == 1 ? r.total_ns : with_one;
             const double further = interfaces == 1 ? 0 : (r.total_ns - with_one) / (interfaces - 1);
-            printf("%9u %5u %12.0f %12.0f %7.2f %13.0f / %5.2f %12.0f\n", routes, interfaces, r.total_ns, r.kernel_ns,
-                   r.kernel_ns > 0 ? r.total_ns / r.kernel_ns : 0, further,
+            printf("%9u %5u %12.0f %12.0f %7.2f %13.0f / %5.2f %12.0f\n", routes, interfaces,
+                   r.total_ns, r.kernel_ns, r.kernel_ns > 0 ? r.total_ns / r.kernel_ns : 0, further,
                    r.kernel_ns > 0 ? further / r.kernel_ns : 0, r.bytes);
             fflush(stdout);
         }

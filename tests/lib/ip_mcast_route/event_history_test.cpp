@@ -45,6 +45,7 @@ TEST_F(EventHistory, TheEleventhEventTakesThePlaceOfTheFirst) {
 
 TEST_F(EventHistory, ARingThatCannotBeMadeIsReported) {
     EXPECT_EQ(mfwd_route_event_history_create(0, 44), nullptr);
-    EXPECT_EQ(errors(), texts{"Cannot create Event History for buffer size: 0 and element size: 44\n"});
+    EXPECT_EQ(errors(),
+              texts{"Cannot create Event History for buffer size: 0 and element size: 44\n"});
     mfwd_route_event_history_destroy(nullptr);
 }
