@@ -25,7 +25,11 @@ class ErrorHandler : public testing::Test {
         platform_info_defaults(&info);
         platform_info_set(&info);
         ipmc_platform_err_handler_init(nullptr);  // off again
+        event_manager_destroy(manager);
         ptimer_test_clock_off();
+        for (const auto *failed : {route, other}) {
+            mfwd_route_event_history_destroy(failed != nullptr ? failed->event_history : nullptr);
+        }
     }
     void forget() {
         heard.clear();
@@ -48,6 +52,7 @@ class ErrorHandler : public testing::Test {
     kit::listener heard;
     event_manager_t *manager = nullptr;
     ipv4mc_route_entry_st *route;
+    ipv4mc_route_entry_st *other = nullptr;  // a second one that fails
 };
 
 }  // namespace
@@ -160,7 +165,7 @@ TEST_F(ErrorHandler, AFullHardwareStopsNewObjectsOnly) {
     EXPECT_EQ(ipmc_platform_err_handler_get_oor_mode(), 2U);
     EXPECT_EQ(ipmc_platform_err_handler_async_route_oor(route), 0U);
     EXPECT_EQ(events(), 1U);
-    auto *other = create(table, sg(2));
+    other = create(table, sg(2));
     EXPECT_EQ(ipmc_platform_can_program_route(other, 0), 1);
     EXPECT_EQ(ipmc_platform_can_program_route(other, 1), 0);
     forget();
