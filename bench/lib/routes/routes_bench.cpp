@@ -39,9 +39,10 @@ struct row {
 };
 row *result = nullptr;
 
-double now_ns() {
+// Processor time unless told otherwise: the machine may be shared.
+double now_ns(clockid_t clock = CLOCK_PROCESS_CPUTIME_ID) {
     timespec now{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    clock_gettime(clock, &now);
     return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
 }
 
@@ -142,9 +143,9 @@ void measure_restart(uint32_t routes) {
     first.kill();
     kit::child second([&](const kit::post &) {
         sim_reset();
-        const double start_ns = now_ns();
+        const double start_ns = now_ns(CLOCK_MONOTONIC);
         require(kit::start_library() == 0, "restart");
-        result->start_ms = (now_ns() - start_ns) / 1e6;
+        result->start_ms = (now_ns(CLOCK_MONOTONIC) - start_ns) / 1e6;
         require(ipv4mc_desc->state == IPV4MC_LIB_STATE_READY, "state 2");
         return 0;
     });
