@@ -1,4 +1,4 @@
-#include <regex>
+#include <cctype>
 
 #include "services/cbuf/cbuf.h"
 #include "tests/lib/routes/bed.h"
@@ -22,9 +22,11 @@ TEST_F(EventHistory, TheFirstEventMakesTheRing) {
     ASSERT_EQ(cbuf_count(route->event_history), 1U);
     EXPECT_EQ(event(route->event_history, 0)->event_code, 5U);
     const std::string time = event(route->event_history, 0)->time;
-    EXPECT_TRUE(std::regex_match(
-        time, std::regex("[A-Z][a-z]{2} [0-9]{2} [0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}")))
-        << time;
+    std::string shape = time;
+    for (char &c : shape) {
+        c = isdigit(c) != 0 ? '9' : isalpha(c) != 0 ? 'a' : c;
+    }
+    EXPECT_EQ(shape, "aaa 99 9999 99:99:99.999") << time;
     mfwd_route_event_history_destroy(route->event_history);
     EXPECT_NE(route->event_history, nullptr);  // a copy of the handle was destroyed
     route->event_history = nullptr;
@@ -45,6 +47,7 @@ TEST_F(EventHistory, TheEleventhEventTakesThePlaceOfTheFirst) {
 
 TEST_F(EventHistory, ARingThatCannotBeMadeIsReported) {
     EXPECT_EQ(mfwd_route_event_history_create(0, 44), nullptr);
-    EXPECT_EQ(errors(), texts{"Cannot create Event History for buffer size: 0 and element size: 44\n"});
+    EXPECT_EQ(errors(),
+              texts{"Cannot create Event History for buffer size: 0 and element size: 44\n"});
     mfwd_route_event_history_destroy(nullptr);
 }

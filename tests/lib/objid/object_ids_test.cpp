@@ -1,5 +1,4 @@
 #include "ipv4/multicast/lib/ip6mc_objid.h"
-
 #include "services/events/event_manager.h"
 #include "tests/kit/child.h"
 #include "tests/lib/routes/bed.h"
@@ -73,7 +72,9 @@ TEST_F(ObjectIds, NameRoutesAndInterfacesForBothWays) {
     EXPECT_EQ(ipmc_route_get_from_id(intf->obj_id, &found_route), 22U);
     EXPECT_NE(said().find(" - Object type mismatch 0x"), std::string::npos);
     const uint64_t id = intf->obj_id;
-    ASSERT_EQ(intf_operate(IPV4MC_ACTION_DELETE, route, {IPV4MC_INTF_ORDINARY, 0x100, 0, 0}, &intf, 0), 0U);
+    ASSERT_EQ(
+        intf_operate(IPV4MC_ACTION_DELETE, route, {IPV4MC_INTF_ORDINARY, 0x100, 0, 0}, &intf, 0),
+        0U);
     heard.clear();
     EXPECT_NE(ip6mc_intf_get_from_id(id, &found_intf), 0U);
 }
@@ -109,7 +110,8 @@ TEST_F(ObjectIds, BadQuestionsNeverReachTheService) {
     EXPECT_EQ(ipmc_obj_get_from_id(none, 1, &object), 22U);
     const auto both = errors();
     ASSERT_EQ(both.size(), 2U);
-    EXPECT_NE(both[1].find(" - Failed to determine object type for 0xfffffffffffffffe, rc:"), std::string::npos);
+    EXPECT_NE(both[1].find(" - Failed to determine object type for 0xfffffffffffffffe, rc:"),
+              std::string::npos);
 }
 
 TEST_F(ObjectIds, BadAllocationsSayWhy) {
@@ -128,14 +130,17 @@ TEST_F(ObjectIds, BadAllocationsSayWhy) {
     ipv4mc_desc->shmwin_info->obj_id_domain = nullptr;
     id = 5;
     EXPECT_EQ(ipmc_object_ida_alloc(this, 1, &id), 0U);
-    EXPECT_EQ(said(), "Object ID allocation failed get domain error, NULL rc = " + std::string(cerr_strerror(0)));
+    EXPECT_EQ(said(), "Object ID allocation failed get domain error, NULL rc = " +
+                          std::string(cerr_strerror(0)));
     EXPECT_EQ(id, unspecified);
     void *object = nullptr;
     EXPECT_EQ(ipmc_object_ida_get_object_from_id(1, &object), 2U);
-    EXPECT_EQ(said(), "Object ID allocation failed get domain error, NULL rc = " + std::string(cerr_strerror(0)));
+    EXPECT_EQ(said(), "Object ID allocation failed get domain error, NULL rc = " +
+                          std::string(cerr_strerror(0)));
     id = 1;
     EXPECT_EQ(ipmc_object_ida_free(&id), 0U);
-    EXPECT_EQ(said(), "Object ID free failed get domain error, Domain NULL rc = " + std::string(cerr_strerror(0)));
+    EXPECT_EQ(said(), "Object ID free failed get domain error, Domain NULL rc = " +
+                          std::string(cerr_strerror(0)));
     ipv4mc_desc->shmwin_info->obj_id_domain = domain;
 }
 
@@ -184,12 +189,17 @@ TEST(ObjectIdsAcrossProcesses, FindTheirObjectsAfterARestart) {
         event_manager_t *manager = nullptr;
         start(&manager);
         auto *route = find(ip6mc_table_lookup_by_tbl_id(0xe0000005), sg(1));
-        if (route == nullptr) return 1;
-        if (route->event_history != nullptr) return 2;  // memory of a process that is gone
+        if (route == nullptr)
+            return 1;
+        if (route->event_history != nullptr)
+            return 2;  // memory of a process that is gone
         ipv4mc_route_entry_st *found = nullptr;
         ipv4mc_intf_entry_st *intf = nullptr;
-        if (ipmc_route_get_from_id(route->obj_id, &found) != 0 || found != route) return 3;
-        if (ip6mc_intf_get_from_id(route->intf_list->obj_id, &intf) != 0 || intf != route->intf_list) return 4;
+        if (ipmc_route_get_from_id(route->obj_id, &found) != 0 || found != route)
+            return 3;
+        if (ip6mc_intf_get_from_id(route->intf_list->obj_id, &intf) != 0 ||
+            intf != route->intf_list)
+            return 4;
         auto *other = add(route->table, sg(2));
         return other->obj_id != route->obj_id && other->obj_id < none ? 0 : 5;
     });

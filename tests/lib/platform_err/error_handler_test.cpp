@@ -25,7 +25,11 @@ class ErrorHandler : public testing::Test {
         platform_info_defaults(&info);
         platform_info_set(&info);
         ipmc_platform_err_handler_init(nullptr);  // off again
+        event_manager_destroy(manager);
         ptimer_test_clock_off();
+        for (const auto *failed : {route, other}) {
+            mfwd_route_event_history_destroy(failed != nullptr ? failed->event_history : nullptr);
+        }
     }
     void forget() {
         heard.clear();
@@ -34,10 +38,13 @@ class ErrorHandler : public testing::Test {
     static uint32_t queued() {
         uint32_t count = 0;
         const dlqueue_node_t *queue = ipv4mc_desc->shmwin_info->retry_queue;
-        for (const dlqueue_node_t *node = queue->next; node != queue; node = node->next) ++count;
+        for (const dlqueue_node_t *node = queue->next; node != queue; node = node->next)
+            ++count;
         return count;
     }
-    uint32_t events() const { return route->event_history == nullptr ? 0 : cbuf_count(route->event_history); }
+    uint32_t events() const {
+        return route->event_history == nullptr ? 0 : cbuf_count(route->event_history);
+    }
     using texts = std::vector<std::string>;
 
     library lib;
@@ -45,6 +52,7 @@ class ErrorHandler : public testing::Test {
     kit::listener heard;
     event_manager_t *manager = nullptr;
     ipv4mc_route_entry_st *route;
+    ipv4mc_route_entry_st *other = nullptr;  // a second one that fails
 };
 
 }  // namespace
@@ -91,7 +99,8 @@ TEST_F(ErrorHandler, AFailedCommitIsTakenOverAndTheRoutePublished) {
     EXPECT_EQ(queued(), 0U);
     const auto lines = heard.lines(IPV4_DEBUG_EV);
     EXPECT_EQ(lines, (texts{"ipmc_retry_msg_queue_rem_route: Route found",
-                            "ipmc_platform_err_handler_clear_route_err: Table red Route (2001:db8::1,ff3e::1) has been "
+                            "ipmc_platform_err_handler_clear_route_err: Table red Route "
+                            "(2001:db8::1,ff3e::1) has been "
                             "removed from retry queue."}));
     route->err = 1;  // flagged, not queued
     ipmc_platform_err_handler_clear_route_err(route);
@@ -114,9 +123,10 @@ TEST_F(ErrorHandler, AnInterfaceFailsInTheNameOfItsRoute) {
     heard.clear();
     EXPECT_EQ(ipmc_platform_err_handler_sync_intf(entry, nullptr, 5), 22U);
     EXPECT_EQ(ipmc_platform_err_handler_sync_intf(nullptr, route, 5), 22U);
-    EXPECT_EQ(heard.errors(),
-              (texts{"ipmc_platform_err_handler_sync_intf: Intf is Ok or route is NULL, ifh: 0x100",
-                     "ipmc_platform_err_handler_sync_intf: Intf is NULL or route is Ok, ifh: 0x0"}));
+    EXPECT_EQ(
+        heard.errors(),
+        (texts{"ipmc_platform_err_handler_sync_intf: Intf is Ok or route is NULL, ifh: 0x100",
+               "ipmc_platform_err_handler_sync_intf: Intf is NULL or route is Ok, ifh: 0x0"}));
 }
 
 TEST_F(ErrorHandler, ARouteAndAnEncapAtOneAddressAreTold) {
@@ -141,9 +151,10 @@ TEST_F(ErrorHandler, ARouteAndAnEncapAtOneAddressAreTold) {
     ipmc_retry_msg_queue_rem_element(nullptr, nullptr);
     dlqueue_node_t *queue = ipv4mc_desc->shmwin_info->retry_queue;
     ipmc_retry_msg_queue_rem_element(queue, queue);
-    EXPECT_EQ(heard.errors(), (texts{"ipmc_platform_err_handler_sync_encap: Encap is Null",
-                                     "ipmc_retry_msg_queue_rem_element:ERR Retry msg queue is NULL\n",
-                                     "ipmc_retry_msg_queue_rem_element:ERR Retry msg queue is empty\n"}));
+    EXPECT_EQ(heard.errors(),
+              (texts{"ipmc_platform_err_handler_sync_encap: Encap is Null",
+                     "ipmc_retry_msg_queue_rem_element:ERR Retry msg queue is NULL\n",
+                     "ipmc_retry_msg_queue_rem_element:ERR Retry msg queue is empty\n"}));
 }
 
 TEST_F(ErrorHandler, AFullHardwareStopsNewObjectsOnly) {
@@ -154,7 +165,7 @@ TEST_F(ErrorHandler, AFullHardwareStopsNewObjectsOnly) {
     EXPECT_EQ(ipmc_platform_err_handler_get_oor_mode(), 2U);
     EXPECT_EQ(ipmc_platform_err_handler_async_route_oor(route), 0U);
     EXPECT_EQ(events(), 1U);
-    auto *other = create(table, sg(2));
+    other = create(table, sg(2));
     EXPECT_EQ(ipmc_platform_can_program_route(other, 0), 1);
     EXPECT_EQ(ipmc_platform_can_program_route(other, 1), 0);
     forget();
@@ -165,7 +176,8 @@ TEST_F(ErrorHandler, AFullHardwareStopsNewObjectsOnly) {
     EXPECT_EQ(intf_operate(IPV4MC_ACTION_COMMIT, other, k, &entry, 1), 0U);
     EXPECT_EQ(commit(table, other, 1), 0U);
     EXPECT_EQ(find(table, sg(2)), other);
-    for (const auto &call : platform_calls()) EXPECT_TRUE(call.starts_with("idb")) << call;
+    for (const auto &call : platform_calls())
+        EXPECT_TRUE(call.starts_with("idb")) << call;
 }
 
 TEST_F(ErrorHandler, AsynchronousReportsFindTheirObjectOrSayWhyNot) {
@@ -186,9 +198,11 @@ TEST_F(ErrorHandler, AsynchronousReportsFindTheirObjectOrSayWhyNot) {
     ASSERT_EQ(ipmc_object_ida_alloc_intf(loose), 0U);
     EXPECT_EQ(ipmc_platform_err_handler_async_obj(loose->obj_id, 0), 22U);
     EXPECT_EQ(ipmc_platform_err_handler_async_obj(loose->obj_id, 1), 22U);
-    EXPECT_EQ(heard.errors(),
-              (texts{"ipmc_platform_err_handler_async_obj: Intf is Null or no route is linked, ifh: 0x77",
-                     "ipmc_platform_err_handler_async_intf_oor: Intf is Null or no Route is linked, ifh: 0x77"}));
+    EXPECT_EQ(
+        heard.errors(),
+        (texts{"ipmc_platform_err_handler_async_obj: Intf is Null or no route is linked, ifh: 0x77",
+               "ipmc_platform_err_handler_async_intf_oor: Intf is Null or no Route is linked, ifh: "
+               "0x77"}));
     ipv4mc_clear_intf(&loose);
 }
 
@@ -196,7 +210,8 @@ TEST_F(ErrorHandler, TheTimerRunsOnceForAllFailures) {
     // Started at the beginning for what an earlier process left: 60 seconds.
     EXPECT_EQ(ipmc_platform_err_handler_sync_route(route, 5), 0U);
     bool started = false;
-    for (const auto &line : heard.lines(IPV4_DEBUG_EV)) started |= line == "Error periodic retry timer started";
+    for (const auto &line : heard.lines(IPV4_DEBUG_EV))
+        started |= line == "Error periodic retry timer started";
     EXPECT_FALSE(started);
     forget();
     uint32_t dispatched = 0;
@@ -215,7 +230,8 @@ TEST_F(ErrorHandler, TheTimerRunsOnceForAllFailures) {
 
 TEST_F(ErrorHandler, AnElementOfNoKnownTypeStays) {
     ASSERT_EQ(ipmc_retry_msg_queue_insert_route(route), 0U);
-    auto *element = static_cast<ipmc_retry_msg *>(ipv4mc_desc->shmwin_info->retry_queue->next->data);
+    auto *element =
+        static_cast<ipmc_retry_msg *>(ipv4mc_desc->shmwin_info->retry_queue->next->data);
     element->type = 9;
     heard.clear();
     EXPECT_EQ(ipmc_retry_msg_queue_walk(), 0U);
@@ -224,8 +240,9 @@ TEST_F(ErrorHandler, AnElementOfNoKnownTypeStays) {
     element->node.data = nullptr;
     EXPECT_EQ(ipmc_retry_msg_queue_walk(), 22U);
     EXPECT_EQ(ipmc_retry_msg_queue_rem_route(route), 22U);
-    EXPECT_EQ(heard.errors(), (texts{"ipmc_retry_msg_queue_walk: Retry msg queue node is NULL",
-                                     "ipmc_retry_msg_queue_rem_route: Route retry queue node is NULL\n"}));
+    EXPECT_EQ(heard.errors(),
+              (texts{"ipmc_retry_msg_queue_walk: Retry msg queue node is NULL",
+                     "ipmc_retry_msg_queue_rem_route: Route retry queue node is NULL\n"}));
 }
 
 TEST(ErrorHandlerWithoutTimer, EndsTheProcess) {

@@ -51,7 +51,9 @@ struct key {
 inline key sg(uint32_t number) {
     return {address("2001:db8::1"), numbered("ff3e::", number), 256};
 }
-inline key star_g(const char *group, uint16_t length = 128) { return {{}, address(group), length}; }
+inline key star_g(const char *group, uint16_t length = 128) {
+    return {{}, address(group), length};
+}
 
 inline ipv4mc_table_st *make_table(uint32_t tid, uint32_t vrf_id, const char *name) {
     ipv4mc_table_st *table = nullptr;
@@ -65,9 +67,11 @@ inline void start_interfaces() {
     EXPECT_EQ(rc, 0U) << cerr_strerror(rc);
 }
 
-inline cerrno operate(ipv4mc_action_type action, ipv4mc_table_st *table, const key &k, ipv4mc_route_entry_st **route,
-                      int *is_new, mrib_attrib_entry_type old = 0, const ip_maddr_st *aux = nullptr) {
-    return ip6mc_route_operation(action, table, &k.source, &k.group, k.length, aux, route, old, 0, is_new);
+inline cerrno operate(ipv4mc_action_type action, ipv4mc_table_st *table, const key &k,
+                      ipv4mc_route_entry_st **route, int *is_new, mrib_attrib_entry_type old = 0,
+                      const ip_maddr_st *aux = nullptr) {
+    return ip6mc_route_operation(action, table, &k.source, &k.group, k.length, aux, route, old, 0,
+                                 is_new);
 }
 
 // CREATE; the detached leaf.
@@ -81,10 +85,12 @@ inline ipv4mc_route_entry_st *create(ipv4mc_table_st *table, const key &k) {
 
 inline cerrno commit(ipv4mc_table_st *table, ipv4mc_route_entry_st *route, int is_new,
                      mrib_attrib_entry_type old = 0) {
-    return operate(IPV4MC_ACTION_COMMIT, table, {route->source, route->group, route->pfx_len}, &route, &is_new, old);
+    return operate(IPV4MC_ACTION_COMMIT, table, {route->source, route->group, route->pfx_len},
+                   &route, &is_new, old);
 }
 
-inline ipv4mc_route_entry_st *add(ipv4mc_table_st *table, const key &k, mrib_attrib_entry_type attributes = 0) {
+inline ipv4mc_route_entry_st *add(ipv4mc_table_st *table, const key &k,
+                                  mrib_attrib_entry_type attributes = 0) {
     ipv4mc_route_entry_st *route = create(table, k);
     if (route != nullptr) {
         route->attributes = attributes;
@@ -107,11 +113,13 @@ struct intf_key {
     uint16_t amt_port = 0;
 };
 
-inline cerrno intf_operate(ipv4mc_action_type action, ipv4mc_route_entry_st *route, const intf_key &k,
-                           ipv4mc_intf_entry_st **entry, int is_new, mrib_attrib_entry_type old = 0,
-                           uint32_t intf_arg = 0, ipv4mc_idb_st *idb = nullptr) {
-    return ip6mc_intf_operation(action, route != nullptr ? route->table : nullptr, route, k.type, k.ifh, k.amt_addr,
-                                k.amt_port, intf_arg, entry, idb, 0, old, is_new);
+inline cerrno intf_operate(ipv4mc_action_type action, ipv4mc_route_entry_st *route,
+                           const intf_key &k, ipv4mc_intf_entry_st **entry, int is_new,
+                           mrib_attrib_entry_type old = 0, uint32_t intf_arg = 0,
+                           ipv4mc_idb_st *idb = nullptr) {
+    return ip6mc_intf_operation(action, route != nullptr ? route->table : nullptr, route, k.type,
+                                k.ifh, k.amt_addr, k.amt_port, intf_arg, entry, idb, 0, old,
+                                is_new);
 }
 
 // CREATE and COMMIT of a new entry.
@@ -130,18 +138,24 @@ inline ipv4mc_intf_entry_st *join(ipv4mc_route_entry_st *route, const intf_key &
 inline std::string check_interfaces(ipv4mc_route_entry_st *route) {
     uint64_t listed = 0;
     const ipv4mc_intf_entry_st *before = nullptr;
-    for (ipv4mc_intf_entry_st *entry = route->intf_list; entry != nullptr; entry = entry->next_intf) {
-        if (entry->prev_intf != before) return "prev_intf";
-        if (entry->route != route) return "route of an entry";
-        if ((entry->intf_flags & IPV4MC_INTF_FLAG_IN_TREE) == 0) return "flag of the tree";
-        if (ip6mc_intf_route_lookup(route, entry->intf_type, entry->ifh, entry->amt_addr, entry->amt_port) != entry) {
+    for (ipv4mc_intf_entry_st *entry = route->intf_list; entry != nullptr;
+         entry = entry->next_intf) {
+        if (entry->prev_intf != before)
+            return "prev_intf";
+        if (entry->route != route)
+            return "route of an entry";
+        if ((entry->intf_flags & IPV4MC_INTF_FLAG_IN_TREE) == 0)
+            return "flag of the tree";
+        if (ip6mc_intf_route_lookup(route, entry->intf_type, entry->ifh, entry->amt_addr,
+                                    entry->amt_port) != entry) {
             return "an entry of the list is not found in the tree";
         }
         before = entry;
         ++listed;
     }
     uint64_t in_tree = 0;
-    if (avl_verify(&route->intf_tree, ipmc_intf_avl_compare, &in_tree) != 0) return "tree";
+    if (avl_verify(&route->intf_tree, ipmc_intf_avl_compare, &in_tree) != 0)
+        return "tree";
     return listed == in_tree ? "" : "list and tree have different lengths";
 }
 
@@ -150,19 +164,25 @@ inline std::string check_idb(ipv4mc_idb_st *idb) {
     uint32_t listed = 0;
     const ipv4mc_intf_entry_st *before = nullptr;
     for (ipv4mc_intf_entry_st *entry = idb->route_list; entry != nullptr; entry = entry->idb_next) {
-        if (entry->idb_prev != before) return "idb_prev";
-        if (entry->on_idb_list != 1) return "on_idb_list";
-        if (entry->ifh != idb->ifh) return "handle of an entry";
-        if (entry->route == nullptr) return "an entry without route on an interface";
-        if (ip6mc_intf_route_lookup(entry->route, entry->intf_type, entry->ifh, entry->amt_addr, entry->amt_port) !=
-            entry) {
+        if (entry->idb_prev != before)
+            return "idb_prev";
+        if (entry->on_idb_list != 1)
+            return "on_idb_list";
+        if (entry->ifh != idb->ifh)
+            return "handle of an entry";
+        if (entry->route == nullptr)
+            return "an entry without route on an interface";
+        if (ip6mc_intf_route_lookup(entry->route, entry->intf_type, entry->ifh, entry->amt_addr,
+                                    entry->amt_port) != entry) {
             return "an entry of the interface is not on its route";
         }
         before = entry;
         ++listed;
     }
-    if (listed != idb->route_count) return "route_count";
-    if (ip6mc_idb_refcount_sanity_fn(idb) != 1) return "refcount";
+    if (listed != idb->route_count)
+        return "route_count";
+    if (ip6mc_idb_refcount_sanity_fn(idb) != 1)
+        return "refcount";
     return "";
 }
 
@@ -177,8 +197,9 @@ inline std::vector<std::string> platform_calls() {
     std::vector<std::string> calls;
     for (uint64_t n = 0; n < sim_log_count(); ++n) {
         const sim_call *call = sim_log_at(n);
-        calls.push_back(std::string(sim_op_name(call->op)) + " " + std::to_string(call->action) + " new " +
-                        std::to_string(call->is_new) + " -> " + std::to_string(call->result));
+        calls.push_back(std::string(sim_op_name(call->op)) + " " + std::to_string(call->action) +
+                        " new " + std::to_string(call->is_new) + " -> " +
+                        std::to_string(call->result));
     }
     sim_log_clear();
     return calls;

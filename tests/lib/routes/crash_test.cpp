@@ -1,5 +1,6 @@
-// The owner is killed at each journaled store of each operation on routes and their interfaces. The next
-// owner must find lists, trees and counts whole; what was not committed may be left over, detached.
+// The owner is killed at each journaled store of each operation on routes and their interfaces. The
+// next owner must find lists, trees and counts whole; what was not committed may be left over,
+// detached.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -31,7 +32,8 @@ void start() {
     platform_info_defaults(&info);
     info.router_type = 0;
     platform_info_set(&info);
-    if (kit::start_library() != 0) _exit(90);
+    if (kit::start_library() != 0)
+        _exit(90);
     start_interfaces();
 }
 
@@ -44,7 +46,9 @@ void prepare() {
     join(route, on_wan);
 }
 
-ipv4mc_table_st *table() { return ip6mc_table_lookup_by_tbl_id(tid); }
+ipv4mc_table_st *table() {
+    return ip6mc_table_lookup_by_tbl_id(tid);
+}
 
 struct operation {
     const char *name;
@@ -75,7 +79,8 @@ const operation operations[] = {
          route->rate_per_route = 1;
          operate(16, table(), sg(1), &route, &is_new);
      }},
-    {"an interface that goes", [] { intf_operate(IPV4MC_ACTION_DELETE, find(table(), sg(1)), on_wan, nullptr, 0); }},
+    {"an interface that goes",
+     [] { intf_operate(IPV4MC_ACTION_DELETE, find(table(), sg(1)), on_wan, nullptr, 0); }},
     {"an entry that moves to another interface",
      [] {
          auto *route = find(table(), sg(1));
@@ -98,51 +103,63 @@ int fail(const char *what) {
     return 1;
 }
 
-// What the next owner finds. Two things may be left over, of a route or entry between CREATE and COMMIT:
-// a detached leaf, with those of its entries that joined it (they stand on their interfaces and are whole),
-// and one detached entry that stands nowhere.
+// What the next owner finds. Two things may be left over, of a route or entry between CREATE and
+// COMMIT: a detached leaf, with those of its entries that joined it (they stand on their interfaces
+// and are whole), and one detached entry that stands nowhere.
 int verify() {
     start();
     char why[256] = {};
-    if (shmwin_check_heap(ipv4mc_desc->shmwin_id, why, sizeof(why)) != 0) return fail(why);
+    if (shmwin_check_heap(ipv4mc_desc->shmwin_id, why, sizeof(why)) != 0)
+        return fail(why);
     const char *trie = ip6mc_gtrie_verify(table()->ingress_gtrie);
-    if (trie != nullptr) return fail(trie);
+    if (trie != nullptr)
+        return fail(trie);
     uint32_t reached = 0;  // entries on interfaces, and the one that has moved
     for (const uint32_t n : {1U, 2U}) {
         ipv4mc_route_entry_st *route = find(table(), sg(n));
         if (route == nullptr) {
-            if (n == 1) return fail("the route from before is gone");
+            if (n == 1)
+                return fail("the route from before is gone");
             continue;
         }
         const std::string interfaces = check_interfaces(route);
-        if (!interfaces.empty()) return fail(interfaces.c_str());
+        if (!interfaces.empty())
+            return fail(interfaces.c_str());
         for (const auto *entry = route->intf_list; entry != nullptr; entry = entry->next_intf) {
             const bool moved = entry->intf_type == IPV4MC_INTF_AMT && entry->ifh == lan;
-            if ((entry->on_idb_list == 0) != moved) return fail("an entry of a route is on no interface");
+            if ((entry->on_idb_list == 0) != moved)
+                return fail("an entry of a route is on no interface");
             reached += moved ? 1 : 0;
         }
         const ip_maddr_st none{};
         const ip_maddr_st whole = address("2001:db8:aaaa:bbbb:aaaa:bbbb:aaaa:bbbb");
-        if (memcmp(&route->aux_addr, &none, sizeof(none)) != 0 && memcmp(&route->aux_addr, &whole, sizeof(none)) != 0) {
+        if (memcmp(&route->aux_addr, &none, sizeof(none)) != 0 &&
+            memcmp(&route->aux_addr, &whole, sizeof(none)) != 0) {
             return fail("half an address");
         }
     }
     for (const ifhtype ifh : {wan, lan}) {
         ipv4mc_idb_st *idb = nullptr;
         ip6mc_idb_lookup(ifh, &idb);
-        if (idb == nullptr) continue;
+        if (idb == nullptr)
+            continue;
         const std::string list = check_idb(idb);
-        if (!list.empty()) return fail(list.c_str());
-        if (idb->refcount != idb->route_count) return fail("references and routes of an interface");
-        if (idb->refcount == 0) return fail("an interface that nobody holds");
+        if (!list.empty())
+            return fail(list.c_str());
+        if (idb->refcount != idb->route_count)
+            return fail("references and routes of an interface");
+        if (idb->refcount == 0)
+            return fail("an interface that nobody holds");
         reached += idb->route_count;
     }
     const uint32_t live = ipv4mc_desc->shmwin_info->alloc_count[IPMC_SHMWIN_ALLOC_INTF];
-    if (live > reached + 1) return fail("more than one detached entry");
+    if (live > reached + 1)
+        return fail("more than one detached entry");
     // The owner goes on working.
     auto *route = add(table(), sg(3));
     join(route, on_lan);
-    if (!check_interfaces(route).empty()) return fail("work after the restart");
+    if (!check_interfaces(route).empty())
+        return fail("work after the restart");
     return 0;
 }
 
@@ -172,7 +189,8 @@ TEST(RoutesOfAKilledOwner, AreWholeAfterEveryStore) {
                 break;
             }
             // Past the first hundred stores each third one: the whole of it is a campaign.
-            if (point > 100) point += 2;
+            if (point > 100)
+                point += 2;
         }
         printf("%s: %d crash points\n", op.name, points);
         EXPECT_GT(points, 20);
@@ -204,29 +222,38 @@ TEST(RoutesOfALiveOwner, AreNeverSeenHalfMade) {
     kit::child client([&](const kit::post &parent) {
         kit::start how;
         how.attach_only = 1;
-        if (kit::start_library(how) != 0) return 2;
+        if (kit::start_library(how) != 0)
+            return 2;
         auto *seen = table();
-        if (seen == nullptr) return 3;
+        if (seen == nullptr)
+            return 3;
         parent.tell('r');
         uint32_t found = 0;
         uint32_t next = 1;
         while (next <= count) {
             ipv4mc_route_entry_st *route = nullptr;
             const key k = sg(next);
-            if (operate(IPV4MC_ACTION_EXACT_LOOKUP, seen, k, &route, nullptr) != 0) return 4;
-            if (route == nullptr) continue;
+            if (operate(IPV4MC_ACTION_EXACT_LOOKUP, seen, k, &route, nullptr) != 0)
+                return 4;
+            if (route == nullptr)
+                continue;
             ++next;
             ++found;
-            if (route->attributes != 0x5500 || route->table != seen) return 5;
-            if (memcmp(&route->group, &k.group, sizeof(k.group)) != 0) return 6;
+            if (route->attributes != 0x5500 || route->table != seen)
+                return 5;
+            if (memcmp(&route->group, &k.group, sizeof(k.group)) != 0)
+                return 6;
             uint32_t intfs = 0;
             for (auto *entry = ip6mc_get_first_intf(route, MRIB_INTF_ANY); entry != nullptr;
                  entry = ip6mc_get_next_intf(route, entry, MRIB_INTF_ANY)) {
-                if (entry->attributes != 0x700 || entry->route != route) return 7;
+                if (entry->attributes != 0x700 || entry->route != route)
+                    return 7;
                 ++intfs;
             }
-            if (intfs < 2 || intfs > 3) return 8;
-            if (ip6mc_intf_route_lookup(route, 0, wan, 0, 0) == nullptr) return 9;
+            if (intfs < 2 || intfs > 3)
+                return 8;
+            if (ip6mc_intf_route_lookup(route, 0, wan, 0, 0) == nullptr)
+                return 9;
         }
         return found == count ? 0 : 10;
     });

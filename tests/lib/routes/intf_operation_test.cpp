@@ -88,7 +88,9 @@ TEST_F(IntfOperation, CreateNamesToThePlatformAndJoinsNothing) {
     ipv4mc_intf_entry_st *found = entry;
     EXPECT_EQ(intf_operate(IPV4MC_ACTION_LOOKUP, route, on_wan, &found, 0), 0U);
     EXPECT_EQ(found, nullptr);
-    EXPECT_EQ(heard.lines(IPV4_DEBUG_OBJ_ID), texts{"Allocating for intf 0x100 " + route_text.substr(0, route_text.size() - 1) + ", v:red)"});
+    EXPECT_EQ(heard.lines(IPV4_DEBUG_OBJ_ID),
+              texts{"Allocating for intf 0x100 " + route_text.substr(0, route_text.size() - 1) +
+                    ", v:red)"});
     EXPECT_EQ(intf_operate(IPV4MC_ACTION_COMMIT, route, on_wan, &entry, 1), 0U);
     EXPECT_EQ(route->intf_list, entry);
     EXPECT_EQ(entry->route, route);
@@ -115,8 +117,8 @@ TEST_F(IntfOperation, CreateOnAnExistingKeyAnswers17AndProgramsAgain) {
     EXPECT_TRUE(errors().empty());
     sim_arm_fault(SIM_OP_INTF, IPV4MC_ACTION_CREATE, 0, 1, 5);
     EXPECT_EQ(intf_operate(IPV4MC_ACTION_CREATE, route, on_wan, &again, 0), 5U);
-    EXPECT_EQ(only(errors()), "platform CREATE failed on existing I/F " + name_of(wan) + " " + route_text + ": " +
-                                  cerr_strerror(5));
+    EXPECT_EQ(only(errors()), "platform CREATE failed on existing I/F " + name_of(wan) + " " +
+                                  route_text + ": " + cerr_strerror(5));
     EXPECT_EQ(again, entry);
     fim_arm(mlib_fim_hdl, MLIB_FAULT_INTF_CREATE, 0, 1);
     EXPECT_EQ(intf_operate(IPV4MC_ACTION_CREATE, route, on_wan, &again, 0), 11U);
@@ -137,8 +139,8 @@ TEST_F(IntfOperation, APlatformFailureOrFaultAtCreateLeavesNoEntry) {
     const uint32_t live = ipv4mc_desc->shmwin_info->alloc_count[IPMC_SHMWIN_ALLOC_INTF];
     sim_arm_fault(SIM_OP_INTF, IPV4MC_ACTION_CREATE, 0, 1, 5);
     EXPECT_EQ(intf_operate(IPV4MC_ACTION_CREATE, route, on_wan, &entry, 1), 5U);
-    EXPECT_EQ(only(errors()),
-              "platform CREATE failed new I/F " + name_of(wan) + " " + route_text + ": " + cerr_strerror(5));
+    EXPECT_EQ(only(errors()), "platform CREATE failed new I/F " + name_of(wan) + " " + route_text +
+                                  ": " + cerr_strerror(5));
     EXPECT_EQ(entry, nullptr);
     fim_arm(mlib_fim_hdl, MLIB_FAULT_INTF_CREATE, 0, 1);
     EXPECT_EQ(intf_operate(IPV4MC_ACTION_CREATE, route, on_wan, &entry, 1), 11U);
@@ -157,8 +159,8 @@ TEST_F(IntfOperation, CommitOfANewEntryUnwindsWhatItJoined) {
         }
         forget();
         EXPECT_EQ(intf_operate(IPV4MC_ACTION_COMMIT, route, on_wan, &entry, 1), 11U);
-        EXPECT_EQ(only(errors()),
-                  "platform COMMIT failed on new I/F Ha0x100 " + route_text + ": " + cerr_strerror(11));
+        EXPECT_EQ(only(errors()), "platform COMMIT failed on new I/F Ha0x100 " + route_text + ": " +
+                                      cerr_strerror(11));
         EXPECT_EQ(entry, nullptr);
         EXPECT_EQ(route->intf_list, nullptr);
         EXPECT_EQ(idb_of(wan), nullptr);  // the last route has left it
@@ -175,8 +177,8 @@ TEST_F(IntfOperation, CommitOfAnExistingEntryTakesTheArgument) {
     EXPECT_EQ(platform_calls(), texts{"intf 8 new 0 -> 0"});
     sim_arm_fault(SIM_OP_INTF, IPV4MC_ACTION_COMMIT, 0, 1, 5);
     EXPECT_EQ(intf_operate(IPV4MC_ACTION_COMMIT, route, on_wan, &entry, 0, 0, 98), 5U);
-    EXPECT_EQ(only(errors()), "platform COMMIT failed on existing I/F " + name_of(wan) + " " + route_text + ": " +
-                                  cerr_strerror(5));
+    EXPECT_EQ(only(errors()), "platform COMMIT failed on existing I/F " + name_of(wan) + " " +
+                                  route_text + ": " + cerr_strerror(5));
     EXPECT_EQ(entry->intf_arg, 98U);
     EXPECT_EQ(route->intf_list, entry);
     fim_arm(mlib_fim_hdl, MLIB_FAULT_INTF_COMMIT, 0, 1);
@@ -194,9 +196,10 @@ TEST_F(IntfOperation, ASecondEntryWithTheSameKeyIsRefusedAndLeavesTheInterface) 
     EXPECT_EQ(intf_operate(IPV4MC_ACTION_COMMIT, route, on_wan, &second, 1), 22U);
     const auto said = errors();
     ASSERT_EQ(said.size(), 2U);
-    EXPECT_EQ(said[0], "Cannot add intf [" + name_of(wan) + "/0.0.0.0/0] to intf_tree. " + route_text +
-                           ": handles [0x100/0x100]");
-    EXPECT_EQ(said[1], "Failed to add on new I/F" + name_of(wan) + " to " + route_text + ": " + cerr_strerror(22));
+    EXPECT_EQ(said[0], "Cannot add intf [" + name_of(wan) + "/0.0.0.0/0] to intf_tree. " +
+                           route_text + ": handles [0x100/0x100]");
+    EXPECT_EQ(said[1], "Failed to add on new I/F" + name_of(wan) + " to " + route_text + ": " +
+                           cerr_strerror(22));
     EXPECT_EQ(second->on_idb_list, 0);
     EXPECT_EQ(idb_of(wan)->route_count, 1U);
     EXPECT_EQ(intf_operate(IPV4MC_ACTION_CLEAR, route, on_wan, &second, 1), 0U);
@@ -225,7 +228,8 @@ TEST_F(IntfOperation, WithoutInterfaceHalfACommitJoinsNothing) {
     EXPECT_EQ(intf_operate(IPV4MC_ACTION_COMMIT, route, on_wan, &entry, 1), 9U);
     const auto said = errors();
     ASSERT_FALSE(said.empty());
-    EXPECT_TRUE(said.back().starts_with("Unable to add " + route_text + " to IDB for new ")) << said.back();
+    EXPECT_TRUE(said.back().starts_with("Unable to add " + route_text + " to IDB for new "))
+        << said.back();
     EXPECT_EQ(route->intf_list, nullptr);
     EXPECT_EQ(platform_calls(), texts{});
     start_interfaces();
@@ -268,16 +272,17 @@ TEST_F(IntfOperation, DeleteFindsItsEntryOrSaysWhyNot) {
     auto *entry = join(route, on_wan);
     forget();
     EXPECT_EQ(intf_operate(IPV4MC_ACTION_DELETE, route, on_wan, &entry, 1), 2U);
-    EXPECT_EQ(heard.lines(IPV4_DEBUG_WRN), texts{"Cannot delete NON-EXISTING interface  " + name_of(wan) + " " +
-                                                 route_text + " action 4 DELETE"});
+    EXPECT_EQ(heard.lines(IPV4_DEBUG_WRN),
+              texts{"Cannot delete NON-EXISTING interface  " + name_of(wan) + " " + route_text +
+                    " action 4 DELETE"});
     ipv4mc_intf_entry_st *none = nullptr;
     EXPECT_EQ(intf_operate(IPV4MC_ACTION_DELETE, route, on_lan, &none, 0), 2U);
     EXPECT_EQ(only(errors()), "Interface " + name_of(lan) + " does not exist in " + route_text +
                                   " even though it is NOT new action 4 DELETE");
     sim_arm_fault(SIM_OP_INTF, IPV4MC_ACTION_DELETE, 0, 1, 5);
     EXPECT_EQ(intf_operate(IPV4MC_ACTION_DELETE, route, on_wan, &entry, 0), 5U);
-    EXPECT_EQ(only(errors()), "platform DELETE failed on existing I/F " + name_of(wan) + "  " + route_text + ": " +
-                                  cerr_strerror(5));
+    EXPECT_EQ(only(errors()), "platform DELETE failed on existing I/F " + name_of(wan) + "  " +
+                                  route_text + ": " + cerr_strerror(5));
     EXPECT_EQ(route->intf_list, entry);
     EXPECT_EQ(intf_operate(IPV4MC_ACTION_DELETE, route, on_wan, nullptr, 0), 0U);
     EXPECT_EQ(route->intf_list, nullptr);
@@ -290,8 +295,8 @@ TEST_F(IntfOperation, ClearIsForWhatWasNeverCommitted) {
     sim_arm_fault(SIM_OP_INTF, IPV4MC_ACTION_CLEAR, 0, 1, 5);
     forget();
     EXPECT_EQ(intf_operate(IPV4MC_ACTION_CLEAR, route, on_wan, &entry, 1), 5U);
-    EXPECT_EQ(only(errors()),
-              "Platform CLEAR operation failed on " + name_of(wan) + " " + route_text + ": " + cerr_strerror(5));
+    EXPECT_EQ(only(errors()), "Platform CLEAR operation failed on " + name_of(wan) + " " +
+                                  route_text + ": " + cerr_strerror(5));
     ASSERT_NE(entry, nullptr);
     forget();
     EXPECT_EQ(intf_operate(IPV4MC_ACTION_CLEAR, route, on_wan, &entry, 1), 0U);
@@ -306,8 +311,8 @@ TEST_F(IntfOperation, AmtStatisticsAreClearedAtThePlatform) {
     EXPECT_EQ(platform_calls(), texts{"intf 22 new 0 -> 0"});
     sim_arm_fault(SIM_OP_INTF, 22, 0, 1, 5);
     EXPECT_EQ(intf_operate(22, route, amt(wan, 1), &entry, 0), 5U);
-    EXPECT_EQ(only(errors()), "Platform AMT STAT CLEAR operation failed on " + name_of(wan) + " " + route_text + ": " +
-                                  cerr_strerror(5));
+    EXPECT_EQ(only(errors()), "Platform AMT STAT CLEAR operation failed on " + name_of(wan) + " " +
+                                  route_text + ": " + cerr_strerror(5));
 }
 
 TEST_F(IntfOperation, AMarkedRouteIsNotProgrammed) {
@@ -350,13 +355,16 @@ TEST_F(IntfOperation, LinksAreCheckedBeforeTheyAreChanged) {
     EXPECT_EQ(ipv4mc_intf_route_delete(nullptr, nullptr), 22U);
     EXPECT_EQ(only(errors()), "NULL intf route");
     EXPECT_EQ(ipv4mc_intf_route_add(route, a), 22U);
-    EXPECT_EQ(only(errors()), "Cannot add " + name_of(wan) + " to " + route_text + ": I/F is 1st linked list ");
+    EXPECT_EQ(only(errors()),
+              "Cannot add " + name_of(wan) + " to " + route_text + ": I/F is 1st linked list ");
     auto *b = join(route, on_lan);
     forget();
     EXPECT_EQ(ipv4mc_intf_route_add(route, a), 22U);
-    EXPECT_EQ(only(errors()), "Cannot add " + name_of(wan) + " to " + route_text + ": NON-NULL prev_intf ");
+    EXPECT_EQ(only(errors()),
+              "Cannot add " + name_of(wan) + " to " + route_text + ": NON-NULL prev_intf ");
     EXPECT_EQ(ipv4mc_intf_route_add(route, b), 22U);
-    EXPECT_EQ(only(errors()), "Cannot add " + name_of(lan) + " to " + route_text + ": NON-NULL NEXT_intf I/F is 1st linked list ");
+    EXPECT_EQ(only(errors()), "Cannot add " + name_of(lan) + " to " + route_text +
+                                  ": NON-NULL NEXT_intf I/F is 1st linked list ");
     b->prev_intf = a;
     EXPECT_EQ(ipv4mc_intf_route_delete(route, b), 22U);
     EXPECT_EQ(only(errors()), "Cannot delete " + name_of(lan) + " from " + route_text +
@@ -390,7 +398,8 @@ TEST_F(IntfOperation, StatisticsAreClearedWhereTheyCounted) {
     platform_ifhandle_set(wan, ~0U);
     auto *local = join(route, on_wan, MRIB_INTF_EG);
     auto *other = join(route, on_lan, MRIB_INTF_SP);
-    for (auto *entry : {local, other}) memset(&entry->intf_stats, 0x5a, sizeof(entry->intf_stats));
+    for (auto *entry : {local, other})
+        memset(&entry->intf_stats, 0x5a, sizeof(entry->intf_stats));
     ipv4mc_interface_stats_clear(route);
     EXPECT_EQ(other->intf_stats.counted[0], 0x5a5a5a5aU);
     if (local->intf_stats.counted[0] != 0) {
@@ -416,9 +425,10 @@ TEST_F(IntfOperation, TheWholeRoadOfARouteInOrder) {
     ASSERT_EQ(commit(table, route, 1), 0U);
     texts seen;
     for (const auto &call : platform_calls()) {
-        if (!call.starts_with("idb")) seen.push_back(call);
+        if (!call.starts_with("idb"))
+            seen.push_back(call);
     }
-    EXPECT_EQ(seen, (texts{"intf 3 new 1 -> 0", "intf 8 new 1 -> 0", "intf 3 new 1 -> 0", "intf 8 new 1 -> 0",
-                           "route 8 new 1 -> 0"}));
+    EXPECT_EQ(seen, (texts{"intf 3 new 1 -> 0", "intf 8 new 1 -> 0", "intf 3 new 1 -> 0",
+                           "intf 8 new 1 -> 0", "route 8 new 1 -> 0"}));
     EXPECT_EQ(sim_find_intf(table->tid, &route->source, &route->group, 256, wan, nullptr), 0U);
 }

@@ -1,7 +1,6 @@
-#include "tests/lib/routes/bed.h"
-
 #include "services/gtrie/gtrie.h"
 #include "services/window/setup.h"
+#include "tests/lib/routes/bed.h"
 
 using namespace bed;
 using RouteOperation = bed::Test;
@@ -50,8 +49,9 @@ TEST_F(RouteOperation, NullPointersAreToldApart) {
     auto said = errors();
     ASSERT_EQ(said.size(), 2U);
     EXPECT_EQ(said[0], "Action is COMMIT but route_entry is NULL ");
-    EXPECT_EQ(said[1], "Rte-V2: route operation failed for 0xe0000005 (2001:db8::1, ff3e::1) action 0x8 - " +
-                           std::string(cerr_strerror(22)));
+    EXPECT_EQ(said[1],
+              "Rte-V2: route operation failed for 0xe0000005 (2001:db8::1, ff3e::1) action 0x8 - " +
+                  std::string(cerr_strerror(22)));
     EXPECT_EQ(operate(IPV4MC_ACTION_COMMIT, table, sg(1), &route, &is_new), 22U);
     EXPECT_EQ(errors()[0], "Action is COMMIT but  *route_entry is NULL");
     for (const uint32_t action : every_action) {
@@ -85,9 +85,11 @@ TEST_F(RouteOperation, ADetachedLeafIsFoundByNobody) {
                      "Success lookup cannot find (2001:db8::1,ff3e::1/256)"}));
     EXPECT_EQ(commit(table, route, 1), 0U);
     EXPECT_EQ(find(table, sg(1)), route);
-    EXPECT_EQ(heard.lines(IPV4_DEBUG_ROUTE_COMMIT), texts{"Committed new route (2001:db8::1,ff3e::1/256)"});
+    EXPECT_EQ(heard.lines(IPV4_DEBUG_ROUTE_COMMIT),
+              texts{"Committed new route (2001:db8::1,ff3e::1/256)"});
     EXPECT_EQ(platform_calls(), texts{"route 8 new 1 -> 0"});
-    EXPECT_EQ(heard.lines(IPV4_DEBUG_OBJ_ID), texts{"Allocated for route (2001:db8::1,ff3e::1/256, v:red)"});
+    EXPECT_EQ(heard.lines(IPV4_DEBUG_OBJ_ID),
+              texts{"Allocated for route (2001:db8::1,ff3e::1/256, v:red)"});
     EXPECT_TRUE(errors().empty());
 }
 
@@ -96,7 +98,8 @@ TEST_F(RouteOperation, LookupIsALongestMatchAndExactLookupIsNot) {
     auto *wide = add(table, star_g("ff3e::1"));
     auto *exact = add(table, sg(1));
     EXPECT_EQ(find(table, sg(1), IPV4MC_ACTION_LOOKUP), exact);
-    EXPECT_EQ(find(table, {address("2001:db8::2"), address("ff3e::1"), 256}, IPV4MC_ACTION_LOOKUP), wide);
+    EXPECT_EQ(find(table, {address("2001:db8::2"), address("ff3e::1"), 256}, IPV4MC_ACTION_LOOKUP),
+              wide);
     // The length plays no part in a longest match.
     EXPECT_EQ(find(table, {{}, address("ff3e::1"), 3}, IPV4MC_ACTION_LOOKUP), wide);
     EXPECT_EQ(find(table, sg(77), IPV4MC_ACTION_LOOKUP), range);
@@ -136,8 +139,9 @@ TEST_F(RouteOperation, AnImpossibleLengthIsATrieError) {
     EXPECT_EQ(table->rate_route_count, 0);
     const auto said = errors();
     ASSERT_EQ(said.size(), 2U);
-    EXPECT_EQ(said[0], "Cannot create/lookup in ingress table for (*,ff3e::/300) action 3 CREATE Error: " +
-                           std::string(cerr_strerror(GTRIE_E_LENGTH)) + " ");
+    EXPECT_EQ(said[0],
+              "Cannot create/lookup in ingress table for (*,ff3e::/300) action 3 CREATE Error: " +
+                  std::string(cerr_strerror(GTRIE_E_LENGTH)) + " ");
 }
 
 TEST_F(RouteOperation, ATableWithoutTrieGives14ToAll) {
@@ -180,7 +184,8 @@ TEST_F(RouteOperation, WithoutRoomForTheRateRecordNothingIsLeft) {
     shmwin_set_growth_limit(ipv4mc_desc->shmwin_id, 1);
     std::vector<void *> held;
     for (const size_t size : {65536, 4096, 512, 192, 64}) {
-        for (void *block = ip6mc_shmwin_malloc(size); block != nullptr; block = ip6mc_shmwin_malloc(size)) {
+        for (void *block = ip6mc_shmwin_malloc(size); block != nullptr;
+             block = ip6mc_shmwin_malloc(size)) {
             held.push_back(block);
         }
     }
@@ -207,7 +212,8 @@ TEST_F(RouteOperation, WithoutRoomForTheRateRecordNothingIsLeft) {
     EXPECT_EQ(operate(15, table, sg(98), &second_spare, &is_new), 12U);
     EXPECT_EQ(heard.lines(IPV4_DEBUG_ROUTE),
               texts{"ENABLE can not allocate memory for route rate (2001:db8::1,ff3e::62/256)"});
-    for (void *block : held) ip6mc_shmwin_free(block);
+    for (void *block : held)
+        ip6mc_shmwin_free(block);
 }
 
 TEST_F(RouteOperation, CleanupNamesWhatIsMissing) {
@@ -217,15 +223,18 @@ TEST_F(RouteOperation, CleanupNamesWhatIsMissing) {
     ip6mc_route_oper_create_fail_cleanup(nullptr, &route, table->ingress_gtrie);
     ip6mc_route_oper_create_fail_cleanup(table, nullptr, table->ingress_gtrie);
     ip6mc_route_oper_create_fail_cleanup(table, &none, nullptr);
-    EXPECT_EQ(errors(),
-              (texts{"ipv4mc_route_oper_create_fail_cleanup INVAL PARAMS t:n, r_e:y, r:y, gtrie_hndl:y",
-                     "ipv4mc_route_oper_create_fail_cleanup INVAL PARAMS t:y, r_e:n, r:n, gtrie_hndl:y",
-                     "ipv4mc_route_oper_create_fail_cleanup INVAL PARAMS t:y, r_e:y, r:n, gtrie_hndl:n"}));
+    EXPECT_EQ(
+        errors(),
+        (texts{
+            "ipv4mc_route_oper_create_fail_cleanup INVAL PARAMS t:n, r_e:y, r:y, gtrie_hndl:y",
+            "ipv4mc_route_oper_create_fail_cleanup INVAL PARAMS t:y, r_e:n, r:n, gtrie_hndl:y",
+            "ipv4mc_route_oper_create_fail_cleanup INVAL PARAMS t:y, r_e:y, r:n, gtrie_hndl:n"}));
     ASSERT_EQ(commit(table, route, 1), 0U);
     const int32_t count = table->rate_route_count;
     ipv4mc_route_entry_st *published = route;
     ip6mc_route_oper_create_fail_cleanup(table, &published, table->ingress_gtrie);
-    expect_key(errors()[0], "ipv4mc_route_oper_create_fail_cleanup: Cannot free gtrie leaf Error: ");
+    expect_key(errors()[0],
+               "ipv4mc_route_oper_create_fail_cleanup: Cannot free gtrie leaf Error: ");
     EXPECT_EQ(published, nullptr);
     EXPECT_EQ(table->rate_route_count, count - 1);
     EXPECT_EQ(find(table, sg(1)), route);
@@ -239,8 +248,10 @@ TEST_F(RouteOperation, APlatformFailureLeavesANewRouteDetached) {
     EXPECT_EQ(find(table, sg(1)), nullptr);
     const auto said = errors();
     ASSERT_EQ(said.size(), 2U);
-    EXPECT_EQ(said[0], "Platform specific route operation failed (2001:db8::1,ff3e::1/256) action 8 COMMIT Error 5 " +
-                           std::string(cerr_strerror(5)) + " ");
+    EXPECT_EQ(said[0],
+              "Platform specific route operation failed (2001:db8::1,ff3e::1/256) action 8 COMMIT "
+              "Error 5 " +
+                  std::string(cerr_strerror(5)) + " ");
     EXPECT_EQ(commit(table, route, 1), 0U);
     EXPECT_EQ(find(table, sg(1)), route);
     // Of an existing one without the trailing blank; the word that the caller wrote stays.
@@ -249,7 +260,8 @@ TEST_F(RouteOperation, APlatformFailureLeavesANewRouteDetached) {
     forget();
     EXPECT_EQ(commit(table, route, 0, 0), 5U);
     EXPECT_EQ(errors()[0],
-              "Platform specific route operation failed (2001:db8::1,ff3e::1/256) action 8 COMMIT Error 5 " +
+              "Platform specific route operation failed (2001:db8::1,ff3e::1/256) action 8 COMMIT "
+              "Error 5 " +
                   std::string(cerr_strerror(5)));
     EXPECT_EQ(route->attributes, 0x400U);
     EXPECT_EQ(find(table, sg(1)), route);
@@ -285,18 +297,19 @@ TEST_F(RouteOperation, OldAttributesGoToThePlatformOnlyForAnExistingRoute) {
     auto *route = create(table, sg(1));
     int is_new = 1;
     const key k = sg(1);
-    EXPECT_EQ(ip6mc_route_operation(IPV4MC_ACTION_COMMIT, table, &k.source, &k.group, 256, nullptr, &route, 0x700, 9,
-                                    &is_new),
+    EXPECT_EQ(ip6mc_route_operation(IPV4MC_ACTION_COMMIT, table, &k.source, &k.group, 256, nullptr,
+                                    &route, 0x700, 9, &is_new),
               0U);
     EXPECT_EQ(sim_log_at(sim_log_count() - 1)->old_attributes, 0U);
     EXPECT_EQ(sim_log_at(sim_log_count() - 1)->value, 0U);
     is_new = 0;
-    EXPECT_EQ(ip6mc_route_operation(IPV4MC_ACTION_COMMIT, table, &k.source, &k.group, 256, nullptr, &route, 0x700, 9,
-                                    &is_new),
+    EXPECT_EQ(ip6mc_route_operation(IPV4MC_ACTION_COMMIT, table, &k.source, &k.group, 256, nullptr,
+                                    &route, 0x700, 9, &is_new),
               0U);
     EXPECT_EQ(sim_log_at(sim_log_count() - 1)->old_attributes, 0x700U);
     EXPECT_EQ(sim_log_at(sim_log_count() - 1)->value, 9U);
-    EXPECT_EQ(heard.lines(IPV4_DEBUG_ROUTE_COMMIT).back(), "Committed Existing route (2001:db8::1,ff3e::1/256)");
+    EXPECT_EQ(heard.lines(IPV4_DEBUG_ROUTE_COMMIT).back(),
+              "Committed Existing route (2001:db8::1,ff3e::1/256)");
 }
 
 TEST_F(RouteOperation, AChildWithoutParentIsCommittedAllTheSame) {
@@ -308,14 +321,17 @@ TEST_F(RouteOperation, AChildWithoutParentIsCommittedAllTheSame) {
 
 TEST_F(RouteOperation, AChildFindsItsParentWhenItIsCommittedAndWhenItTurns) {
     auto *parent = add(table, star_g("ff3e::", 16));
-    parent->attributes = MRIB_ROUTE_IF;  // not by COMMIT: that would turn children, which others test
+    parent->attributes =
+        MRIB_ROUTE_IF;  // not by COMMIT: that would turn children, which others test
     forget();
     auto *child = add(table, sg(1), MRIB_ROUTE_IA);
     EXPECT_EQ(child->IF_parent, parent);
     auto lines = heard.lines(IPV4_DEBUG_EV);
     bool told = false;
     for (const auto &line : lines) {
-        told |= line.ends_with("] Route (2001:db8::1,ff3e::1/256). New IF parent is (*,ff3e::/16)") && line[0] == '[';
+        told |=
+            line.ends_with("] Route (2001:db8::1,ff3e::1/256). New IF parent is (*,ff3e::/16)") &&
+            line[0] == '[';
     }
     EXPECT_TRUE(told);
     child->attributes = 0;
@@ -329,6 +345,38 @@ TEST_F(RouteOperation, AChildFindsItsParentWhenItIsCommittedAndWhenItTurns) {
         told |= line.ends_with("IA unset action COMMIT ");
     }
     EXPECT_TRUE(told);
+}
+
+TEST_F(RouteOperation, ChildrenTurnToANewParentBehindThePlatformAndAwayAheadOfIt) {
+    auto *wide = add(table, star_g("ff3e::", 16), MRIB_ROUTE_IF);
+    auto *child = add(table, sg(1), MRIB_ROUTE_IA);
+    ASSERT_EQ(child->IF_parent, wide);
+    auto *near = create(table, star_g("ff3e::", 96));
+    near->attributes = MRIB_ROUTE_IF;
+    forget();
+    ASSERT_EQ(commit(table, near, 1), 0U);
+    EXPECT_EQ(child->IF_parent, near);
+    auto calls = platform_calls();
+    ASSERT_EQ(calls.size(), 2U);
+    EXPECT_EQ(calls[0], "route 8 new 1 -> 0");
+    EXPECT_TRUE(calls[1].starts_with(sim_op_name(SIM_OP_CHANGE_IF_PARENT))) << calls[1];
+    near->attributes = 0;
+    ASSERT_EQ(commit(table, near, 0, MRIB_ROUTE_IF), 0U);
+    EXPECT_EQ(child->IF_parent, wide);
+    calls = platform_calls();
+    ASSERT_EQ(calls.size(), 2U);
+    EXPECT_TRUE(calls[0].starts_with(sim_op_name(SIM_OP_CHANGE_IF_PARENT))) << calls[0];
+    EXPECT_EQ(calls[1], "route 8 new 0 -> 0");
+    near->attributes = MRIB_ROUTE_IF;
+    ASSERT_EQ(commit(table, near, 0, 0), 0U);
+    EXPECT_EQ(child->IF_parent, near);
+    EXPECT_EQ(platform_calls()[0], "route 8 new 0 -> 0");
+    // A platform that refuses keeps the children where they were.
+    auto *nearer = create(table, star_g("ff3e::", 120));
+    nearer->attributes = MRIB_ROUTE_IF;
+    sim_arm_fault(SIM_OP_ROUTE, IPV4MC_ACTION_COMMIT, 0, 1, 5);
+    EXPECT_EQ(commit(table, nearer, 1), 5U);
+    EXPECT_EQ(child->IF_parent, near);
 }
 
 TEST_F(RouteOperation, ATrieThatRefusesTheLeafStopsTheLibrary) {
@@ -431,7 +479,8 @@ TEST_F(RouteOperation, RateKeepsItsRecordAndNotTheFlag) {
     EXPECT_EQ(heard.lines(IPV4_DEBUG_ROUTE)[0], "Data MDT enabled route. Skip");
     forget();
     EXPECT_EQ(operate(16, table, sg(1), &route, &is_new), 0U);
-    EXPECT_EQ(heard.lines(IPV4_DEBUG_ROUTE)[0], "Disable Freed mem for rate struct for (2001:db8::1,ff3e::1/256)");
+    EXPECT_EQ(heard.lines(IPV4_DEBUG_ROUTE)[0],
+              "Disable Freed mem for rate struct for (2001:db8::1,ff3e::1/256)");
     EXPECT_EQ(route->rate, nullptr);
     EXPECT_EQ(route->rate_per_route, 1);
     route->rate_per_route = route->mdt_candidate = 0;

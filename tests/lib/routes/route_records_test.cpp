@@ -4,7 +4,8 @@ using namespace bed;
 using Records = bed::Test;
 
 TEST_F(Records, ASourceMakesTheKeyExactWhateverTheLength) {
-    const ipv4mc_route_entry_st *route = create(table, {address("2001:db8::9"), address("ff3e::1"), 64});
+    const ipv4mc_route_entry_st *route =
+        create(table, {address("2001:db8::9"), address("ff3e::1"), 64});
     EXPECT_EQ(route->pfx_len, 256);
     EXPECT_EQ(route->group_mask_len, 128);
 }
@@ -18,8 +19,8 @@ TEST_F(Records, ARangeKeepsItsLength) {
 TEST_F(Records, InitTouchesWhatItOwnsAndNoMore) {
     auto *route = create(table, sg(1));
     auto *marker = reinterpret_cast<ipv4mc_route_entry_st *>(uintptr_t{0x1000});
-    route->memd_next[0] = route->memd_prev[1] = route->mdt_cand_next = route->mt_upd_prev = route->amt_upd_prev =
-        marker;
+    route->memd_next[0] = route->memd_prev[1] = route->mdt_cand_next = route->mt_upd_prev =
+        route->amt_upd_prev = marker;
     route->mofrr_upd_next = route->mofrr_upd_prev = marker;
     route->route_counters[5] = 7;
     route->mdt_candidate = 1;
