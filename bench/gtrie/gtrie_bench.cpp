@@ -2,13 +2,15 @@
 //
 // Memory comes from a shared mapping as the window's does, with a log bound, so that each store
 // pays for its journal entry. Counters: bytes_per_leaf is all memory of the trie less the records;
-// ratio is not printed: divide the rows.
+// BesideMap takes turns with the map and gives medians and their ratios, which hold on a machine
+// that does other things meanwhile.
 #include <absl/container/flat_hash_map.h>
 #include <benchmark/benchmark.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -200,6 +202,96 @@ void LongestThreeLengths(benchmark::State &state) {
     lookup(state, question::longest, true);
 }
 
+uint64_t thread_ns() {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
+}
+
+// Nanoseconds for one of `turn` calls with keys in the order from `from` on.
+template <class Ask>
+double ask_in_turn(const std::vector<key> &keys, const std::vector<uint32_t> &order, size_t from,
+                   Ask &&ask) {
+    constexpr size_t turn = 300000;
+    const uint64_t start = thread_ns();
+    for (size_t i = from; i < from + turn; ++i) {
+        benchmark::DoNotOptimize(ask(keys[order[i & (order.size() - 1)]]));
+    }
+    return static_cast<double>(thread_ns() - start) / static_cast<double>(turn);
+}
+
+double median(std::vector<double> &values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+void BesideMap(benchmark::State &state) {
+    open_arena();
+    const auto keys = random_keys(static_cast<size_t>(state.range(0)), 1);
+    const auto order = probe_order(keys.size());
+    absl::flat_hash_map<key, void *, bits_hash> map;
+    void *trie = open_trie();
+    for (const key &k : keys) {
+        map[k] = add(trie, k, 256);
+    }
+    std::vector<double> of_map;
+    std::vector<double> of_exact;
+    std::vector<double> of_longest;
+    size_t from = 0;
+    for (auto _ : state) {
+        of_map.push_back(ask_in_turn(keys, order, from, [&](const key &k) { return map.find(k); }));
+        of_exact.push_back(ask_in_turn(keys, order, from, [&](const key &k) {
+            return ip6mc_gtrie_lookup_exact(trie, k.data(), 256, nullptr);
+        }));
+        of_longest.push_back(ask_in_turn(keys, order, from, [&](const key &k) {
+            return ip6mc_gtrie_lookup(trie, k.data(), nullptr);
+        }));
+        from += 700001;
+    }
+    const double base = median(of_map);
+    state.counters["map_ns"] = base;
+    state.counters["exact_ns"] = median(of_exact);
+    state.counters["longest_ns"] = median(of_longest);
+    state.counters["exact_ratio"] = median(of_exact) / base;
+    state.counters["longest_ratio"] = median(of_longest) / base;
+}
+
+// What a caller of the library pays for one key: the buffer, its length, the lookup.
+void KeyAndLookup(benchmark::State &state) {
+    open_arena();
+    const auto keys = random_keys(static_cast<size_t>(state.range(0)), 1);
+    const auto order = probe_order(keys.size());
+    void *trie = open_trie();
+    for (const key &k : keys) {
+        add(trie, k, 256);
+    }
+    size_t i = 0;
+    for (auto _ : state) {
+        const key &k = keys[order[i++ & (order.size() - 1)]];
+        uint8_t prefix[GTRIE_PREFIX_BYTES] = {};
+        uint32_t length = 256;
+        ip6mc_gtrie_platform_make_prefix(trie, prefix, k.data() + 16, k.data());
+        ip6mc_gtrie_platform_get_pfx_len_adjusted(trie, &length);
+        benchmark::DoNotOptimize(ip6mc_gtrie_platform_lookup_exact(trie, prefix, length, nullptr));
+    }
+}
+
+void MakePrefix(benchmark::State &state) {
+    open_arena();
+    void *trie = open_trie();
+    const auto keys = random_keys(1024, 1);
+    uint8_t prefix[GTRIE_PREFIX_BYTES] = {};
+    size_t i = 0;
+    for (auto _ : state) {
+        const key &k = keys[i++ & 1023];
+        uint32_t length = 256;
+        ip6mc_gtrie_platform_make_prefix(trie, prefix, k.data() + 16, k.data());
+        ip6mc_gtrie_platform_get_pfx_len_adjusted(trie, &length);
+        benchmark::DoNotOptimize(length);
+        benchmark::ClobberMemory();
+    }
+}
+
 // A key that no (S,G) has: all lengths are probed down to the range.
 void LongestFallsToRange(benchmark::State &state) {
     open_arena();
@@ -332,7 +424,11 @@ void LessSpecific(benchmark::State &state) {
     _exit(0);
 }
 
-void Reader(benchmark::State &state, bool disturbed) {
+// Where the writer works: nowhere, in a trie that nobody reads (what the machine alone makes of two
+// busy processors), or in the reader's.
+enum class writer { none, elsewhere, beside };
+
+void Reader(benchmark::State &state, writer works) {
     open_arena();
     reuse_delay = 20000;
     auto *area = static_cast<shared_area *>(mmap(
@@ -343,6 +439,8 @@ void Reader(benchmark::State &state, bool disturbed) {
     for (const key &k : keys) {
         add(area->handle, k, 256);
     }
+    void *written = works == writer::beside ? area->handle : open_trie();
+    const bool disturbed = works != writer::none;
     const pid_t child = fork();
     if (child == 0) {
         read_for_ever(area, keys);
@@ -367,11 +465,11 @@ void Reader(benchmark::State &state, bool disturbed) {
         }
         while (disturbed && passed() < 0.5) {
             for (size_t i = 0; i < others.size(); ++i) {
-                leaves[i] = add(area->handle, others[i], 256);
+                leaves[i] = add(written, others[i], 256);
             }
             for (void *leaf : leaves) {
-                ip6mc_gtrie_leaf_delete(area->handle, leaf, nullptr);
-                ip6mc_gtrie_leaf_free(area->handle, leaf);
+                ip6mc_gtrie_leaf_delete(written, leaf, nullptr);
+                ip6mc_gtrie_leaf_free(written, leaf);
             }
             changes += 2 * others.size();
         }
@@ -388,13 +486,20 @@ void Reader(benchmark::State &state, bool disturbed) {
 }
 
 void ReaderAlone(benchmark::State &state) {
-    Reader(state, false);
+    Reader(state, writer::none);
+}
+void ReaderBesideStranger(benchmark::State &state) {
+    Reader(state, writer::elsewhere);
 }
 void ReaderBesideWriter(benchmark::State &state) {
-    Reader(state, true);
+    Reader(state, writer::beside);
 }
 
 BENCHMARK(FlatHashMapFind)->Arg(10000)->Arg(100000)->Arg(1000000);
+BENCHMARK(BesideMap)->Arg(10000)->Arg(100000)->Arg(1000000)->Iterations(15)->Unit(
+    benchmark::kMillisecond);
+BENCHMARK(KeyAndLookup)->Arg(10000);
+BENCHMARK(MakePrefix);
 BENCHMARK(Exact)->Arg(10000)->Arg(100000)->Arg(1000000);
 BENCHMARK(Longest)->Arg(10000)->Arg(100000)->Arg(1000000);
 BENCHMARK(LongestThreeLengths)->Arg(1000000);
@@ -406,6 +511,7 @@ BENCHMARK(CreateAndInsert)->Arg(1000000)->Iterations(2)->Unit(benchmark::kMillis
 BENCHMARK(Walk)->Arg(100000)->Arg(1000000)->Iterations(3)->Unit(benchmark::kMillisecond);
 BENCHMARK(LessSpecific)->Arg(100000);
 BENCHMARK(ReaderAlone)->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(ReaderBesideStranger)->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(ReaderBesideWriter)->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -6,16 +6,13 @@
 #include <cerrno>
 
 #include "services/gtrie/index.h"
+#include "services/gtrie/lengths.h"
 #include "services/gtrie/ordered.h"
 #include "services/journal/journal.h"
 
 namespace mfwd6::gtrie {
 
 namespace {
-
-// With more lengths than this in use, one way down the ordered structure is shorter than a probe
-// for each.
-constexpr int most_probes = 6;
 
 uint64_t length_bit(uint32_t bits) {
     return uint64_t{1} << (63 - bits % 64);
@@ -25,26 +22,10 @@ void count_length(trie *t, uint32_t bits, bool more) {
     const uint32_t count = t->length_count[bits];
     uint64_t &map = t->length_map[bits / 64];
     journal::store(t->length_count[bits], more ? count + 1 : count - 1);
-    if (more && count == 0) {
-        journal::publish(map, map | length_bit(bits));
-    } else if (!more && count == 1) {
-        journal::publish(map, map & ~length_bit(bits));
+    if (count == (more ? 0 : 1)) {
+        journal::store(map, map ^ length_bit(bits));
+        journal::publish(t->lengths, pack_lengths(t->length_map));
     }
-}
-
-// The lengths in use, in key bits, from the longest down. 257 when there are too many to probe.
-uint32_t lengths_in_use(const trie *t, uint32_t *lengths) {
-    uint32_t count = 0;
-    for (uint32_t i = 5; i > 0; --i) {
-        uint64_t map = journal::observe(t->length_map[i - 1]);
-        if (static_cast<int>(count) + std::popcount(map) > most_probes) {
-            return 257;
-        }
-        for (; map != 0; map &= map - 1) {
-            lengths[count++] = (i - 1) * 64 + 63 - static_cast<uint32_t>(std::countr_zero(map));
-        }
-    }
-    return count;
 }
 
 }  // namespace
@@ -66,11 +47,13 @@ trie *make_trie(const memory &m, const trie_form &form) {
         return nullptr;
     }
     t->cookie = random_word();
-    t->seed = random_word();
+    for (uint64_t &seed : t->seed) {
+        seed = random_word();
+    }
+    t->hash_mask = form.constant_hash ? 0 : ~uint64_t{0};
     t->kind = form.kind;
     t->key_bits = form.key_bits;
     t->may_share = form.may_share ? 1 : 0;
-    t->constant_hash = form.constant_hash ? 1 : 0;
     t->root = make_root(m, form.may_share ? 0 : table_bits);
     if (t->root == nullptr) {
         m.free(t, GTRIE_ALLOC_HANDLE);
@@ -94,40 +77,6 @@ void free_trie(trie *t, const memory &m) {
     }
     m.free(t->root, GTRIE_ALLOC_NODE);
     m.free(t, GTRIE_ALLOC_HANDLE);
-}
-
-leaf *lookup_exact(const trie *t, const key &k) {
-    return index_find(t, k, hash_for(t, k));
-}
-
-leaf *lookup_longest(const trie *t, const key &k) {
-    uint32_t lengths[most_probes];
-    const uint32_t count = lengths_in_use(t, lengths);
-    if (count > static_cast<uint32_t>(most_probes)) {
-        return find_longest(t, k);
-    }
-    // The next bucket is on its way while the present one is read.
-    key next = k;
-    uint64_t next_hash = 0;
-    const auto prepare = [&](uint32_t i) {
-        cut(next, lengths[i] + table_bits);
-        next_hash = hash_for(t, next);
-        index_prefetch(t, next_hash);
-    };
-    if (count != 0) {
-        prepare(0);
-    }
-    for (uint32_t i = 0; i < count; ++i) {
-        const key probe = next;
-        const uint64_t hash = next_hash;
-        if (i + 1 < count) {
-            prepare(i + 1);
-        }
-        if (leaf *found = index_find(t, probe, hash); found != nullptr) {
-            return found;
-        }
-    }
-    return nullptr;
 }
 
 leaf *make_leaf(trie *t, const key &k, size_t size, const memory &m) {

@@ -1,4 +1,4 @@
-// A whole trie: ordered structure and hash index as one.
+// A whole trie: ordered structure and hash index as one. Lookups are in lookup.h.
 #ifndef MFWD6_SERVICES_GTRIE_ENGINE_H
 #define MFWD6_SERVICES_GTRIE_ENGINE_H
 
@@ -18,9 +18,6 @@ struct trie_form {
 // writes here.
 trie *make_trie(const memory &m, const trie_form &form);
 void free_trie(trie *t, const memory &m);
-
-leaf *lookup_exact(const trie *t, const key &k);
-leaf *lookup_longest(const trie *t, const key &k);
 
 // A detached leaf; null: no memory.
 leaf *make_leaf(trie *t, const key &k, size_t size, const memory &m);

@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "services/gtrie/engine.h"
+#include "services/gtrie/lookup.h"
 #include "services/gtrie/ordered.h"
 #include "services/journal/journal.h"
 #include "services/peers/peers.h"
@@ -40,19 +41,12 @@ leaf *leaf_on(const handle *h, void *record) {
 }
 
 bool has_table_part(const handle *h) {
-    return h->key_bits == GTRIE_TABLE_KEY_BITS;
+    return h->table_part != 0;
 }
 
 // The length inside the engine, or 0 when the handle's keys cannot have it.
 uint32_t engine_length(const handle *h, uint32_t length) {
-    if (length > h->key_bits || (has_table_part(h) && length < GTRIE_TABLE_BITS)) {
-        return 0;
-    }
-    return length + table_bits - (has_table_part(h) ? uint32_t{GTRIE_TABLE_BITS} : 0);
-}
-
-uint32_t full_length(const handle *h) {
-    return engine_length(h, h->key_bits);
+    return length > h->key_bits || length < h->table_part ? 0 : length + table_bits - h->table_part;
 }
 
 bool table_is_free(const trie *t, uint32_t table) {
@@ -83,6 +77,7 @@ handle *make_handle(trie *t, const ip6mc_gtrie_params_t *p, uint32_t table) {
     h->kind = p->gtrie_kind;
     h->usage = p->gtrie_usage;
     h->key_bits = p->key_bits;
+    h->table_part = p->key_bits == GTRIE_TABLE_KEY_BITS ? GTRIE_TABLE_BITS : 0;
     h->tid = p->tid_decoded;
     h->next = t->handles;
     h->magic = handle_magic;
@@ -234,20 +229,8 @@ cerrno adjust_length(void *given, uint32_t *length) {
     if (length == nullptr) {
         return EINVAL;
     }
-    if (has_table_part(h)) {
-        *length += GTRIE_TABLE_BITS;
-    }
+    *length += h->table_part;
     return 0;
-}
-
-void *lookup(void *given, const uint8_t *bytes, cerrno *error) {
-    const handle *h = handle_of(given);
-    if (h == nullptr || bytes == nullptr) {
-        tell(error, h == nullptr ? static_cast<cerrno>(GTRIE_E_BAD_HANDLE) : EINVAL);
-        return nullptr;
-    }
-    tell(error, 0);
-    return record_of(lookup_longest(h->on, load_key(bytes, h->table, full_length(h))));
 }
 
 // The handle and its key for a call with a prefix; false with the code told.
@@ -268,16 +251,68 @@ bool take_prefix(void *given, const uint8_t *bytes, uint32_t length, handle **h,
     return true;
 }
 
-void *exact(void *given, const uint8_t *bytes, uint32_t length, cerrno *error) {
+// The two lookups by all bits of group and source are what the system does most. They answer from
+// one look at one bucket, and what that leaves open begins anew in a function of its own: so
+// nothing is saved for it.
+bool has_full_keys(const handle *h) {
+    return h->key_bits - h->table_part == GTRIE_KEY_BITS;
+}
+
+[[gnu::noinline]] void *exact_any(void *given, const uint8_t *bytes, uint32_t length,
+                                  cerrno *error) {
     handle *h = nullptr;
     key k;
     return take_prefix(given, bytes, length, &h, &k, error) ? record_of(lookup_exact(h->on, k))
                                                             : nullptr;
 }
 
+inline void *exact(void *given, const uint8_t *bytes, uint32_t length, cerrno *error) {
+    const handle *h = handle_of(given);
+    if (h != nullptr && bytes != nullptr && length == h->key_bits && has_full_keys(h)) [[likely]] {
+        const key k = load_full(bytes, h->table);
+        const answer at_once = find_at_once(h->on, k, hash_for(h->on, k));
+        if (at_once.sure) [[likely]] {
+            tell(error, 0);
+            return record_of(at_once.found);
+        }
+    }
+    return exact_any(given, bytes, length, error);
+}
+
+// `lengths` are those which are still to be asked for.
+[[gnu::noinline]] void *longest_any(const handle *h, const uint8_t *bytes, uint64_t lengths,
+                                    cerrno *error) {
+    const key k = load_key(bytes, h->table, engine_length(h, h->key_bits));
+    tell(error, 0);
+    return record_of(lookup_longest(h->on, k, lengths));
+}
+
+inline void *longest(void *given, const uint8_t *bytes, cerrno *error) {
+    const handle *h = handle_of(given);
+    if (h == nullptr || bytes == nullptr) [[unlikely]] {
+        tell(error, h == nullptr ? static_cast<cerrno>(GTRIE_E_BAD_HANDLE) : EINVAL);
+        return nullptr;
+    }
+    bool asked = false;
+    if (longest_length(lengths_in_use(h->on)) == GTRIE_KEY_BITS) [[likely]] {
+        const key k = load_full(bytes, h->table);
+        const answer at_once = find_at_once(h->on, k, hash_for(h->on, k));
+        if (at_once.found != nullptr) [[likely]] {
+            tell(error, 0);
+            return record_of(at_once.found);
+        }
+        asked = at_once.sure;
+    }
+    uint64_t lengths = lengths_in_use(h->on);
+    if (asked && longest_length(lengths) == GTRIE_KEY_BITS) {
+        lengths = without_longest(lengths);
+    }
+    return longest_any(h, bytes, lengths, error);
+}
+
 void *first_leaf(void *given, const uint8_t *bytes, uint32_t length, cerrno *error) {
     handle *h = handle_of(given);
-    if (h != nullptr && has_table_part(h) && length < GTRIE_TABLE_BITS) {
+    if (h != nullptr && length < h->table_part) {
         tell(error, 0);
         return record_of(find_first(h->on, key{{0, 0, 0, 0}, 0, 0}));
     }
@@ -498,11 +533,11 @@ cerrno ip6mc_gtrie_platform_get_pfx_len_adjusted(void *handle, uint32_t *length)
 }
 
 void *ip6mc_gtrie_lookup(void *handle, const uint8_t *key, cerrno *error) {
-    return lookup(handle, key, error);
+    return longest(handle, key, error);
 }
 
 void *ip6mc_gtrie_platform_lookup(void *handle, const uint8_t *key, cerrno *error) {
-    return lookup(handle, key, error);
+    return longest(handle, key, error);
 }
 
 void *ip6mc_gtrie_lookup_exact(void *handle, const uint8_t *key, uint32_t length, cerrno *error) {

@@ -1,7 +1,6 @@
 #include "services/gtrie/index.h"
 
 #include "services/gtrie/ordered.h"
-#include "services/journal/journal.h"
 
 namespace mfwd6::gtrie {
 
@@ -10,36 +9,6 @@ namespace {
 constexpr uint64_t first_directory = 8;
 constexpr uint64_t not_listed = 1;      // bit of `waiting` of a bucket
 constexpr uint32_t moved_at_once = 24;  // waiting leaves that one split looks at
-
-// Segments: first_buckets, then as many as all before, until segment_buckets is reached, then that
-// many each.
-constexpr uint64_t doubling_segments = 7;
-static_assert(first_buckets << (doubling_segments - 1) == segment_buckets);
-
-struct position {
-    uint64_t segment;
-    uint64_t offset;
-};
-
-position position_of(uint64_t number) {
-    if (number >= segment_buckets) [[likely]] {
-        return {doubling_segments - 1 + number / segment_buckets, number % segment_buckets};
-    }
-    if (number < first_buckets) {
-        return {0, number};
-    }
-    const auto segment = static_cast<uint64_t>(std::bit_width(number / first_buckets));
-    return {segment, number - (first_buckets << (segment - 1))};
-}
-
-uint64_t *segments_of(directory *d) {
-    return reinterpret_cast<uint64_t *>(d + 1);
-}
-
-// Buckets are aligned to cache lines inside their block.
-bucket *first_of(uint64_t block) {
-    return reinterpret_cast<bucket *>((block + 63) & ~uint64_t{63});
-}
 
 leaf *leaf_in(uint64_t word) {
     return reinterpret_cast<leaf *>(word & address_mask);
@@ -58,90 +27,43 @@ uint64_t segment_count(uint64_t buckets) {
     return position_of(buckets - 1).segment + 1;
 }
 
-bucket *bucket_at(const trie *t, uint64_t number) {
-    const position p = position_of(number);
-    directory *d = journal::observe(t->segments);
-    return first_of(journal::observe(segments_of(d)[p.segment])) + p.offset;
-}
-
-void index_prefetch(const trie *t, uint64_t hash) {
-    __builtin_prefetch(bucket_at(t, bucket_number(hash, journal::observe(t->buckets))));
-}
-
-namespace {
-
-// Slots with this tag, bit by bit. Without a branch: where the match is cannot be foretold, and a
-// wrong guess would cost more than all the comparisons, as it throws away what was begun behind it.
-uint32_t slots_with(const bucket *b, uint64_t tag) {
-    uint32_t found = 0;
-    for (uint32_t i = 0; i < bucket_slots; ++i) {
-        found |= static_cast<uint32_t>((journal::observe(b->slot[i]) ^ tag) >> 44 == 0) << i;
-    }
-    return found;
-}
-
-// The slot is read once more behind the key: if it is still the same, the key was that of its leaf.
-leaf *leaf_in_slot(const trie *t, const bucket *b, uint32_t i, const key &k, uint64_t tag) {
-    const uint64_t word = journal::observe(b->slot[i]);
-    uint64_t differ = (word ^ tag) >> 44;
-    for (uint32_t w = 0; w < 4; ++w) {
-        differ |= journal::observe(b->word[i][w]) ^ k.word[w];
-    }
-    if (differ != 0 || journal::observe(b->slot[i]) != word) {
-        return nullptr;
-    }
-    leaf *l = slot_leaf(word);
-    return t->may_share == 0 || l->table == k.table ? l : nullptr;
-}
-
-}  // namespace
-
-leaf *index_find(const trie *t, const key &k, uint64_t hash) {
-    const uint64_t tag = slot_tag(hash, k.length);
-    uint64_t buckets = journal::observe(t->buckets);
+leaf *find_elsewhere(const trie *t, const key &k, uint64_t hash) {
+    uint64_t number = bucket_number(hash, journal::observe(t->shape));
     while (true) {
-        const uint64_t number = bucket_number(hash, buckets);
         const bucket *b = bucket_at(t, number);
-        // The key will be in one of these: better all three are on their way than the right one
-        // late.
-        __builtin_prefetch(b->word[0]);
-        __builtin_prefetch(b->word[2]);
-        __builtin_prefetch(b->word[4]);
-        // Before the slots: a leaf goes into a slot before it leaves the waiting list.
         const uint64_t waiting = journal::observe(b->waiting);
-        for (uint32_t found = slots_with(b, tag); found != 0; found &= found - 1) {
+        for (uint32_t found = slots_with(b, hash); found != 0; found &= found - 1) {
             const auto i = static_cast<uint32_t>(std::countr_zero(found));
-            if (leaf *l = leaf_in_slot(t, b, i, k, tag); l != nullptr) {
+            if (leaf *l = leaf_in_slot(b, i, k); l != nullptr) {
                 return l;
             }
         }
         if (waiting != 0) {
             return find_exact(t, k);
         }
-        // A split moves leaves to a new bucket, which counts before they go from the old one.
-        buckets = journal::observe(t->buckets);
-        if (bucket_number(hash, buckets) == number) {
+        const uint64_t now = bucket_number(hash, journal::observe(t->shape));
+        if (now == number) {
             return nullptr;
         }
+        number = now;
     }
 }
 
 bool index_holds(const trie *t, const leaf *l) {
     const uint64_t hash = hash_for(t, l);
-    const uint64_t word = slot_tag(hash, l->length) | reinterpret_cast<uint64_t>(l) >> 3;
-    uint64_t buckets = journal::observe(t->buckets);
+    const uint64_t word = make_slot(hash, l);
+    uint64_t number = bucket_number(hash, journal::observe(t->shape));
     while (true) {
-        const uint64_t number = bucket_number(hash, buckets);
-        const bucket *b = bucket_at(t, number);
-        for (const uint64_t &slot : b->slot) {
+        for (const uint64_t &slot : bucket_at(t, number)->slot) {
             if (journal::observe(slot) == word) {
                 return true;
             }
         }
-        buckets = journal::observe(t->buckets);
-        if (bucket_number(hash, buckets) == number) {
+        const uint64_t now = bucket_number(hash, journal::observe(t->shape));
+        if (now == number) {
             return false;
         }
+        number = now;
     }
 }
 
@@ -161,7 +83,7 @@ bool index_init(trie *t, const memory &m) {
     d->capacity = first_directory;
     segments_of(d)[0] = reinterpret_cast<uint64_t>(segment);
     t->segments = d;
-    t->buckets = first_buckets;
+    t->shape = index_shape(first_buckets);
     return true;
 }
 
@@ -206,18 +128,17 @@ uint32_t free_slot(const bucket *b) {
     return i;
 }
 
-// The release of each key word keeps it behind the store that emptied the slot.
 void take_slot(bucket *b, uint32_t i, const leaf *l, uint64_t hash) {
-    for (uint32_t w = 0; w < 4; ++w) {
-        journal::publish(b->word[i][w], l->word[w]);
-    }
-    journal::publish(b->slot[i], slot_tag(hash, l->length) | reinterpret_cast<uint64_t>(l) >> 3);
+    journal::publish(b->slot[i], make_slot(hash, l));
 }
 
-uint64_t hash_in_slot(const trie *t, const bucket *b, uint32_t i) {
-    const uint64_t word = b->slot[i];
-    const auto length = static_cast<uint32_t>(word >> 44 & 511U) + table_bits;
-    return hash_for(t, b->word[i], t->may_share != 0 ? slot_leaf(word)->table : 0, length);
+// Whether a split that makes bucket `number` moves the leaf of this slot there.
+bool moves_to(const trie *t, uint64_t number, uint64_t slot) {
+    const auto bit = static_cast<uint32_t>(std::bit_width(number)) - 1;
+    if (bit >= first_tag_bit && bit < first_tag_bit + tag_bits) [[likely]] {
+        return slot_bit(slot, bit);
+    }
+    return (hash_for(t, slot_leaf(slot)) >> bit & 1U) != 0;
 }
 
 // Room for the bucket with this number. False: no memory, nothing changed.
@@ -259,7 +180,7 @@ void split_waiting(trie *t, uint64_t number, bucket *old, bucket *fresh) {
     for (uint32_t i = 0; l != nullptr && i < moved_at_once; ++i) {
         leaf *next = leaf_in(l->waiting_next);
         const uint64_t hash = hash_for(t, l);
-        const uint64_t belongs = bucket_number(hash, number + 1);
+        const uint64_t belongs = bucket_number(hash, t->shape);
         bucket *to = belongs == number ? fresh : bucket_at(t, belongs);
         if (const uint32_t slot = free_slot(to); slot != bucket_slots) {
             take_slot(to, slot, l, hash);
@@ -276,7 +197,7 @@ void split_waiting(trie *t, uint64_t number, bucket *old, bucket *fresh) {
 bool all_belong(const trie *t, const bucket *old, uint64_t from) {
     uint32_t seen = 0;
     for (const leaf *l = leaf_in(old->waiting); l != nullptr; l = leaf_in(l->waiting_next)) {
-        if (++seen > moved_at_once || bucket_number(hash_for(t, l), t->buckets) != from) {
+        if (++seen > moved_at_once || bucket_number(hash_for(t, l), t->shape) != from) {
             return false;
         }
     }
@@ -286,7 +207,7 @@ bool all_belong(const trie *t, const bucket *old, uint64_t from) {
 // Adds one bucket and moves to it what belongs there: its slots and moved_at_once waiting leaves at
 // most.
 void split(trie *t, const memory &m) {
-    const uint64_t number = t->buckets;
+    const uint64_t number = buckets_of(t->shape);
     if (!make_room(t, number, m)) {
         return;
     }
@@ -296,19 +217,15 @@ void split(trie *t, const memory &m) {
     bool moves[bucket_slots];
     uint32_t count = 0;
     for (uint32_t i = 0; i < bucket_slots; ++i) {
-        moves[i] =
-            old->slot[i] != 0 && bucket_number(hash_in_slot(t, old, i), number + 1) == number;
+        moves[i] = old->slot[i] != 0 && moves_to(t, number, old->slot[i]);
         if (moves[i]) {
-            for (uint32_t w = 0; w < 4; ++w) {
-                journal::store(fresh->word[count][w], old->word[i][w]);
-            }
             journal::store(fresh->slot[count++], old->slot[i]);
         }
     }
     // Until all have moved, who misses in the new bucket asks the ordered structure.
     const bool waited = old->waiting != 0;
     journal::store(fresh->waiting, waited ? not_listed : 0);
-    journal::publish(t->buckets, number + 1);
+    journal::publish(t->shape, index_shape(number + 1));
     for (uint32_t i = 0; i < bucket_slots; ++i) {
         if (moves[i]) {
             journal::publish(old->slot[i], uint64_t{0});
@@ -325,20 +242,17 @@ void split(trie *t, const memory &m) {
 }  // namespace
 
 void index_grow(trie *t, const memory &m) {
-    if (t->leaves >= t->buckets * leaves_per_bucket) {
+    const uint64_t buckets = buckets_of(t->shape);
+    if (t->leaves >= buckets * leaves_per_bucket) {
         split(t, m);
     } else if (t->leaves % leaves_per_bucket == 1) {
-        // The next split is some insertions away: what it will read can be on its way.
-        const bucket *next = bucket_at(t, t->buckets - std::bit_floor(t->buckets));
-        __builtin_prefetch(next);
-        for (const auto &word : next->word) {
-            __builtin_prefetch(word);
-        }
+        // The next insertion may split: what it will read can be on its way.
+        __builtin_prefetch(bucket_at(t, buckets - std::bit_floor(buckets)));
     }
 }
 
 void index_add(trie *t, leaf *l, uint64_t hash) {
-    bucket *b = bucket_at(t, bucket_number(hash, t->buckets));
+    bucket *b = bucket_at(t, bucket_number(hash, t->shape));
     if (const uint32_t slot = free_slot(b); slot != bucket_slots) {
         take_slot(b, slot, l, hash);
     } else {
@@ -351,7 +265,7 @@ void index_remove(trie *t, leaf *l, uint64_t hash) {
         stop_waiting(t, l);
         return;
     }
-    const uint64_t number = bucket_number(hash, t->buckets);
+    const uint64_t number = bucket_number(hash, t->shape);
     bucket *b = bucket_at(t, number);
     for (uint32_t i = 0; i < bucket_slots; ++i) {
         if (slot_leaf(b->slot[i]) != l) {
@@ -359,7 +273,7 @@ void index_remove(trie *t, leaf *l, uint64_t hash) {
         }
         journal::publish(b->slot[i], uint64_t{0});
         leaf *next = leaf_in(b->waiting);
-        if (next != nullptr && bucket_number(hash_for(t, next), t->buckets) == number) {
+        if (next != nullptr && bucket_number(hash_for(t, next), t->shape) == number) {
             take_slot(b, i, next, hash_for(t, next));
             stop_waiting(t, next);
         }

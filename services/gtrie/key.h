@@ -38,22 +38,32 @@ inline void cut(key &k, uint32_t length) {
     }
 }
 
-// Reads as many bytes as `length` needs, and no byte more.
-inline key load_key(const uint8_t *bytes, uint32_t table, uint32_t length) {
+inline uint64_t load_word(const uint8_t *bytes) {
+    uint64_t word = 0;
+    std::memcpy(&word, bytes, sizeof(word));
+    return __builtin_bswap64(word);
+}
+
+// A key that is not full: reads as many bytes as `length` needs, and no byte more.
+inline key load_prefix(const uint8_t *bytes, uint32_t table, uint32_t length) {
     key k{{0, 0, 0, 0}, table, length};
     const uint32_t bits = length > table_bits ? length - table_bits : 0;
-    if (bits == 256) {
-        std::memcpy(k.word, bytes, 32);
-    } else {
-        std::memcpy(k.word, bytes, (bits + 7) / 8);
-    }
+    std::memcpy(k.word, bytes, (bits + 7) / 8);
     for (uint64_t &w : k.word) {
         w = __builtin_bswap64(w);
     }
-    if (bits != 256) {
-        cut(k, length);
-    }
+    cut(k, length);
     return k;
+}
+
+inline key load_full(const uint8_t *bytes, uint32_t table) {
+    return {{load_word(bytes), load_word(bytes + 8), load_word(bytes + 16), load_word(bytes + 24)},
+            table,
+            max_length};
+}
+
+inline key load_key(const uint8_t *bytes, uint32_t table, uint32_t length) {
+    return length == max_length ? load_full(bytes, table) : load_prefix(bytes, table, length);
 }
 
 // The 6 bits from `pos` on, a multiple of 6; what lies behind the last key bit is zero.
@@ -98,11 +108,13 @@ inline uint64_t mix(uint64_t a, uint64_t b) {
     return static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64);
 }
 
-inline uint64_t hash_of(const uint64_t *word, uint32_t table, uint32_t length, uint64_t seed) {
-    const uint64_t a = mix(word[0] ^ seed, word[1] ^ 0x9e3779b97f4a7c15U);
-    const uint64_t b = mix(word[2] ^ 0xd1342543de82ef95U, word[3] ^ seed);
-    return mix(a ^ b ^ 0xaf251af3b0f025b5U,
-               (uint64_t{table} << 32 | length) * 0xda942042e4dd58b5U ^ seed);
+// Each factor has a secret word of its own in it: a sender who chooses addresses cannot make one
+// zero, and with it all keys of that product the same.
+inline uint64_t hash_of(const uint64_t *word, uint32_t table, uint32_t length,
+                        const uint64_t *seed) {
+    const uint64_t a = mix(word[0] ^ seed[0], word[1] ^ seed[1]);
+    const uint64_t b = mix(word[2] ^ seed[2], word[3] ^ seed[3]);
+    return mix(a ^ 0xaf251af3b0f025b5U, b ^ (uint64_t{table} << 32 | length));
 }
 
 }  // namespace mfwd6::gtrie

@@ -20,20 +20,23 @@ enum class leaf_state : uint32_t { detached, arriving, linked, leaving, removed 
 
 // In front of the caller's record. Key, length, table and trie never change; `state` decides
 // whether the leaf exists for readers, whatever structure they found it through.
+//
+// The key is last: lookups read it, and their caller reads the record behind it next. What the
+// writer changes for the sake of other leaves is first, as far from the key as it can be.
 struct leaf {
-    uint64_t word[4];
-    uint32_t state;   // leaf_state
-    uint16_t length;  // as in `key`
-    uint16_t table;
-    node *up;  // node with the entry for this leaf
-    trie *owner;
+    node *up;               // node with the entry for this leaf
     uint64_t waiting_next;  // address of a leaf: list of those that found their bucket full
     uint64_t
         *waiting_at;  // the word that points here in that list; null when the leaf is in a bucket
+    trie *owner;
     uint32_t magic;
-    uint32_t size;  // bytes of the record
+    uint32_t size;    // bytes of the record
+    uint32_t state;   // leaf_state
+    uint16_t length;  // as in `key`
+    uint16_t table;
+    uint64_t word[4];
 };
-static_assert(sizeof(leaf) == 80 && offsetof(leaf, state) == 32);
+static_assert(sizeof(leaf) == 80 && offsetof(leaf, word) == 48);
 
 inline constexpr uint32_t leaf_magic = 0x6c656166;
 
@@ -119,23 +122,18 @@ inline constexpr size_t node_bytes(node_kind kind, uint32_t capacity) {
     return kind == node_kind::wide ? wide_bytes : sizeof(node) + capacity * sizeof(entry);
 }
 
-inline constexpr uint32_t bucket_slots = 6;
+inline constexpr uint32_t bucket_slots = 7;
 
-// Part of the hash index. The first cache line tells where to look, a key lies in one of the other
-// three: a search reads two lines and no leaf.
+// Part of the hash index: one cache line, which tells of nearly every leaf that it is not the one.
 struct alignas(64) bucket {
-    // 11 bits of the hash (never 0), 9 of the length in key bits, 44 of the address of the leaf; or
-    // 0.
+    // 20 bits of the hash, 44 of the address of the leaf; or 0. The key is compared in the leaf.
     uint64_t slot[bucket_slots];
     // Leaves that found the slots taken: the first of a list, which only the writer follows. Bit 0:
     // there may be more of them that are in no list of this bucket. Readers that see it non-zero
     // ask the ordered structure.
     uint64_t waiting;
-    uint64_t spare;
-    // Means nothing where the slot is empty. Written before the slot, and never while it is taken.
-    uint64_t word[bucket_slots][4];
 };
-static_assert(sizeof(bucket) == 256 && offsetof(bucket, word) == 64);
+static_assert(sizeof(bucket) == 64 && offsetof(bucket, waiting) == 56);
 
 struct directory {
     uint64_t capacity;
@@ -144,50 +142,59 @@ struct directory {
 
 struct handle;
 
-// One physical trie. What the writer changes at every turn lies a cache line apart from what
-// readers read.
+// Two cache lines: as much as one line that is read brings along.
+inline constexpr size_t words_apart = 16;
+
+// One physical trie. What a lookup reads stands together; what the writer changes at every turn
+// lies apart from it, and from what follows in memory.
 struct trie {
-    uint32_t magic;
-    uint32_t constant_hash;
+    uint64_t shape;  // of the index, see index_shape
+    directory *segments;
+    uint64_t lengths;    // in use, see lengths.h
+    uint64_t hash_mask;  // all ones; 0 makes every hash the same
+    uint64_t seed[4];
+
+    node *root;
     uint64_t cookie;  // tells this trie from an earlier one at the same address
+    uint32_t magic;
     uint32_t kind;
     uint32_t key_bits;
     uint32_t may_share;
-    uint32_t reserved;
-    node *root;
-    uint64_t seed;
-    uint64_t buckets;  // in use; grows by one at a time
-    directory *segments;
-    uint64_t
-        length_map[5];  // bit 63 - length % 64 of word length / 64: some leaf has `length` bits
-    uint64_t apart[8];
+    uint64_t apart[words_apart];
     handle *handles;
     uint64_t leaves;
     uint64_t waiting;  // leaves in no bucket
+    uint64_t
+        length_map[5];  // bit 63 - length % 64 of word length / 64: some leaf has `length` bits
     uint32_t length_count[257];
     uint32_t padding;
+    uint64_t behind[words_apart];
 };
 static_assert(std::is_trivially_copyable_v<trie> && std::is_standard_layout_v<trie>);
+static_assert(offsetof(trie, root) == 64);
 
 inline constexpr uint32_t trie_magic = 0x67747269;
 
 // One table's share of a trie; what callers hold.
 struct handle {
     uint32_t magic;
-    uint32_t table;   // table part of its keys
-    uint64_t cookie;  // of the trie
+    uint32_t table;  // table part of its keys
     trie *on;
+    uint32_t key_bits;
+    uint32_t table_part;  // how many of these are the table's: 0 or 13
+    uint64_t cookie;      // of the trie
     uint64_t leaf_position;
     uint32_t kind;
     uint32_t usage;
-    uint32_t key_bits;
     uint32_t tid;
+    uint32_t reserved;
     handle *next;
     handle *prev;
-    uint64_t apart[8];
+    uint64_t apart[words_apart];
     uint64_t leaves;
+    uint64_t behind[words_apart];
 };
-static_assert(sizeof(handle) == 136);
+static_assert(sizeof(handle) == 336 && offsetof(handle, leaves) == 200);
 
 inline constexpr uint32_t handle_magic = 0x6774686e;
 

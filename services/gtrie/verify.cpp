@@ -4,6 +4,7 @@
 
 #include "services/gtrie/gtrie.h"
 #include "services/gtrie/index.h"
+#include "services/gtrie/lengths.h"
 #include "services/gtrie/node.h"
 #include "services/gtrie/ordered.h"
 
@@ -37,13 +38,12 @@ struct checker {
 
 void checker::check_indexed(leaf *l) {
     const uint64_t hash = hash_for(on, l);
-    const bucket *b = bucket_at(on, bucket_number(hash, on->buckets));
+    const bucket *b = bucket_at(on, bucket_number(hash, on->shape));
     uint32_t found = 0;
     for (uint32_t i = 0; i < bucket_slots; ++i) {
         if (b->slot[i] != 0 && slot_leaf(b->slot[i]) == l) {
             ++found;
-            expect((b->slot[i] ^ slot_tag(hash, l->length)) >> 44 == 0, "slot with a wrong tag");
-            expect(std::memcmp(b->word[i], l->word, sizeof(l->word)) == 0, "slot with a wrong key");
+            expect(b->slot[i] == make_slot(hash, l), "slot with a wrong tag");
         }
     }
     if (l->waiting_at != nullptr) {
@@ -145,6 +145,7 @@ void checker::check_counts() {
         expect(lengths[i] == on->length_count[i], "leaves of a length miscounted");
         expect(bit == (lengths[i] != 0), "map of lengths differs from their counts");
     }
+    expect(on->lengths == pack_lengths(on->length_map), "packed lengths differ from their map");
     uint64_t of_handles = 0;
     const handle *previous_handle = nullptr;
     for (const handle *h = on->handles; h != nullptr; h = h->next) {
@@ -157,9 +158,10 @@ void checker::check_counts() {
 }
 
 void checker::check_index() {
+    expect(on->shape == index_shape(buckets_of(on->shape)), "mask of the index is wrong");
     uint64_t in_slots = 0;
     uint64_t listed = 0;
-    for (uint64_t i = 0; i < on->buckets; ++i) {
+    for (uint64_t i = 0; i < buckets_of(on->shape); ++i) {
         const bucket *b = bucket_at(on, i);
         for (const uint64_t slot : b->slot) {
             in_slots += slot != 0 ? 1 : 0;
@@ -202,7 +204,7 @@ const handle *checked(const void *given) {
 
 uint64_t index_bytes(const trie *t) {
     uint64_t bytes = sizeof(directory) + t->segments->capacity * sizeof(uint64_t);
-    for (uint64_t i = 0; i < segment_count(t->buckets); ++i) {
+    for (uint64_t i = 0; i < segment_count(buckets_of(t->shape)); ++i) {
         bytes += segment_bytes(i);
     }
     return bytes;

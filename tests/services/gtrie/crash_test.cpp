@@ -205,16 +205,16 @@ TEST_P(Crash, NodesThatGrowAndShrink) {
 // The steps at which the index gets a bucket, a segment, a larger directory.
 TEST_P(Crash, IndexThatGrows) {
     std::mt19937_64 random(5);
-    const uint32_t count = GetParam() ? 300 : 1700;
+    const uint32_t count = GetParam() ? 300 : 1200;
     for (uint32_t i = 0; i < count; ++i) {
         prefix p;
         for (uint8_t &b : p.bytes) {
             b = static_cast<uint8_t>(random());
         }
         p.cut(256);
-        // Three leaves to a bucket: these insertions add the first bucket of a segment, the last of
+        // Two leaves to a bucket: these insertions add the first bucket of a segment, the last of
         // them a larger directory too.
-        const bool first_bucket_of_segment = i % 3 == 0 && std::has_single_bit(i / 3) && i >= 12;
+        const bool first_bucket_of_segment = i % 2 == 0 && std::has_single_bit(i / 2) && i >= 8;
         if (first_bucket_of_segment || (i < 200 && i % 20 == 4)) {
             ASSERT_NO_FATAL_FAILURE(at_.insert(p));
         } else {
