@@ -84,7 +84,8 @@ const std::vector<uint32_t> &random_order() {
     return order;
 }
 
-template <class From>
+// `Zero`: the block is zeroed as a caller does, else only one word of it is written.
+template <class From, bool Zero>
 void come_and_go(benchmark::State &state) {
     const auto size = static_cast<size_t>(state.range(0));
     const std::vector<uint32_t> &order = random_order();
@@ -98,14 +99,20 @@ void come_and_go(benchmark::State &state) {
         void *&block = live[order[at++ % order.size()]];
         From::give(block);
         block = From::take(size);
-        *static_cast<uint64_t *>(block) = at;
+        if (Zero) {
+            std::memset(block, 0, size);
+        } else {
+            *static_cast<uint64_t *>(block) = at;
+        }
     }
     for (void *block : live) {
         From::give(block);
     }
 }
-BENCHMARK(come_and_go<from_heap>)->Name("malloc_free/glibc")->Arg(200)->Arg(700);
-BENCHMARK(come_and_go<from_window>)->Name("malloc_free/window")->Arg(200)->Arg(700);
+BENCHMARK(come_and_go<from_heap, false>)->Name("malloc_free/glibc")->Arg(200)->Arg(700);
+BENCHMARK(come_and_go<from_window, false>)->Name("malloc_free/window")->Arg(200)->Arg(700);
+BENCHMARK(come_and_go<from_heap, true>)->Name("malloc_zero_free/glibc")->Arg(200)->Arg(700);
+BENCHMARK(come_and_go<from_window, true>)->Name("malloc_zero_free/window")->Arg(200)->Arg(700);
 
 struct from_window_in_a_group {
     static void *take(size_t size) {
@@ -117,7 +124,7 @@ struct from_window_in_a_group {
         from_window::give(block);
     }
 };
-BENCHMARK(come_and_go<from_window_in_a_group>)
+BENCHMARK(come_and_go<from_window_in_a_group, false>)
     ->Name("malloc_free/window_in_a_group")
     ->Arg(200)
     ->Arg(700);
