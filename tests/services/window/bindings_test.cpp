@@ -1,6 +1,5 @@
 // Several windows in one process, and the folder in which windows lie.
 #include <cerrno>
-#include <thread>
 
 #include "services/diag/run_dir.h"
 #include "services/journal/journal.h"
@@ -90,25 +89,6 @@ TEST_F(WindowBindings, AnAttachedWindowTakesNoLogFromAnOwnedOne) {
     expect_journaled(owned);
     EXPECT_TRUE(packet_mutex_is_that_of(owned, "test"));
     owned.close();
-}
-
-TEST_F(WindowBindings, ThreadsOpenDifferentWindowsAtOnce) {
-    for (int round = 0; round < 30; ++round) {
-        opened a;
-        opened b;
-        std::thread one([&] { a = open_as(true); });
-        std::thread two([&] { b = open_as(true, "second"); });
-        one.join();
-        two.join();
-        ASSERT_EQ(a.code, 0U);
-        ASSERT_EQ(b.code, 0U);
-        ASSERT_NE(a.id, b.id);
-        void *block = nullptr;
-        ASSERT_EQ(shmwin_malloc(a.id, 10, &block), 0U);
-        ASSERT_EQ(shmwin_malloc(b.id, 10, &block), 0U);
-        b.close();
-        a.close();
-    }
 }
 
 // ---- the run dir; each in a child, as the default is chosen once for a process
