@@ -372,7 +372,12 @@ TEST_F(WindowEpochs, ThreadsNeverSeeAnEndedRecord) {
     for (int i = 0; i < 3; ++i) {
         threads.emplace_back([&] { bad += read_records(o_.id, h_, &stop) ? 0 : 1; });
     }
-    const uint32_t ended = replace_records(o_.id, h_, 20000);
+    // Until the readers have had their turns: one that is not scheduled holds everything back.
+    uint32_t ended = 0;
+    for (int round = 0; round < 2000 && (round < 10 || ended < 1000); ++round) {
+        ended += replace_records(o_.id, h_, 2000);
+        std::this_thread::yield();
+    }
     stop = true;
     for (std::thread &t : threads) {
         t.join();
