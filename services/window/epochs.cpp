@@ -45,10 +45,10 @@ bool claim(open_window &w, reader_slot &r) {
 // The oldest epoch that a live reader still stands in; dead readers in the way are taken off.
 uint64_t oldest_reader(open_window &w, uint64_t none) {
     uint64_t oldest = none;
-    std::atomic_thread_fence(std::memory_order_seq_cst);
     for (reader_slot &r : w.super->readers) {
         uint32_t holder = journal::observe(r.peer);
-        const uint64_t epoch = journal::observe(r.epoch);
+        // In one order with the store of the new epoch and with what readers announce.
+        const uint64_t epoch = std::atomic_ref<uint64_t>(r.epoch).load(std::memory_order_seq_cst);
         if (holder == 0 || epoch == 0 || epoch >= oldest) {
             continue;
         }

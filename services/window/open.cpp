@@ -367,7 +367,9 @@ void close_window(open_window &w) {
         drop(&w);
     } else {
         bind_to_others(w);
+        journal::crash_point();
         leave(w);
+        journal::crash_point();
     }
     give_up(w, 0);
     release(&w);

@@ -10,9 +10,10 @@
 // epochs.h.
 //
 // Thread-safety: every call may be made from any thread of any process that has the window open,
-// except open, reset and close, which no other call on the same window may run beside in the same
-// process. A child made by fork(2) does not inherit windows: they are unmapped and closed in it,
-// and it may open them itself.
+// except open, reset and close: these run one at a time in a process, beside no other call on the
+// same window, and, since they set the log of the process, beside no journal group of a thread that
+// holds no lock. A child made by fork(2) does not inherit windows: they are unmapped and closed in
+// it, and it may open them itself.
 #ifndef MFWD6_SERVICES_WINDOW_H
 #define MFWD6_SERVICES_WINDOW_H
 

@@ -11,6 +11,12 @@
 
 namespace {
 
+std::string numbered(const char *stem, uint64_t number) {
+    std::string name = stem;
+    name += std::to_string(number);
+    return name;
+}
+
 constexpr cerrno einval = EINVAL;
 
 class interfaces_test : public ::testing::Test {
@@ -151,15 +157,15 @@ TEST_F(interfaces_test, are_walked_by_ascending_handle_until_told_to_stop) {
 TEST_F(interfaces_test, many_interfaces_stay_in_both_orders) {
     for (uint32_t i = 0; i < 300; ++i) {
         const uint32_t n = i * 77 % 300 + 100;
-        ASSERT_EQ(imc_table_add(context, n, ("if" + std::to_string(n * 31 % 1000)).c_str(),
-                                IMC_TYPE_PHYSICAL, 0),
-                  0U);
+        ASSERT_EQ(
+            imc_table_add(context, n, numbered("if", n * 31 % 1000).c_str(), IMC_TYPE_PHYSICAL, 0),
+            0U);
     }
     for (uint32_t n = 100; n < 400; n += 3) {
         ASSERT_EQ(imc_table_remove(context, n), 0U);
     }
     for (uint32_t n = 100; n < 400; ++n) {
-        const std::string name = "if" + std::to_string(n * 31 % 1000);
+        const std::string name = numbered("if", n * 31 % 1000);
         const bool there = n % 3 != 1;
         uint32_t ifh = 0;
         EXPECT_EQ(imc_interface_find(context, name.c_str(), &ifh), there ? 0U : IMC_NO_INTERFACE);
@@ -202,7 +208,7 @@ TEST_F(interfaces_test, without_memory_nothing_is_added) {
     // Also where the lists must grow, after any number of allocations that still succeed.
     uint32_t next = 100;
     while (next < 130) {
-        ASSERT_EQ(imc_table_add(context, next, ("n" + std::to_string(next)).c_str(), 1, 0), 0U);
+        ASSERT_EQ(imc_table_add(context, next, numbered("n", next).c_str(), 1, 0), 0U);
         ++next;
     }
     for (long succeed = 0; succeed < 3; ++succeed) {

@@ -26,7 +26,7 @@ inline constexpr size_t header_bytes = 256;
 
 inline shmwin_open_record record(bool owner, const char *name = "test") {
     shmwin_open_record r = {};
-    std::strncpy(r.name, name, sizeof(r.name) - 1);
+    std::memcpy(r.name, name, strnlen(name, sizeof(r.name) - 1));
     EXPECT_EQ(shmwin_platform_info(name, &r.base_addr, &r.max_table_size), 0U);
     r.hdr_size = header_bytes;
     r.open_flags = owner ? SHMWIN_OPEN_OWNER : 0;
