@@ -87,11 +87,17 @@ void add(ipv4mc_table_st *table, const ip_maddr_st &source, const ip_maddr_st &g
                               0, 0, &is_new) != 0) {
         abort();
     }
+    // With the record in hand: finding it by handle proves its count, over all routes of the
+    // interface.
+    static ipv4mc_idb_st *idb = nullptr;
+    if (idb == nullptr) {
+        ip6mc_idb_lookup(the_interface, &idb);
+    }
     ipv4mc_intf_entry_st *entry = nullptr;
-    ip6mc_intf_operation(IPV4MC_ACTION_CREATE, table, route, 0, the_interface, 0, 0, 0, &entry,
-                         nullptr, 0, 0, 1);
-    ip6mc_intf_operation(IPV4MC_ACTION_COMMIT, table, route, 0, the_interface, 0, 0, 0, &entry,
-                         nullptr, 0, 0, 1);
+    ip6mc_intf_operation(IPV4MC_ACTION_CREATE, table, route, 0, the_interface, 0, 0, 0, &entry, idb,
+                         0, 0, 1);
+    ip6mc_intf_operation(IPV4MC_ACTION_COMMIT, table, route, 0, the_interface, 0, 0, 0, &entry, idb,
+                         0, 0, 1);
     if (ip6mc_route_operation(IPV4MC_ACTION_COMMIT, table, &source, &group, length, nullptr, &route,
                               0, 0, &is_new) != 0) {
         abort();
