@@ -282,6 +282,18 @@ TEST_F(RouteClear, AClearedRouteCanBeFilledAgainAndDeleted) {
     EXPECT_EQ(rig::erase(table, route), 0U);
 }
 
+TEST_F(RouteClear, TheEventHistoryIsGoneAndItsFieldKeepsItsValue) {
+    auto *route = add(table, sg(1));
+    mfwd_route_entry_event_add_msg(route, 1);
+    cbuf *history = route->event_history;
+    ASSERT_EQ(cbuf_count(history), 1U);
+    EXPECT_EQ(rig::clear(table, route), 0U);
+    EXPECT_EQ(route->event_history, history);
+    EXPECT_EQ(cbuf_count(history), 0U);
+    mfwd_route_entry_event_add_msg(route, 2);  // meets a handle whose ring is gone
+    EXPECT_EQ(rig::erase(table, route), 0U);
+}
+
 TEST_F(RouteClear, FreeingNothingIsRefusedAndALinkedLeafIsKept) {
     forget();
     EXPECT_EQ(ip6mc_route_free(nullptr), 22U);
