@@ -1,5 +1,7 @@
 // Circular buffers of elements of one size, in process memory.
 //
+// A handle may be kept beyond the buffer's end, also by a later process: it then names no buffer.
+//
 // Threads: one at a time for one buffer; the caller sees to it.
 #ifndef MFWD6_SERVICES_CBUF_CBUF_H
 #define MFWD6_SERVICES_CBUF_CBUF_H
@@ -18,13 +20,14 @@ typedef struct cbuf cbuf;
 // is too large, or if memory is out. The caller's until cbuf_destroy.
 MFWD6_EXPORT cbuf *cbuf_create(uint32_t count, uint32_t element_size);
 
-// Frees the buffer. NULL is allowed.
+// Frees the buffer. Nothing for NULL and for a handle whose buffer is gone.
 MFWD6_EXPORT void cbuf_destroy(cbuf *buffer);
 
-// Copies `element` in; when the buffer is full it takes the place of the oldest. EINVAL for NULL.
+// Copies `element` in; when the buffer is full it takes the place of the oldest. EINVAL for NULL
+// and for a buffer that is gone.
 MFWD6_EXPORT cerrno cbuf_append(cbuf *buffer, const void *element);
 
-// How many elements it holds. 0 for NULL.
+// How many elements it holds. 0 for NULL and for a buffer that is gone.
 MFWD6_EXPORT uint32_t cbuf_count(const cbuf *buffer);
 
 // The n-th oldest element, 0 being the oldest; NULL if there is none. Valid until the next append.

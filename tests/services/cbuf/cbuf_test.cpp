@@ -68,6 +68,33 @@ TEST(Cbuf, RefusesWhatCannotBe) {
     cbuf_destroy(nullptr);
 }
 
+TEST(Cbuf, AHandleWhoseBufferIsGoneNamesNone) {
+    cbuf *gone = cbuf_create(2, 4);
+    const uint32_t element = 1;
+    cbuf_destroy(gone);
+    cbuf_destroy(gone);
+    EXPECT_EQ(cbuf_append(gone, &element), 22U);
+    EXPECT_EQ(cbuf_count(gone), 0U);
+    EXPECT_EQ(cbuf_at(gone, 0), nullptr);
+    cbuf *next = cbuf_create(2, 4);
+    EXPECT_NE(next, gone);
+    EXPECT_EQ(cbuf_append(gone, &element), 22U);
+    EXPECT_EQ(cbuf_count(next), 0U);
+    cbuf_destroy(next);
+}
+
+TEST(Cbuf, ManyBuffersAreKeptApart) {
+    cbuf *many[300];
+    for (uint32_t n = 0; n < 300; ++n) {
+        many[n] = cbuf_create(1, sizeof(n));
+        cbuf_append(many[n], &n);
+    }
+    for (uint32_t n = 0; n < 300; ++n) {
+        EXPECT_EQ(*static_cast<const uint32_t *>(cbuf_at(many[n], 0)), n);
+        cbuf_destroy(many[n]);
+    }
+}
+
 TEST(Cbuf, WithoutMemoryThereIsNoBuffer) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "sanitizers stop the program at such a size";

@@ -343,7 +343,9 @@ void end(const route_request &request, ipv4mc_route_entry_st *route) {
 void mlib::free_route_object_id(const route_request &request, ipv4mc_route_entry_st *route) {
     MLIB_DEBUG_OBJECT_ID(route->obj_id, "Freeing for Route (%s,%s/%d, v:%s)", REQUEST_KEY,
                          vrf_text(request.table));
-    if (ipmc_object_ida_free(&route->obj_id) != 0) {
+    // A route without an id has none to lose: where there are no ids, or after a CLEAR.
+    const bool has_id = route->obj_id < IPMC_OBJ_ID_NONE;
+    if (ipmc_object_ida_free(&route->obj_id) != 0 && has_id) {
         MLIB_ERR("Failed to free Object_ID for Route (%s,%s/%d, v:%s)", REQUEST_KEY,
                  vrf_text(request.table));
     }

@@ -72,7 +72,10 @@ bool may_program(const intf_request &request, int is_new) {
 
 cerrno look_up(const intf_request &request) {
     *request.intf_entry = find(request);
-    trace_outcome(request, *request.intf_entry != nullptr ? "Found" : "NOT found");
+    // No trace record beside the line: this is the path of punted packets.
+    MLIB_DEBUG(IPV4_DEBUG_INTF, "%s %s (%s,%s/%d) action %s",
+               *request.intf_entry != nullptr ? "Found" : "NOT found", INTF,
+               ROUTE_ARGS(request.route), ACTION);
     return 0;
 }
 

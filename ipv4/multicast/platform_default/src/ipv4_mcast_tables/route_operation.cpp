@@ -1,6 +1,7 @@
 // The door through which a route comes into being, changes and goes, and through which it is looked
 // up.
 #include <cerrno>
+#include <cstring>
 
 #include "ipv4/multicast/lib/ip6mc_diag.h"
 #include "ipv4/multicast/lib/ip6mc_lib.h"
@@ -20,6 +21,8 @@ using mfwd6::journal::group;
 using mfwd6::journal::store;
 
 #define REQUEST_KEY ROUTE_KEY_ARGS(request.source, request.group, request.pfx_len)
+
+constexpr size_t key_bytes = (GTRIE_TABLE_KEY_BITS + 7) / 8;
 
 struct trie_key {
     uint8_t prefix[GTRIE_PREFIX_BYTES];
