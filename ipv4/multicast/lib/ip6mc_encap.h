@@ -112,4 +112,28 @@ static_assert(offsetof(ipv4mc_regdb_entry_st, node) == 0 &&
                   offsetof(ipv4mc_regdb_entry_st, key_bits) == 60,
               "the tree was told these places when it was made");
 
+MFWD6_BEGIN_C
+
+// The encap with this id into `*encap_p`, NULL when there is none. EFAULT, with NULL, when the trie
+// failed. Any process.
+MFWD6_EXPORT cerrno ip6mc_encapid_lookup(uint32_t encap_id, ipv4mc_encap_entry_st **encap_p);
+
+// Hands a change of one property (ipv4mc_encap_update_types) to the platform; programs the encap
+// again. What the platform said; EINVAL for NULL.
+MFWD6_EXPORT cerrno ip6mc_encap_update(ipv4mc_encap_entry_st *encap, uint32_t update_type,
+                                       const void *upd);
+MFWD6_EXPORT cerrno ip6mc_encap_platform_commit(ipv4mc_encap_entry_st *encap);
+
+// Takes a route off its encap. EINVAL for NULL.
+MFWD6_EXPORT cerrno ipmc_unlink_route_from_encap(ipv4mc_route_entry_st *route,
+                                                 ipv4mc_encap_entry_st *encap);
+
+// The operation on a transport. Not built yet: ENOSYS.
+MFWD6_EXPORT cerrno ip6mc_regdb_operation(ipv4mc_action_type action, const ipv4mc_regdb_key_st *key,
+                                          uint32_t reserved,
+                                          const ipv4mc_regdb_core_info_st *core_info,
+                                          ipv4mc_regdb_entry_st **regdb_entry);
+
+MFWD6_END_C
+
 #endif

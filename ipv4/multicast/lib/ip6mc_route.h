@@ -11,6 +11,7 @@
 
 #include <time.h>
 
+#include "ipv4/multicast/lib/ip6mc_platform.h"
 #include "ipv4/multicast/lib/ip6mc_types.h"
 #include "services/cbuf/cbuf.h"
 #include "services/events/ptimer.h"
@@ -242,7 +243,12 @@ MFWD6_EXPORT int ipmc_intf_avl_compare(const void *a, const void *b);
 //                 attribute word into the record and passes the old one; `*is_new` is that of the
 //                 CREATE
 //   ACCT, RATE    accounting and the rate record
-//   DELETE, CLEAR not built yet: ENOSYS
+//   DELETE        takes the route off everything, hides and frees it. `*route_entry` may be NULL,
+//   then
+//                 the key tells. ENOENT when there is none, or with `*is_new` 1. A failure of the
+//                 platform is reported only; one of an interface leaves the route with those left
+//   CLEAR         drops interfaces, counters, links and object id; the leaf stays, to be filled
+//   again
 // Other actions succeed and do nothing. EBADF not ready, EINVAL, ENOMEM, EFAULT (trie), or what the
 // platform said.
 MFWD6_EXPORT cerrno ip6mc_route_operation(ipv4mc_action_type action, ipv4mc_table_st *table,
@@ -269,6 +275,22 @@ MFWD6_EXPORT void ip6mc_route_oper_create_fail_cleanup(ipv4mc_table_st *table,
 MFWD6_EXPORT cerrno ip6mc_get_parent_IF_route(ipv4mc_table_st *table, ipv4mc_route_entry_st *route,
                                               ipv4mc_route_entry_st **parent_route,
                                               int keep_old_parent);
+
+// Which route, and which of its ordinary interfaces, apply to a packet from `source` to `group`
+// that arrived on `ifh`. A route with inherit-accept answers with the interfaces of its parent.
+// `*intf_out` is NULL when there is no such interface; it is left alone when the route's parent is
+// missing; a NULL `intf_out` asks for the route only. ENOENT, with NULLs, when no route matches;
+// EINVAL, EBADF, EFAULT. Any process; the answers stay valid as long as the owner keeps freed
+// blocks for its readers.
+MFWD6_EXPORT cerrno ip6mc_lookup(ipv4mc_table_st *table, const ip_maddr_st *source,
+                                 const ip_maddr_st *group, ifhtype ifh,
+                                 ipv4mc_route_entry_st **route_out,
+                                 ipv4mc_intf_entry_st **intf_out);
+
+// Points the routes below `route` that inherit from it, or now do (`set` 1), at their true parent,
+// and tells the platform of each. EFAULT when one of them failed; the others are done all the same.
+MFWD6_EXPORT cerrno ipv4mc_process_setclear_IF_flag(ipv4mc_table_st *table,
+                                                    ipv4mc_route_entry_st *route, int set);
 
 // The first leaf of the table under a key, or NULL: 256 bits with a source, `length` with a group
 // only, all of the table with neither. A leaf of another table in that place gives NULL. No lock;
@@ -299,7 +321,7 @@ MFWD6_EXPORT cerrno ip6mc_route_delete_all(ipv4mc_table_st *table, uint32_t yiel
                                            mfwd_cmd cmd, int keep_srd, uint32_t *srd_count);
 
 // Walk functions by which a table-wide setting reaches each route; `context` is a u32 with the
-// action. Not built yet.
+// action. 0, or the code that ends the walk; the operator is told.
 MFWD6_EXPORT cerrno ipv4mc_route_accounting_fn(ipv4mc_route_entry_st *route, void *context);
 MFWD6_EXPORT cerrno ipv4mc_route_rate_per_route_fn(ipv4mc_route_entry_st *route, void *context);
 
@@ -353,6 +375,57 @@ MFWD6_EXPORT cerrno ipv4mc_intf_route_add(ipv4mc_route_entry_st *route,
 MFWD6_EXPORT cerrno ipv4mc_intf_route_delete(ipv4mc_route_entry_st *route,
                                              ipv4mc_intf_entry_st *entry);
 MFWD6_EXPORT cerrno ipv4mc_clear_intf(ipv4mc_intf_entry_st **entry_p);
+
+// Empties a route, for CLEAR; `text` names it in messages, `table` may be NULL.
+MFWD6_EXPORT void ip6mc_route_clear(ipv4mc_table_st *table, ipv4mc_route_entry_st *route,
+                                    char *text);
+
+// Undoes what one interface contributes to its route; its place in `intf_list` stays. Nothing when
+// one of the first four is NULL.
+MFWD6_EXPORT void ip6mc_intf_clear(ipv4mc_shmwin_hdr_st *shmwin_hdr, ipv4mc_table_st *table,
+                                   ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st *entry,
+                                   char *text);
+
+// Frees a leaf that is on no list and in no trie, with its rate record. EINVAL, or the trie's code.
+MFWD6_EXPORT cerrno ip6mc_route_free(ipv4mc_route_entry_st *route);
+
+// Changes one property of a committed route (ip6mc_platform.h). EBADF, EINVAL (also for an unknown
+// type, of which the platform has heard by then), or what the platform said: then nothing has
+// changed, but that an encap id of 0 unlinks all the same.
+MFWD6_EXPORT cerrno ip6mc_route_update(ipv4mc_route_entry_st *route, ipv4mc_route_update_type type,
+                                       const ipv4mc_route_update_st *upd);
+
+// Local egress interfaces of a route that serve other tables: the route's own count; the count of
+// one table (`op` 0 and 1: one less, one more; 2 and 3: the route's count less, more), unless `idb`
+// belongs to the route's table; and that of the table of each transport of the route's encap.
+MFWD6_EXPORT void ip6mc_ex_eg_update_rte(ipv4mc_route_entry_st *route, int delta);
+MFWD6_EXPORT void ip6mc_ex_eg_update_rcvr_tbl(ipv4mc_table_st *table, uint32_t op,
+                                              ipv4mc_route_entry_st *route, ipv4mc_idb_st *idb);
+MFWD6_EXPORT cerrno ipmc_ex_eg_upd_encap_rcvr_tbl(ipv4mc_route_entry_st *route, uint32_t op);
+
+// Links a core route to a customer table (ipv4mc_vrf_links): LOCAL finds or makes the table and
+// puts the route on its memd list, REMOTE keeps the id only. `text` names the route in messages.
+// ENOENT.
+MFWD6_EXPORT cerrno ip6mc_route_link_route_to_vrf(ipv4mc_route_entry_st *route, uint32_t index,
+                                                  uint32_t table_id, const char *text);
+MFWD6_EXPORT void ip6mc_route_unlink_route_from_vrf(ipv4mc_route_entry_st *route, uint32_t index,
+                                                    const char *text);
+
+// Sets (1) or clears (0) DT of a core route on behalf of a customer table, and with `program`
+// commits the route. Always 0; after a failed commit DT is clear.
+MFWD6_EXPORT cerrno ipmc_route_update_DT_flag(ipv4mc_table_st *table, ipv4mc_route_entry_st *route,
+                                              int set, int program);
+
+// Puts a route on the list of changed routes; the first one wakes the reader. Takes one off. The
+// caller holds the window mutex. EBADF, EINVAL.
+MFWD6_EXPORT cerrno ip6mc_mark_route_changed(ipv4mc_route_entry_st *route);
+MFWD6_EXPORT cerrno ipv4mc_changelist_remove_route(ipv4mc_route_entry_st *route);
+
+// The interfaces of a route that are encap output entries: the entry joins or leaves its route's
+// list, once. 1 when a route has none.
+MFWD6_EXPORT void ip6mc_route_encap_ole_link(ipv4mc_intf_entry_st *entry);
+MFWD6_EXPORT void ip6mc_route_encap_ole_unlink(ipv4mc_intf_entry_st *entry);
+MFWD6_EXPORT int ip6mc_route_encap_ole_empty(const ipv4mc_route_entry_st *route);
 
 MFWD6_END_C
 

@@ -84,7 +84,8 @@ struct ipv4mc_shmwin_hdr_st {
     void *plat_block_list;         // blocks of the platform half, of interfaces that are gone
     uint32_t changed_route_count;  // length of the changed-route list
     uint8_t changed_route_wake;    // 1: the list has become non-empty
-    uint8_t reserved[3];           // zero
+    uint8_t changed_route_ready;   // 1: mutex and condition have been made
+    uint8_t reserved[2];           // zero
     pthread_mutex_t changed_route_mutex;  // process-shared and robust; guards `changed_route_wake`
     pthread_cond_t changed_route_cond;    // process-shared; signalled with the first entry
 };

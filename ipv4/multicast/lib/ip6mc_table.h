@@ -183,6 +183,20 @@ MFWD6_EXPORT void *multicast_table_wrapper_for_shm_wavl_get_first(const wavl_tre
 MFWD6_EXPORT void *multicast_table_wrapper_for_shm_wavl_get_next(const wavl_tree *tree,
                                                                  const void *node, uint32_t thread);
 
+// Walk function of tables: `count` tables were seen before this one, `walk_state` is the walk's
+// own.
+typedef cerrno (*ipv4mc_table_walk_ft)(ipv4mc_table_st *table, uint32_t count, void *walk_state,
+                                       void *context);
+
+// The trees that ip6mc_table_walk walks.
+enum ipv4mc_table_walk_trees { IPV4MC_TABLE_WALK_NAMES = 0, IPV4MC_TABLE_WALK_TIDS = 1 };
+
+// Calls `function` for each table of `tree`; `thread` counts for IPV4MC_TABLE_WALK_NAMES. A failure
+// is reported; with `stop_on_error` it ends the walk and is its result, else the walk goes on.
+// EBADF, EINVAL (no such tree). The function may delete the table at hand.
+MFWD6_EXPORT cerrno ip6mc_table_walk(ipv4mc_table_walk_ft function, uint32_t tree, uint32_t thread,
+                                     void *context, int stop_on_error);
+
 // Creates, activates, clears, deactivates, deletes or looks up a table, and switches accounting and
 // rate for all its routes. At least one of `tid`, `vrf_id`, a non-empty `vrf_name` of under 33
 // characters, or `table_pp` is given. `*table_pp` may hold the table on entry (DELETE, CLEAR,
@@ -195,6 +209,20 @@ MFWD6_EXPORT void *multicast_table_wrapper_for_shm_wavl_get_next(const wavl_tree
 MFWD6_EXPORT cerrno ip6mc_table_operation(ipv4mc_action_type action, uint32_t tid,
                                           rsi_vrf_id_t vrf_id, const char *vrf_name,
                                           ipv4mc_table_st **table_pp, uint32_t arg);
+
+// Deletes every table, VRF tables first. `arg` is that of ip6mc_table_operation. Goes on for ever
+// with a VRF table that cannot be deleted; ends with the code of the first TID table that cannot.
+MFWD6_EXPORT cerrno ip6mc_table_delete_all(uint32_t arg);
+
+// Clears the routes of every TID table; stops at the first that fails, with its code.
+MFWD6_EXPORT cerrno ip6mc_table_clear_all(uint32_t arg);
+
+// Brings the core routes on `memd_route_list` in line: DT set (1) or clear (0). Nothing for the
+// default table, nor to clear while the table has local egress interfaces or T bits.
+MFWD6_EXPORT void ip6mc_tbl_update_memd_routes(ipv4mc_table_st *table, int set);
+
+// Selective download: the interfaces of a VRF table have come (1) or gone (0). Not built yet.
+MFWD6_EXPORT void ip6mc_svd_update_tbl_location(ipv4mc_table_st *table, int local);
 
 MFWD6_END_C
 

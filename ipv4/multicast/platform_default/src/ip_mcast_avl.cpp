@@ -1,4 +1,5 @@
-// Comparators of the search trees: 0 less, 1 equal, 2 greater; 1 also where either side is null.
+// Comparators of the search trees: 0 less, 1 equal, 2 greater. Those of tables give 1 also where
+// either side is null; that of interface entries asserts.
 #include <cstring>
 
 #include "ipv4/multicast/lib/ip6mc_idb.h"
@@ -20,8 +21,7 @@ const Record *record_of(const void *node, size_t thread) {
 }
 
 const ipv4mc_intf_entry_st *intf_of(const void *node) {
-    return reinterpret_cast<const ipv4mc_intf_entry_st *>(static_cast<const char *>(node) -
-                                                          offsetof(ipv4mc_intf_entry_st, avl_node));
+    return ipmc_intf_avl2intf(const_cast<void *>(node));
 }
 
 const ipv4mc_idb_st *idb_of(const void *node, size_t thread) {

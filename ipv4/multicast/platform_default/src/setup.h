@@ -18,6 +18,9 @@ cerrno ipmc_init_encap_regdb(void);
 // ipv4_mcast_bvi_table: gives back the root of a table's L2 states, which are gone by then.
 void ipmc_bvi_db_release(ipv4mc_table_st *table);
 
+// ip_mcast_route: the wake-up of the reader of changed routes, in a new window.
+void ipmc_changed_routes_init(ipv4mc_shmwin_hdr_st *hdr);
+
 // ip_mcast_svd
 void ipmc_svd_extract_plist(ipv4mc_table_st *table);
 

@@ -25,6 +25,9 @@ enum mlib_trace_id : uint64_t {
     MLIB_TRACE_TABLE_DELETE = 0x100040002,       // tid, vrf id
     MLIB_TRACE_LINE = 0x100050001,               // text of a debug line that is traced too
     MLIB_TRACE_ROUTE_CREATE = 0x100060001,       // size of the record, key length
+    MLIB_TRACE_LOCAL_EGRESS = 0x100060002,       // tid, count of local egress before and now
+    MLIB_TRACE_ENCAP_OLE_LINK = 0x100060003,     // entry, route, handle; head, tail, attributes
+    MLIB_TRACE_ENCAP_OLE_UNLINK = 0x100060004,   // the same
     MLIB_TRACE_OBJ_ID_BUILT = 0x2000,
     MLIB_TRACE_OBJ_ID_OFF = 0x2001,
     MLIB_TRACE_OBJ_ID_ON = 0x2002,

@@ -192,6 +192,7 @@ cerrno ip6mc_shmwin_open(int attach_only, int keep_buffer_pool) {
             return rc;
         }
         prepare_lock();
+        ipmc_changed_routes_init(ipv4mc_desc->shmwin_info);
     } else {
         ipv4mc_desc->buffer_pool_enabled = 0;
     }

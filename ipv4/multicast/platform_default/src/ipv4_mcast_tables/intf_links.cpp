@@ -44,26 +44,20 @@ void clear_flag(ipv4mc_intf_entry_st *entry, uint8_t flag) {
     store(entry->intf_flags, static_cast<uint8_t>(entry->intf_flags & ~flag));
 }
 
-cerrno add_to_tree(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st *entry) {
+bool add_to_tree(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st *entry) {
     const mlib::tbl_write_lock guard(__LINE__);
     if (avl_insert(&route->intf_tree, &entry->avl_node, ipmc_intf_avl_compare) == nullptr) {
-        MLIB_ERR("Cannot add intf [%s/%s/%u] to intf_tree. (%s,%s/%d): handles [0x%x/0x%x]",
-                 mlib::intf_name(entry->ifh), text_of_amt(entry).text, entry->amt_port,
-                 ROUTE_ARGS(route), entry->key_ifh, entry->ifh);
-        return EINVAL;
+        return false;
     }
     set_flag(entry, IPV4MC_INTF_FLAG_IN_TREE);
-    return 0;
+    return true;
 }
 
-void remove_from_tree(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st *entry) {
+bool remove_from_tree(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st *entry) {
     const mlib::tbl_write_lock guard(__LINE__);
-    if (avl_delete(&route->intf_tree, &entry->avl_node) == nullptr) {
-        MLIB_ERR("Cannot delete intf [%s/%s/%u] from intf_tree. (%s,%s/%d): handles [0x%x/0x%x]",
-                 mlib::intf_name(entry->ifh), text_of_amt(entry).text, entry->amt_port,
-                 ROUTE_ARGS(route), entry->key_ifh, entry->ifh);
-    }
+    const bool was_there = avl_delete(&route->intf_tree, &entry->avl_node) != nullptr;
     clear_flag(entry, IPV4MC_INTF_FLAG_IN_TREE);
+    return was_there;
 }
 
 void add_to_list(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st *entry) {
@@ -221,11 +215,14 @@ cerrno ipv4mc_intf_route_add(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st 
         return EINVAL;
     }
     const group change;
-    const cerrno rc = add_to_tree(route, entry);
-    if (rc == 0) {
-        add_to_list(route, entry);
+    if (!add_to_tree(route, entry)) {
+        MLIB_ERR("Cannot add intf [%s/%s/%u] to intf_tree. (%s,%s/%d): handles [0x%x/0x%x]",
+                 mlib::intf_name(entry->ifh), text_of_amt(entry).text, entry->amt_port,
+                 ROUTE_ARGS(route), entry->key_ifh, entry->ifh);
+        return EINVAL;
     }
-    return rc;
+    add_to_list(route, entry);
+    return 0;
 }
 
 cerrno ipv4mc_intf_route_delete(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st *entry) {
@@ -252,7 +249,11 @@ cerrno ipv4mc_intf_route_delete(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_
         return EINVAL;
     }
     const group change;
-    remove_from_tree(route, entry);
+    if (!remove_from_tree(route, entry)) {
+        MLIB_ERR("Cannot delete intf [%s/%s/%u] from intf_tree. (%s,%s/%d): handles [0x%x/0x%x]",
+                 mlib::intf_name(entry->ifh), text_of_amt(entry).text, entry->amt_port,
+                 ROUTE_ARGS(route), entry->key_ifh, entry->ifh);
+    }
     remove_from_list(route, entry);
     return ipv4mc_clear_intf(&entry);
 }

@@ -18,6 +18,7 @@
 
 namespace {
 
+using mfwd6::journal::group;
 using mfwd6::journal::store;
 
 struct intf_request {
@@ -81,9 +82,9 @@ void follow_underlying_interface(const intf_request &request, ipv4mc_intf_entry_
     if (request.intf_type != IPV4MC_INTF_AMT) {
         return;
     }
+    const group change;
     if (entry->ifh != request.ifh) {
-        MLIB_TRACE_TEXT(IPV4_DEBUG_INTF, "AMT underlying interface is changing from 0x%x to 0x%x",
-                        entry->ifh, request.ifh);
+        MLIB_ERR("AMT underlying interface is changing from 0x%x to 0x%x", entry->ifh, request.ifh);
         ipv4mc_intf_entry_st *moving = entry;
         ip6mc_idb_route_remove(request.route, &moving);
     }
@@ -186,8 +187,11 @@ cerrno commit_existing(const intf_request &request) {
     return 0;
 }
 
-// Into the interface's list of routes, then into the route: both or neither.
+// Into the interface's list of routes, then into the route: both or neither, whoever is killed in
+// between. That is why the first route on an interface has the platform make the interface inside
+// the group.
 cerrno join(const intf_request &request) {
+    const group change;
     ipv4mc_idb_st *idb = request.idb;
     cerrno rc = idb != nullptr ? ip6mc_idb_route_add_idb(idb, request.route, request.intf_entry)
                                : ip6mc_idb_route_add(&idb, request.route, request.intf_entry);
@@ -210,13 +214,17 @@ cerrno join(const intf_request &request) {
     return rc;
 }
 
+// The entry is freed: the caller must not be left with it.
 void unjoin(const intf_request &request) {
+    const group change;
     ip6mc_idb_route_remove(request.route, request.intf_entry);
     const cerrno rc = ipv4mc_intf_route_delete(request.route, *request.intf_entry);
     if (rc != 0) {
         MLIB_ERR("Unable to remove  existing %s from (%s,%s/%d): %s", INTF,
                  ROUTE_ARGS(request.route), cerr_strerror(rc));
+        return;
     }
+    *request.intf_entry = nullptr;
 }
 
 cerrno commit_new(const intf_request &request) {
@@ -271,6 +279,7 @@ cerrno remove(const intf_request &request) {
                  ROUTE_ARGS(request.route), cerr_strerror(rc));
         return rc;
     }
+    const group change;
     rc = leave_idb(request, &entry);
     if (rc != 0) {
         MLIB_ERR("Unable to remove (%s,%s/%d) from IDB for existing %s : %s",
@@ -295,6 +304,7 @@ cerrno clear(const intf_request &request) {
                  ROUTE_ARGS(request.route), cerr_strerror(rc));
         return rc;
     }
+    const group change;
     if ((*request.intf_entry)->on_idb_list != 0) {
         rc = leave_idb(request, request.intf_entry);
         if (rc != 0) {

@@ -26,18 +26,22 @@ struct trie_key {
     uint32_t length;  // adjusted to the trie
 };
 
-void make_key(const route_request &request, trie_key *key) {
-    void *trie = request.table->ingress_gtrie;
+void make_prefix(const route_request &request, trie_key *key) {
     *key = trie_key{};
-    ip6mc_gtrie_platform_make_prefix(trie, key->prefix, request.source, request.group);
-    key->length = mlib::route_key_length(request.source, request.pfx_len);
-    ip6mc_gtrie_platform_get_pfx_len_adjusted(trie, &key->length);
+    ip6mc_gtrie_platform_make_prefix(request.table->ingress_gtrie, key->prefix, request.source,
+                                     request.group);
+}
+
+void make_key(const route_request &request, trie_key *key) {
+    make_prefix(request, key);
+    key->length = request.pfx_len;
+    ip6mc_gtrie_platform_get_pfx_len_adjusted(request.table->ingress_gtrie, &key->length);
 }
 
 cerrno look_up(const route_request &request) {
     // A longest match on the full key: the length plays no part.
     trie_key key;
-    make_key(request, &key);
+    make_prefix(request, &key);
     cerrno error = 0;
     *request.route_entry = static_cast<ipv4mc_route_entry_st *>(
         ip6mc_gtrie_platform_lookup(request.table->ingress_gtrie, key.prefix, &error));
@@ -55,11 +59,8 @@ cerrno look_up(const route_request &request) {
 }
 
 cerrno look_up_exact(const route_request &request) {
-    trie_key key;
-    make_key(request, &key);
     cerrno error = 0;
-    *request.route_entry = static_cast<ipv4mc_route_entry_st *>(ip6mc_gtrie_platform_lookup_exact(
-        request.table->ingress_gtrie, key.prefix, key.length, &error));
+    *request.route_entry = mlib::find_exact(request, &error);
     if (error != 0) {
         MLIB_ERR("Problems in Gtrie during exact route match (%s,%s) %s",
                  mlib::source_text(request.source), mlib::address_text(request.group),
@@ -97,13 +98,6 @@ cerrno take_table_settings(const route_request &request, ipv4mc_route_entry_st *
     return 0;
 }
 
-const char *vrf_text(const ipv4mc_table_st *table) {
-    if (table->table_type == IPV4MC_TABLE_TID) {
-        table = table->vtable;
-    }
-    return table != nullptr ? table->vrf_name : "-";
-}
-
 cerrno fill_new_route(const route_request &request, ipv4mc_route_entry_st *route) {
     ptimer_gettime(&route->create_time);
     *request.route_entry = route;
@@ -124,7 +118,7 @@ cerrno fill_new_route(const route_request &request, ipv4mc_route_entry_st *route
     route->table = request.table;
     ipmc_object_ida_alloc_route(route);  // a route without an id is still a route
     MLIB_DEBUG_OBJECT_ID(route->obj_id, "Allocated for route (%s,%s/%d, v:%s)", REQUEST_KEY,
-                         vrf_text(request.table));
+                         mlib::vrf_text(request.table));
     return 0;
 }
 
@@ -147,8 +141,8 @@ cerrno create(const route_request &request) {
         return EFAULT;
     }
     auto *route = static_cast<ipv4mc_route_entry_st *>(leaf);
-    if (request.aux_addr != nullptr) {
-        route->aux_addr = *request.aux_addr;  // also on a route that exists
+    if (request.aux_addr != nullptr) {  // also on a route that exists
+        mfwd6::journal::copy(&route->aux_addr, request.aux_addr, sizeof(route->aux_addr));
     }
     if (created == 0) {
         *request.route_entry = route;
@@ -158,28 +152,25 @@ cerrno create(const route_request &request) {
     return fill_new_route(request, route);
 }
 
-cerrno check_arguments(const route_request &request) {
+cerrno check_route_given(const route_request &request) {
     const bool no_pointer = request.route_entry == nullptr;
+    if (!no_pointer && *request.route_entry != nullptr) {
+        return 0;
+    }
+    MLIB_ERR("Action is %s but %s %s", mlib::action_text(request.action),
+             no_pointer ? "route_entry is NULL" : "", no_pointer ? "" : "*route_entry is NULL");
+    return EINVAL;
+}
+
+cerrno check_arguments(const route_request &request) {
     switch (request.action) {
         case IPV4MC_ACTION_CLEAR:
         case IPV4MC_ACTION_COMMIT:
-        case IPV4MC_ACTION_ACCT_ENABLE:
-        case IPV4MC_ACTION_ACCT_DISABLE:
-        case IPV4MC_ACTION_ACCT_FWD_ENABLE:
-        case IPV4MC_ACTION_ACCT_FWD_DISABLE:
-        case IPV4MC_ACTION_RATE_ENABLE:
-        case IPV4MC_ACTION_RATE_DISABLE:
-            if (no_pointer || *request.route_entry == nullptr) {
-                MLIB_ERR("Action is %s but %s %s", mlib::action_text(request.action),
-                         no_pointer ? "route_entry is NULL" : "",
-                         no_pointer ? "" : "*route_entry is NULL");
-                return EINVAL;
-            }
-            return 0;
+            return check_route_given(request);
         case IPV4MC_ACTION_LOOKUP:
         case IPV4MC_ACTION_CREATE:
         case IPV4MC_ACTION_EXACT_LOOKUP:
-            if (no_pointer) {
+            if (request.route_entry == nullptr) {
                 MLIB_ERR("Action is %s but route_entry is NULL", mlib::action_text(request.action));
                 return EINVAL;
             }
@@ -187,6 +178,12 @@ cerrno check_arguments(const route_request &request) {
         default:
             return 0;
     }
+}
+
+template <class Work>
+cerrno on_given_route(const route_request &request, const Work &work) {
+    const cerrno rc = check_route_given(request);
+    return rc != 0 ? rc : work(request);
 }
 
 cerrno act(const route_request &request) {
@@ -207,10 +204,10 @@ cerrno act(const route_request &request) {
         case IPV4MC_ACTION_ACCT_DISABLE:
         case IPV4MC_ACTION_ACCT_FWD_ENABLE:
         case IPV4MC_ACTION_ACCT_FWD_DISABLE:
-            return ipv4mc_route_accounting(request);
+            return on_given_route(request, ipv4mc_route_accounting);
         case IPV4MC_ACTION_RATE_ENABLE:
         case IPV4MC_ACTION_RATE_DISABLE:
-            return ipv4mc_route_rate(request);
+            return on_given_route(request, ipv4mc_route_rate);
         default:
             return 0;
     }
@@ -236,6 +233,11 @@ cerrno ipv4mc_route_operation_helper(ipv4mc_action_type action, ipv4mc_table_st 
                                      mrib_attrib_ti_mofrr_type mofrr_attrib, int *is_new) {
     if (!is_ready()) {
         return EBADF;
+    }
+    if (table == nullptr || source == nullptr || group == nullptr) {
+        MLIB_ERR("NULL %s%s%s", table == nullptr ? "table " : "",
+                 source == nullptr ? "source " : "", group == nullptr ? "group" : "");
+        return EINVAL;
     }
     const route_request request{action,
                                 table,
@@ -266,7 +268,8 @@ cerrno ip6mc_route_operation(ipv4mc_action_type action, ipv4mc_table_st *table,
                              const ip_maddr_st *aux_addr, ipv4mc_route_entry_st **route_entry,
                              mrib_attrib_entry_type old_attributes,
                              mrib_attrib_ti_mofrr_type mofrr_attrib, int *is_new) {
-    MLIB_DEBUG(IPV4_DEBUG_EV, "Rte: Just in for 0x%x:(%s,%s/%d) action %s", table->tid,
+    const uint32_t tid = table != nullptr ? table->tid : 0;
+    MLIB_DEBUG(IPV4_DEBUG_EV, "Rte: Just in for 0x%x:(%s,%s/%d) action %s", tid,
                ROUTE_KEY_ARGS(source, group, pfx_len), mlib::action_text(action));
     if (!is_ready()) {
         return EBADF;
@@ -279,7 +282,7 @@ cerrno ip6mc_route_operation(ipv4mc_action_type action, ipv4mc_table_st *table,
                                       old_attributes, mofrr_attrib, is_new);
     // EEXIST is an answer: CREATE on a route that exists, with the route in hand.
     if (rc != 0 && rc != EEXIST) {
-        MLIB_ERR("Rte-V2: route operation failed for 0x%x (%s, %s) action 0x%x - %s", table->tid,
+        MLIB_ERR("Rte-V2: route operation failed for 0x%x (%s, %s) action 0x%x - %s", tid,
                  mlib::source_text(source), mlib::address_text(group), action, cerr_strerror(rc));
     }
     return rc;
@@ -312,6 +315,20 @@ void ip6mc_route_oper_create_fail_cleanup(ipv4mc_table_st *table,
 }
 
 }  // extern "C"
+
+const char *mlib::vrf_text(const ipv4mc_table_st *table) {
+    if (table->table_type == IPV4MC_TABLE_TID) {
+        table = table->vtable;
+    }
+    return table != nullptr ? table->vrf_name : "-";
+}
+
+ipv4mc_route_entry_st *mlib::find_exact(const route_request &request, cerrno *error) {
+    trie_key key;
+    make_key(request, &key);
+    return static_cast<ipv4mc_route_entry_st *>(ip6mc_gtrie_platform_lookup_exact(
+        request.table->ingress_gtrie, key.prefix, key.length, error));
+}
 
 cerrno mlib::stop_for_corruption() {
     store(ipv4mc_desc->shmwin_info->mlib_corrupted, 1U);

@@ -27,9 +27,8 @@ cerrno ipv4mc_route_rate(const route_request &request);
 cerrno ipv4mc_route_delete(const route_request &request);
 cerrno ipv4mc_route_clear_action(const route_request &request);
 
-// Turns children of a route towards it (1) or away from it (0).
-cerrno ipv4mc_process_setclear_IF_flag(ipv4mc_table_st *table, ipv4mc_route_entry_st *route,
-                                       int set);
+// For a route that is about to go: no other route names it as its parent any more. Nobody is told.
+void ipmc_forget_IF_parent(ipv4mc_table_st *table, ipv4mc_route_entry_st *route);
 
 namespace mlib {
 
@@ -44,6 +43,19 @@ cerrno stop_for_corruption();
 
 // The name of an interface for messages; valid until the thread's next few.
 const char *intf_name(ifhtype ifh);
+
+// Name of the VRF of a table for messages, "-" when it has none.
+const char *vrf_text(const ipv4mc_table_st *table);
+
+// The route with exactly this key, or null; the trie's code in `*error`.
+ipv4mc_route_entry_st *find_exact(const route_request &request, cerrno *error);
+
+// Gives the object id of a route back; a failure is reported.
+void free_route_object_id(const route_request &request, ipv4mc_route_entry_st *route);
+
+// Tells the platform whether packets that leave an encap are looked up here as well. A failure is
+// reported.
+void switch_ip_lookup(ipv4mc_encap_entry_st *encap, uint8_t value);
 
 const char *action_text(ipv4mc_action_type action);
 

@@ -1,0 +1,145 @@
+// The list of routes that have changed since its reader last drained it, and the wake-up of that
+// reader.
+#include <pthread.h>
+
+#include <cerrno>
+
+#include "ipv4/multicast/lib/ip6mc_lib.h"
+#include "ipv4/multicast/lib/ip6mc_route.h"
+#include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_route/route_lists.h"
+#include "ipv4/multicast/platform_default/src/setup.h"
+#include "services/journal/journal.h"
+#include "services/locks/pak_client.h"
+
+namespace {
+
+using mfwd6::journal::group;
+using mfwd6::journal::publish;
+using mfwd6::journal::store;
+
+bool is_ready() {
+    if (ipv4mc_desc->state == IPV4MC_LIB_STATE_READY) {
+        return true;
+    }
+    MLIB_ERR("Multicast library Not ready\n");
+    return false;
+}
+
+// The mutex guards one byte, which is whole whoever died with it.
+int take_over(pthread_mutex_t *mutex, int rc) {
+    return rc == EOWNERDEAD ? pthread_mutex_consistent(mutex) : rc;
+}
+
+int lock(pthread_mutex_t *mutex) {
+    int rc = pthread_mutex_trylock(mutex);
+    if (rc == EBUSY) {
+        ptd_set_mutex_block();
+        rc = pthread_mutex_lock(mutex);
+        ptd_unset_mutex_block();
+    }
+    return take_over(mutex, rc);
+}
+
+void wake_reader(ipv4mc_shmwin_hdr_st *hdr) {
+    int rc = lock(&hdr->changed_route_mutex);
+    if (rc == 0) {
+        store(hdr->changed_route_wake, uint8_t{1});
+        pthread_mutex_unlock(&hdr->changed_route_mutex);
+        rc = pthread_cond_signal(&hdr->changed_route_cond);
+    }
+    if (rc != 0) {
+        MLIB_ERR("pthread_cond_signal failed [0x%x] : %s", static_cast<unsigned>(rc),
+                 cerr_strerror(static_cast<cerrno>(rc)));
+    }
+}
+
+int make_mutex(pthread_mutex_t *mutex) {
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+    pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+    const int rc = pthread_mutex_init(mutex, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+    return rc;
+}
+
+int make_condition(pthread_cond_t *condition) {
+    pthread_condattr_t attributes;
+    pthread_condattr_init(&attributes);
+    pthread_condattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+    const int rc = pthread_cond_init(condition, &attributes);
+    pthread_condattr_destroy(&attributes);
+    return rc;
+}
+
+}  // namespace
+
+// A window that has them keeps them: a reader may be waiting.
+void ipmc_changed_routes_init(ipv4mc_shmwin_hdr_st *hdr) {
+    if (hdr->changed_route_ready != 0) {
+        return;
+    }
+    int rc = make_mutex(&hdr->changed_route_mutex);
+    rc = rc != 0 ? rc : make_condition(&hdr->changed_route_cond);
+    if (rc != 0) {
+        MLIB_ERR("Cannot init wake-up of changed routes [%d] : %s", __LINE__,
+                 cerr_strerror(static_cast<cerrno>(rc)));
+        return;
+    }
+    publish(hdr->changed_route_ready, uint8_t{1});
+}
+
+extern "C" {
+
+cerrno ip6mc_mark_route_changed(ipv4mc_route_entry_st *route) {
+    if (!is_ready()) {
+        return EBADF;
+    }
+    ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
+    if (hdr == nullptr) {
+        MLIB_ERR("Null shared memory window pointer");
+        return EINVAL;
+    }
+    if (route == nullptr) {
+        MLIB_ERR("Null route pointer");
+        return EINVAL;
+    }
+    // The only route on the list has no neighbours: the tail tells.
+    if (route->change_next != nullptr || hdr->changed_route_tail == route) {
+        return 0;
+    }
+    {
+        const group change;
+        mlib::changed_routes(hdr->changed_route_head, hdr->changed_route_tail).push_back(route);
+        store(hdr->changed_route_count, hdr->changed_route_count + 1);
+    }
+    // Only the first entry wakes the reader, which drains the list before it sleeps.
+    if (hdr->changed_route_count == 1) {
+        wake_reader(hdr);
+    }
+    return 0;
+}
+
+cerrno ipv4mc_changelist_remove_route(ipv4mc_route_entry_st *route) {
+    if (!is_ready()) {
+        return EBADF;
+    }
+    if (route == nullptr) {
+        MLIB_ERR("Null Route entry");
+        return EINVAL;
+    }
+    ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
+    const group change;
+    const bool was_tail = hdr->changed_route_tail == route;
+    if (was_tail) {
+        store(hdr->changed_route_tail, route->change_prev);
+    }
+    const bool was_on = mlib::leave_list<mlib::changed_route_links>(hdr->changed_route_head, route);
+    if ((was_on || was_tail) && hdr->changed_route_count != 0) {
+        store(hdr->changed_route_count, hdr->changed_route_count - 1);
+    }
+    return 0;
+}
+
+}  // extern "C"
