@@ -1,5 +1,6 @@
 #include "services/diag/run_dir.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,22 +22,16 @@ bool usable(const char *path) {
     struct stat st = {};
     return (mkdir(path, 0755) == 0 || errno == EEXIST) && lstat(path, &st) == 0 &&
            S_ISDIR(st.st_mode) && (st.st_uid == geteuid() || st.st_uid == 0) &&
-           access(path, W_OK | X_OK) == 0;
+           (st.st_mode & S_IWOTH) == 0 && faccessat(AT_FDCWD, path, W_OK | X_OK, AT_EACCESS) == 0;
 }
 
+// The last place stays if none is usable: whoever opens something there learns why.
 void choose_default() {
-    snprintf(directory, sizeof(directory), "/run/mfwd6");
-    if (usable(directory)) {
-        return;
-    }
-    const char *runtime = getenv("XDG_RUNTIME_DIR");
-    if (runtime != nullptr && *runtime == '/' && strlen(runtime) + sizeof("/mfwd6") <= dir_size) {
-        snprintf(directory, sizeof(directory), "%s/mfwd6", runtime);
-        if (usable(directory)) {
+    for (unsigned i = 0; i < DIAG_RUN_DIRS; ++i) {
+        if (diag_default_run_dir(i, directory, sizeof(directory)) != 0 && usable(directory)) {
             return;
         }
     }
-    snprintf(directory, sizeof(directory), "/dev/shm/mfwd6-%u", static_cast<unsigned>(geteuid()));
 }
 
 }  // namespace
@@ -52,6 +47,28 @@ cerrno diag_set_run_dir(const char *path) {
     mfwd6::diag::traces_leave_run_dir();
     mfwd6::diag::debug_follow_run_dir();
     return 0;
+}
+
+int diag_default_run_dir(unsigned number, char *path, size_t size) {
+    const char *runtime = getenv("XDG_RUNTIME_DIR");
+    int length = 0;
+    switch (number) {
+        case 0:
+            length = snprintf(path, size, "/run/mfwd6");
+            break;
+        case 1:
+            if (runtime == nullptr || *runtime != '/') {
+                return 0;
+            }
+            length = snprintf(path, size, "%s/mfwd6", runtime);
+            break;
+        case 2:
+            length = snprintf(path, size, "/dev/shm/mfwd6-%u", static_cast<unsigned>(geteuid()));
+            break;
+        default:
+            return 0;
+    }
+    return length > 0 && static_cast<size_t>(length) < size ? 1 : 0;
 }
 
 const char *diag_run_dir(void) {

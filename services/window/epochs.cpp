@@ -2,6 +2,7 @@
 
 #include <errno.h>
 
+#include "services/window/heap.h"
 #include "services/window/window_table.h"
 
 namespace mfwd6::window {
@@ -21,8 +22,8 @@ reader_slot *reader_of(uint32_t id, uint32_t reader, open_window **out) {
     }
     *out = w;
     reader_slot &r = w->super->readers[number];
-    const bool own =
-        journal::observe(r.peer) == w->env.self && r.generation == reader >> place_bits;
+    const bool own = journal::observe(r.peer) == w->env.self &&
+                     journal::observe(r.generation) == reader >> place_bits;
     return own ? &r : nullptr;
 }
 
@@ -133,9 +134,11 @@ cerrno shmwin_reader_enter(uint32_t id, uint32_t *reader) {
     for (uint32_t i = 0; i < SHMWIN_READERS; ++i) {
         reader_slot &r = w->super->readers[i];
         if (claim(*w, r)) {
-            r.generation = (r.generation + 1) & ((1U << (32 - place_bits)) - 1);
+            const uint32_t generation =
+                (journal::observe(r.generation) + 1) & ((1U << (32 - place_bits)) - 1);
+            std::atomic_ref<uint32_t>(r.generation).store(generation, std::memory_order_relaxed);
             announce(*w, r);
-            *reader = (r.generation << place_bits) | (i + 1);
+            *reader = (generation << place_bits) | (i + 1);
             return 0;
         }
     }
@@ -172,7 +175,7 @@ cerrno shmwin_defer(uint32_t id, void *block) {
     if (!w->owner) {
         return SHMWIN_ERR_NOT_OWNER;
     }
-    if (covering(block) != w) {
+    if (covering(block) != w || !locate(*w, block, false).live) {
         return SHMWIN_ERR_BAD_BLOCK;
     }
     const journal::group g;

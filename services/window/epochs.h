@@ -21,7 +21,9 @@ MFWD6_BEGIN_C
 // processes.
 MFWD6_EXPORT cerrno shmwin_reader_enter(uint32_t id, uint32_t *reader);
 
-// The reader holds no pointer into the window now. One load and one store; also ends `idle`.
+// The reader holds no pointer into the window now; also ends `idle`. A few loads and one exchange
+// on a cache line that belongs to this reader alone: no system call, no waiting. The line with the
+// epoch, which all readers read, changes only when the owner reclaims.
 MFWD6_EXPORT void shmwin_reader_quiescent(uint32_t id, uint32_t reader);
 
 // The reader holds no pointer and will take none until its next quiescent point: nobody waits for
@@ -33,6 +35,7 @@ MFWD6_EXPORT void shmwin_reader_leave(uint32_t id, uint32_t reader);
 
 // Owner: keeps `block`, which nothing in the window leads to any more, until every reader has
 // passed. SHMWIN_ERR_SPACE: no room to note it; nothing was changed, reclaim and try again.
+// SHMWIN_ERR_BAD_BLOCK: not a live block of this window.
 MFWD6_EXPORT cerrno shmwin_defer(uint32_t id, void *block);
 
 // Ends one deferred block. Called with a journal group open in which the block leaves the list.
@@ -44,7 +47,8 @@ typedef void (*shmwin_final_fn)(void *block, void *context);
 MFWD6_EXPORT cerrno shmwin_reclaim(uint32_t id, uint32_t most, shmwin_final_fn final, void *context,
                                    uint32_t *ended);
 
-// Visits every deferred block, oldest first: they are live and reachable from no record.
+// Visits every deferred block, oldest first: they are live and reachable from no record. Not beside
+// defer and reclaim, so by the owner's operation thread, or while there is no owner.
 MFWD6_EXPORT cerrno shmwin_each_deferred(uint32_t id, int (*visit)(void *block, void *context),
                                          void *context);
 

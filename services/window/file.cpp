@@ -115,19 +115,36 @@ int lock_byte(int fd, int64_t offset, short type) {
     return 0;
 }
 
-cerrno open_file(const char *name, bool make, int *out) {
-    cerrno why = 0;
-    const int dir = open_run_dir(make, &why);
-    if (dir < 0) {
-        return why;
-    }
+namespace {
+
+// Opens or creates the file in the run dir, or in the first of its default places that has it.
+cerrno open_or_find(const char *name, bool make, int *fd) {
     const int flags =
         O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (make ? O_CREAT : 0);
-    const int fd = openat(dir, name, flags, 0600);
-    const int error = errno;
-    close(dir);
-    if (fd < 0) {
-        return code_of_open(error);
+    cerrno first_reason = SHMWIN_ERR_NO_WINDOW;
+    char path[path_bytes];
+    for (uint32_t i = 0; run_dir_to_try(i, make, path); ++i) {
+        cerrno why = 0;
+        const int dir = open_dir(path, make, &why);
+        if (dir >= 0) {
+            *fd = openat(dir, name, flags, 0600);
+            why = *fd >= 0 ? 0 : code_of_open(errno);
+            close(dir);
+        }
+        if (why == 0) {
+            return 0;
+        }
+        first_reason = first_reason == SHMWIN_ERR_NO_WINDOW ? why : first_reason;
+    }
+    return first_reason;
+}
+
+}  // namespace
+
+cerrno open_file(const char *name, bool make, int *out) {
+    int fd = -1;
+    if (const cerrno code = open_or_find(name, make, &fd); code != 0) {
+        return code;
     }
     struct stat st;
     cerrno code = fstat(fd, &st) == 0 ? refuse_foreign(st) : static_cast<cerrno>(errno);

@@ -16,7 +16,7 @@ namespace mfwd6::window {
 
 inline constexpr uint64_t file_magic = 0x316e69773664666dULL;
 // Raise it with every change of a record in this file.
-inline constexpr uint32_t service_version = 1;
+inline constexpr uint32_t service_version = 2;
 
 // The heap is cut into spans: a slab of equal slots, a piece of a large block, or free.
 inline constexpr uint32_t span_shift = 15;
@@ -86,7 +86,8 @@ struct deferred_chunk {
 static_assert(sizeof(deferred_chunk) <= 4096);
 
 struct epoch_state {
-    uint64_t now;  // at least 1
+    uint64_t now;  // at least 1; alone on its line, which every reader reads
+    uint64_t reserved_line[7];
     uint64_t count;
     deferred_chunk *first;
     deferred_chunk *last;

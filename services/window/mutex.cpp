@@ -14,9 +14,36 @@ namespace {
 
 constexpr int death_wait_ms = 1000;
 
+struct registration {
+    shmwin_monitor_fn call;
+    void *context;
+};
+
+registration monitor_of(const open_window &w) {
+    for (;;) {
+        const uint32_t version = w.monitor_version.load(std::memory_order_acquire);
+        const registration found = {w.monitor.load(std::memory_order_acquire),
+                                    w.monitor_context.load(std::memory_order_acquire)};
+        if (version % 2 == 0 && w.monitor_version.load(std::memory_order_acquire) == version) {
+            return found;
+        }
+    }
+}
+
+void set_monitor(open_window &w, registration wanted) {
+    uint32_t version = w.monitor_version.load(std::memory_order_relaxed);
+    do {
+        version &= ~1U;
+    } while (!w.monitor_version.compare_exchange_weak(version, version + 1));
+    w.monitor.store(wanted.call, std::memory_order_release);
+    w.monitor_context.store(wanted.context, std::memory_order_release);
+    w.monitor_version.store(version + 2, std::memory_order_release);
+}
+
 void tell(const open_window &w, uint32_t event) {
-    if (w.monitor != nullptr) {
-        w.monitor(w.id.load(std::memory_order_relaxed), event, w.monitor_context);
+    const registration to = monitor_of(w);
+    if (to.call != nullptr) {
+        to.call(w.id.load(std::memory_order_relaxed), event, to.context);
     }
 }
 
@@ -73,7 +100,6 @@ void prepare_mutex(open_window &w) {
     o.log = w.env.logs[static_cast<uint32_t>(peers::domain::window_mutex)];
     o.recursive = false;
     o.recovers = true;
-    o.stuck_after = wait_limit_ns();
     o.on_stuck = holder_is_stuck;
     o.context = &w;
 }
@@ -86,18 +112,25 @@ using namespace mfwd6::window;
 extern "C" {
 
 cerrno shmwin_lock(uint32_t id) {
-    open_window *w = find(id);
-    if (w == nullptr) {
-        return SHMWIN_ERR_BAD_ID;
-    }
-    const locks::outcome got = locks::lock(&w->super->window_mutex, w->mutex_options);
-    if (!locks::is_taken(got)) {
-        return got == locks::outcome::closed ? EBADF : ENOLCK;
-    }
-    if (got == locks::outcome::taken_after_death) {
+    for (;;) {
+        open_window *w = find(id);
+        if (w == nullptr) {
+            return SHMWIN_ERR_BAD_ID;
+        }
+        locks::mutex_options how = w->mutex_options;
+        how.stuck_after = wait_limit_ns();
+        const locks::outcome got = locks::lock(&w->super->window_mutex, how);
+        if (!locks::is_taken(got)) {
+            return got == locks::outcome::closed ? EBADF : ENOLCK;
+        }
+        if (got != locks::outcome::taken_after_death || monitor_of(*w).call == nullptr) {
+            return 0;
+        }
+        // The monitor may take the mutex itself, or wait for somebody who does, so it is called
+        // without it; what the dead left is at rest already.
+        locks::unlock(&w->super->window_mutex, w->mutex_options);
         tell(*w, SHMWIN_EVENT_DEAD);
     }
-    return 0;
 }
 
 cerrno shmwin_unlock(uint32_t id) {
@@ -111,8 +144,7 @@ cerrno shmwin_monitor_lock(uint32_t id, shmwin_monitor_fn monitor, void *context
     if (w == nullptr) {
         return SHMWIN_ERR_BAD_ID;
     }
-    w->monitor_context = context;
-    w->monitor = monitor;
+    set_monitor(*w, {monitor, context});
     return 0;
 }
 

@@ -237,9 +237,13 @@ cerrno offer_repair(open_window &w, cerrno code) {
     return SHMWIN_ERR_REPAIR;
 }
 
+void bind_log_of(const open_window &w) {
+    journal::bind_process(w.env.logs[static_cast<uint32_t>(peers::domain::owner)], w.env.self);
+}
+
 void become_owner(open_window &w) {
     w.owner = true;
-    journal::bind_process(w.env.logs[static_cast<uint32_t>(peers::domain::owner)], w.env.self);
+    bind_log_of(w);
     std::atomic_ref<uint32_t>(w.super->owner).store(w.env.self, std::memory_order_release);
     ++w.super->opened;
 }
@@ -346,17 +350,27 @@ cerrno open_attached(open_window &w, const shmwin_open_record &r) {
     return 0;
 }
 
+// `w` is about to be closed: the process's log and the packet client mutex become those of the
+// window opened last before it.
+void bind_to_others(const open_window &w) {
+    if (const open_window *owned = latest(true, &w); owned != nullptr) {
+        bind_log_of(*owned);
+    } else {
+        journal::bind_process(nullptr, 0);
+    }
+    const open_window *other = latest(false, &w);
+    locks::pak_client_mutex_bind(other != nullptr ? &other->super->packet_mutex : nullptr);
+}
+
 void close_window(open_window &w) {
     if (w.broken) {
         drop(&w);
     } else {
-        if (w.owner) {
-            journal::bind_process(nullptr, 0);
-        }
-        locks::pak_client_mutex_bind(nullptr);
+        bind_to_others(w);
         leave(w);
     }
     give_up(w, 0);
+    release(&w);
 }
 
 // A window that an earlier call left open for repair, and that nobody closed.
@@ -416,6 +430,7 @@ cerrno shmwin_open_win(const shmwin_open_record *record, void **header, uint32_t
     const bool owner = record->open_flags == SHMWIN_OPEN_OWNER;
     const cerrno code = owner ? open_owner(*w, *record) : open_attached(*w, *record);
     if (code != 0 && code != SHMWIN_ERR_REPAIR) {
+        release(w);
         return code;
     }
     if (w->id.load() == 0) {

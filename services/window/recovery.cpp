@@ -130,13 +130,9 @@ void wipe(open_window &w) {
     journal::crash_point();
     std::memset(static_cast<void *>(w.spans), 0, s.heap.top * sizeof(span));
     journal::crash_point();
-    s.epochs = epoch_state{.now = s.epochs.now + 1,
-                           .count = 0,
-                           .first = nullptr,
-                           .last = nullptr,
-                           .taken = 0,
-                           .filled = 0,
-                           .reserved = {}};
+    const uint64_t next_epoch = s.epochs.now + 1;
+    s.epochs = epoch_state{};
+    s.epochs.now = next_epoch;
     journal::crash_point();
     // Memory goes back to the system only when nobody can have a pointer into it.
     const bool alone = lock_byte(w.env.fd, mapped_offset, F_WRLCK) == 0;

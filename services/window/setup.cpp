@@ -10,8 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "services/diag/run_dir.h"
 #include "services/window/settings.h"
-#include "services/window/window_table.h"
 
 #ifndef MFWD6_WINDOW_BASE
 #define MFWD6_WINDOW_BASE 0x200000000000
@@ -24,7 +24,6 @@ namespace {
 constexpr uint64_t gibibyte = uint64_t{1} << 30;
 constexpr uint64_t place_unit = uint64_t{2} << 20;
 constexpr size_t names = 8;
-constexpr size_t path_bytes = 201;
 
 struct placing {
     uint64_t base = MFWD6_WINDOW_BASE;
@@ -76,69 +75,15 @@ placing placing_of(const char *name) {
     return e != nullptr && e->name[0] != '\0' ? e->where : default_place;
 }
 
-// Opens one candidate for the run dir. *why says what is wrong with it.
-int open_dir(const char *path, bool make, cerrno *why) {
-    if (make && mkdir(path, 0755) != 0 && errno != EEXIST && errno != EROFS && errno != EACCES) {
-        *why = errno == ENOENT ? SHMWIN_ERR_NO_WINDOW : static_cast<cerrno>(errno);
-        return -1;
-    }
-    const int fd = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) {
-        *why = errno == ENOENT    ? SHMWIN_ERR_NO_WINDOW
-               : errno == EACCES  ? SHMWIN_ERR_PERMISSION
-               : errno == ENOTDIR ? SHMWIN_ERR_FILE_TYPE
-                                  : static_cast<cerrno>(errno);
-        return -1;
-    }
-    struct stat st;
-    const bool ours =
-        fstat(fd, &st) == 0 && (st.st_mode & S_IWOTH) == 0 &&
-        (st.st_uid == geteuid() || st.st_uid == 0 || (group != no_group && st.st_gid == group));
-    if (!ours) {
-        close(fd);
-        *why = SHMWIN_ERR_PERMISSION;
-        return -1;
-    }
-    return fd;
-}
-
-struct candidate {
-    char path[path_bytes];
-};
-
-// Where windows lie if nothing was set, best first; an empty path ends the list.
-void default_dirs(candidate (&list)[4]) {
-    list[0] = candidate{"/run/mfwd6"};
-    uint32_t n = 1;
-    const char *runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (runtime != nullptr && runtime[0] == '/' && std::strlen(runtime) < 150) {
-        std::snprintf(list[n++].path, path_bytes, "%s/mfwd6", runtime);
-    }
-    std::snprintf(list[n++].path, path_bytes, "/dev/shm/mfwd6-%u", geteuid());
-    list[n].path[0] = '\0';
-}
-
-bool usable_for_new(int fd) {
-    return faccessat(fd, ".", W_OK | X_OK, AT_EACCESS) == 0;
-}
-
-// The default that this user may write to; one that is there already for a client that only
-// attaches.
-int open_default_dir(bool make, cerrno *why, char *path) {
-    candidate list[4];
-    default_dirs(list);
-    *why = SHMWIN_ERR_NO_WINDOW;
-    for (const candidate *c = list; c->path[0] != '\0'; ++c) {
-        const int fd = open_dir(c->path, make, why);
-        if (fd >= 0 && (!make || usable_for_new(fd))) {
-            std::memcpy(path, c->path, path_bytes);
-            return fd;
-        }
-        if (fd >= 0) {
-            close(fd);
+// Whether `path` is one of the places where the run dir is if nobody set it.
+bool is_default(const char *path) {
+    for (unsigned i = 0; i < DIAG_RUN_DIRS; ++i) {
+        char other[path_bytes];
+        if (diag_default_run_dir(i, other, sizeof(other)) != 0 && std::strcmp(path, other) == 0) {
+            return true;
         }
     }
-    return -1;
+    return false;
 }
 
 }  // namespace
@@ -164,12 +109,42 @@ uint64_t wait_limit_ns() {
     return uint64_t{wait_limit_ms.load(std::memory_order_relaxed)} * 1000000;
 }
 
-int open_run_dir(bool make, cerrno *why) {
-    if (run_dir[0] != '\0') {
-        return open_dir(run_dir, make, why);
+bool run_dir_to_try(uint32_t number, bool make, char (&path)[path_bytes]) {
+    const char *in_use = run_dir[0] != '\0' ? run_dir : diag_run_dir();
+    if (number == 0) {
+        std::snprintf(path, sizeof(path), "%s", in_use);
+        return true;
     }
-    char path[path_bytes];
-    return open_default_dir(make, why, path);
+    // Places that this user has none of are passed over.
+    while (number <= DIAG_RUN_DIRS && diag_default_run_dir(number - 1, path, path_bytes) == 0) {
+        ++number;
+    }
+    return !make && run_dir[0] == '\0' && number <= DIAG_RUN_DIRS && is_default(in_use);
+}
+
+int open_dir(const char *path, bool make, cerrno *why) {
+    if (make && mkdir(path, 0755) != 0 && errno != EEXIST && errno != EROFS && errno != EACCES) {
+        *why = errno == ENOENT ? SHMWIN_ERR_NO_WINDOW : static_cast<cerrno>(errno);
+        return -1;
+    }
+    const int fd = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+        *why = errno == ENOENT    ? SHMWIN_ERR_NO_WINDOW
+               : errno == EACCES  ? SHMWIN_ERR_PERMISSION
+               : errno == ENOTDIR ? SHMWIN_ERR_FILE_TYPE
+                                  : static_cast<cerrno>(errno);
+        return -1;
+    }
+    struct stat st;
+    const bool ours =
+        fstat(fd, &st) == 0 && (st.st_mode & S_IWOTH) == 0 &&
+        (st.st_uid == geteuid() || st.st_uid == 0 || (group != no_group && st.st_gid == group));
+    if (!ours) {
+        close(fd);
+        *why = SHMWIN_ERR_PERMISSION;
+        return -1;
+    }
+    return fd;
 }
 
 }  // namespace mfwd6::window
@@ -196,10 +171,9 @@ cerrno shmwin_get_run_dir(char *path, size_t size) {
         return EINVAL;
     }
     char found[path_bytes];
-    std::memcpy(found, run_dir, path_bytes);
+    run_dir_to_try(0, true, found);
     cerrno why = 0;
-    const int fd =
-        found[0] != '\0' ? open_dir(found, true, &why) : open_default_dir(true, &why, found);
+    const int fd = open_dir(found, true, &why);
     if (fd < 0) {
         return why;
     }
@@ -248,7 +222,6 @@ void shmwin_set_group(uint32_t gid) {
 
 void shmwin_set_wait_limit(uint32_t milliseconds) {
     wait_limit_ms.store(milliseconds, std::memory_order_relaxed);
-    each([](open_window &w) { w.mutex_options.stuck_after = wait_limit_ns(); });
 }
 
 cerrno shmwin_platform_info(const char *name, void **base_addr, size_t *max_table_size) {

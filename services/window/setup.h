@@ -8,9 +8,11 @@
 MFWD6_BEGIN_C
 
 // Folder of the window files. It is made (mode 0755) if only its last part is missing, must belong
-// to this user or root, and must not be writable by everybody. NULL goes back to the default:
-// /run/mfwd6 if this user may use it, else $XDG_RUNTIME_DIR/mfwd6, else /dev/shm/mfwd6-UID. 22
-// (EINVAL) for a path that is empty, not absolute, or longer than 200 bytes.
+// to this user or root, and must not be writable by everybody. NULL goes back to the default, which
+// is that of services/diag: what diag_set_run_dir said, else /run/mfwd6 if this user may use it,
+// else $XDG_RUNTIME_DIR/mfwd6, else /dev/shm/mfwd6-UID. An attaching process that was told no
+// folder looks for its window in all of these. 22 (EINVAL) for a path that is empty, not absolute,
+// or longer than 200 bytes.
 MFWD6_EXPORT cerrno shmwin_set_run_dir(const char *path);
 
 // The folder in use. `size` bytes at `path` receive it with its NUL; 34 (ERANGE) if they are too
@@ -36,7 +38,7 @@ MFWD6_EXPORT cerrno shmwin_set_fingerprint(const char *name, uint64_t fingerprin
 MFWD6_EXPORT void shmwin_set_group(uint32_t gid);
 
 // Milliseconds after which a waiter for the window mutex calls its monitor. Default 10000. 0:
-// never.
+// never. Counts for waits that begin later.
 MFWD6_EXPORT void shmwin_set_wait_limit(uint32_t milliseconds);
 
 // Owner: the heap does not grow past `bytes` of blocks and their book-keeping from now on; what is

@@ -107,14 +107,17 @@ MFWD6_EXPORT cerrno shmwin_reset(uint32_t id);
 
 // Unmaps and forgets the window in this process; the window itself stays. `keep` is 1 by custom and
 // has no other meaning. The caller holds no lock of the window and has no journal group open.
+//
+// Of several open windows the one opened last has the log for threads that hold no lock (if this
+// process owns it) and the packet client mutex; a close hands both back to the one before it.
 MFWD6_EXPORT cerrno shmwin_close(uint32_t id, int keep);
 
 // The window mutex: robust, process-shared, not recursive (a second lock by the same thread waits
 // like anybody else). While it is held, the thread's journal groups go to a log of the mutex. If
-// the holder dies, its open group is run back, the monitor of the process that found out is called
-// with SHMWIN_EVENT_DEAD, and the mutex passes on. A waiter past the limit of shmwin_set_wait_limit
-// calls its own monitor with SHMWIN_EVENT_STUCK, once per limit, and waits on. No monitor, no call:
-// waiting has no other end.
+// the holder dies, its open group is run back, then the monitor of the process that found out is
+// called with SHMWIN_EVENT_DEAD, and only after that the waiter competes for the mutex anew. A
+// waiter past the limit of shmwin_set_wait_limit calls its own monitor with SHMWIN_EVENT_STUCK,
+// once per limit, and waits on. No monitor, no call: waiting has no other end.
 MFWD6_EXPORT cerrno shmwin_lock(uint32_t id);
 
 // 1 (EPERM) if the calling thread does not hold it.
@@ -126,9 +129,10 @@ MFWD6_EXPORT cerrno shmwin_unlock(uint32_t id);
 
 typedef cerrno (*shmwin_monitor_fn)(uint32_t id, uint32_t event, void *argument);
 
-// Registers this process's monitor of the window mutex, called on the waiting thread: without the
-// mutex for SHMWIN_EVENT_STUCK, holding it for SHMWIN_EVENT_DEAD. `context` comes back as
-// `argument`. A NULL function unregisters. The result of the monitor is not used.
+// Registers this process's monitor of the window mutex. It is called on the waiting thread, which
+// does not hold the mutex then, so it may call any function but open, reset and close of this
+// window, shmwin_lock and shmwin_unlock included. `context` comes back as `argument`. A NULL
+// function unregisters. The result of the monitor is not used.
 MFWD6_EXPORT cerrno shmwin_monitor_lock(uint32_t id, shmwin_monitor_fn monitor, void *context);
 
 // Ends the process that holds the window mutex with `signal`, waits for its end (up to a second),

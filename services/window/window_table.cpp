@@ -11,12 +11,13 @@ open_window table[max_windows];
 namespace {
 
 constexpr uint32_t index_bits = 4;
-uint32_t next_generation = 1;
+std::atomic<uint32_t> next_generation{1};
 
 // The mapping is not inherited (MADV_DONTFORK), the descriptor is closed by services/peers.
 void forget_all() {
     for (open_window &w : table) {
         w.id.store(0, std::memory_order_relaxed);
+        w.reserved.store(false, std::memory_order_relaxed);
         w.super = nullptr;
     }
 }
@@ -56,7 +57,7 @@ open_window *covering(const void *address) {
 open_window *reserve(const char *name) {
     register_fork_handler();
     for (open_window &w : table) {
-        if (w.id.load(std::memory_order_relaxed) == 0) {
+        if (!w.reserved.exchange(true, std::memory_order_acquire)) {
             w.owner = false;
             w.broken = false;
             std::memset(w.name, 0, sizeof(w.name));
@@ -69,8 +70,9 @@ open_window *reserve(const char *name) {
             w.allocator_options = {};
             w.mutex_options = {};
             w.plan = {};
-            w.monitor = nullptr;
-            w.monitor_context = nullptr;
+            w.monitor.store(nullptr, std::memory_order_relaxed);
+            w.monitor_context.store(nullptr, std::memory_order_relaxed);
+            w.monitor_version.store(0, std::memory_order_relaxed);
             w.opening = {};
             return &w;
         }
@@ -80,12 +82,30 @@ open_window *reserve(const char *name) {
 
 void publish(open_window *w) {
     const auto place_number = static_cast<uint32_t>(w - table);
-    const uint32_t id = (next_generation++ << index_bits) | place_number;
+    const uint32_t id = (next_generation.fetch_add(1) << index_bits) | place_number;
     w->id.store(id, std::memory_order_release);
 }
 
 void drop(open_window *w) {
     w->id.store(0, std::memory_order_release);
+}
+
+void release(open_window *w) {
+    w->reserved.store(false, std::memory_order_release);
+}
+
+open_window *latest(bool owned, const open_window *but) {
+    open_window *found = nullptr;
+    uint32_t newest = 0;
+    each([&](open_window &w) {
+        // Ids go up with every opening.
+        const uint32_t opening = w.id.load(std::memory_order_relaxed) >> index_bits;
+        if (&w != but && !w.broken && (w.owner || !owned) && opening > newest) {
+            found = &w;
+            newest = opening;
+        }
+    });
+    return found;
 }
 
 journal::log *log_at(const open_window &w, peers::domain domain) {

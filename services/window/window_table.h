@@ -14,7 +14,8 @@ namespace mfwd6::window {
 inline constexpr uint32_t max_windows = 8;
 
 struct open_window {
-    std::atomic<uint32_t> id;  // 0: this place is free
+    std::atomic<uint32_t> id;    // 0: not open
+    std::atomic<bool> reserved;  // set from the beginning of an open to the end of a close
     bool owner;
     bool broken;  // opened for repair only: not mapped, see SHMWIN_ERR_REPAIR
     char name[16];
@@ -25,8 +26,10 @@ struct open_window {
     locks::mutex_options allocator_options;
     locks::mutex_options mutex_options;
     locks::recovery_plan plan;
-    shmwin_monitor_fn monitor;
-    void *monitor_context;
+    // Function and context belong together: `monitor_version` is odd while they are exchanged.
+    std::atomic<uint32_t> monitor_version;
+    std::atomic<shmwin_monitor_fn> monitor;
+    std::atomic<void *> monitor_context;
     shmwin_opening opening;
 };
 
@@ -39,11 +42,16 @@ open_window *covering(const void *address);
 // As `find`, but also gives windows that are open for repair only.
 open_window *find_any(uint32_t id);
 
-// A free place with a new id not yet published, or null. `publish` makes it visible, `drop` frees
-// it.
+// A free place, or null. `publish` gives it an id and makes it visible, `drop` hides it, `release`
+// gives the place back.
 open_window *reserve(const char *name);
 void publish(open_window *w);
 void drop(open_window *w);
+void release(open_window *w);
+
+// The window opened last, leaving out `but`: of those that this process owns, or of all. Null if
+// there is none.
+open_window *latest(bool owned, const open_window *but);
 
 // Calls fn(open_window &) for each place in use.
 template <class F>

@@ -179,8 +179,8 @@ IP6MC_RECORD(ipmc_intf_change_req_st, 88);
 // Walk function of interfaces; may destroy the interface at hand. Non-zero is a failure.
 typedef cerrno (*ipv4mc_idb_walk_ft)(ipv4mc_idb_st *idb, void *context);
 
-// Walk function of the routes of an interface; may take the entry at hand off the interface. Non-zero
-// is a failure.
+// Walk function of the routes of an interface; may take the entry at hand off the interface.
+// Non-zero is a failure.
 typedef cerrno (*ipv4mc_idb_route_walk_ft)(ipv4mc_idb_st *idb, ipv4mc_route_entry_st *route,
                                            ipv4mc_intf_entry_st *entry, void *context);
 
@@ -198,8 +198,8 @@ MFWD6_BEGIN_C
 // members does with each of its routes; NULL is allowed.
 //
 // 0, also when it has started already; 9, 22; the code of the tree or of the platform: the state is
-// 0 then, and the tree is finished. After a failure of the platform's state query the half counts as
-// started, so that a second call does nothing: call ip6mc_idb_terminate first. Owner's operation
+// 0 then, and the tree is finished. After a failure of the platform's state query the half counts
+// as started, so that a second call does nothing: call ip6mc_idb_terminate first. Owner's operation
 // thread.
 MFWD6_EXPORT cerrno ip6mc_idb_init(void *evm, void *unused, int manage_interfaces,
                                    ipv4mc_idb_callback_ft callback, void *callback_context,
@@ -217,8 +217,8 @@ MFWD6_EXPORT cerrno ip6mc_idb_terminate(int destroy_tree, int flag, ...);
 // are marked stale.
 MFWD6_EXPORT void ipv4mc_idb_update_state(uint32_t state);
 
-// Writes the state *before* the present one to `*state_p`, and that of the platform's interface half
-// to `*platform_state_p` unless that is NULL. Needs no state. 22; the platform's code.
+// Writes the state *before* the present one to `*state_p`, and that of the platform's interface
+// half to `*platform_state_p` unless that is NULL. Needs no state. 22; the platform's code.
 MFWD6_EXPORT cerrno ip6mc_idb_get_state(uint32_t *state_p, uint32_t *platform_state_p);
 
 // The platform's messages about its interface half arrive here.
@@ -230,8 +230,8 @@ extern MFWD6_EXPORT ipv4mc_idb_route_walk_ft ip_mfwd_check_bundle_data_mdt_f;
 
 // ---- trees --------------------------------------------------------------------------------------
 
-// What the tree service is given: for the tree of the window header (threads 0 and 2), and for those
-// of tables (thread 1).
+// What the tree service is given: for the tree of the window header (threads 0 and 2), and for
+// those of tables (thread 1).
 extern MFWD6_EXPORT const struct shm_wavl_fns ipmc_idb_fns;
 extern MFWD6_EXPORT const struct shm_wavl_fns ipmc_table_idb_fns;
 
@@ -250,8 +250,8 @@ MFWD6_EXPORT void *ipmc_idb_idb2wavl(void *idb);
 // report for handle 0 or a NULL `idb_p`; `*idb_p` is not written on failure. Any process.
 MFWD6_EXPORT cerrno ip6mc_idb_lookup(ifhtype ifh, ipv4mc_idb_st **idb_p);
 
-// The same by name, of which 64 characters count; among the interfaces that are in the NAME thread. 22
-// for an empty name.
+// The same by name, of which 64 characters count; among the interfaces that are in the NAME thread.
+// 22 for an empty name.
 MFWD6_EXPORT cerrno ip6mc_idb_lookup_by_name(const char *name, ipv4mc_idb_st **idb_p);
 
 // The same by handle among the interfaces of one VRF table. `*idb_p` is NULL unless found. A table
@@ -298,24 +298,24 @@ MFWD6_EXPORT int ip6mc_idb_refcount_sanity_walk(ipv4mc_table_st *table);
 // ---- references ---------------------------------------------------------------------------------
 //
 // An interface comes with its first use and goes with its last. Counts are plain words: all callers
-// are on the owner's operation thread. `bundle_pp`, which may be NULL, is for a member that is first
-// met through its bundle: `*bundle_pp` goes to the platform with the new record.
+// are on the owner's operation thread. `bundle_pp`, which may be NULL, is for a member that is
+// first met through its bundle: `*bundle_pp` goes to the platform with the new record.
 
 // Makes the record of an interface, without a reference, and links it to its VRF unless `vrf` is 0.
-// NULL with `*rc_p` on failure; also when the link failed, which frees the record. NULL at once for a
-// NULL `rc_p`. `is_mdt` makes it an MDT interface whatever the handle says.
+// NULL with `*rc_p` on failure; also when the link failed, which frees the record. NULL at once for
+// a NULL `rc_p`. `is_mdt` makes it an MDT interface whatever the handle says.
 MFWD6_EXPORT ipv4mc_idb_st *ipv4mc_idb_alloc(ifhtype ifh, rsi_vrf_id_t vrf,
                                              ipv4mc_idb_st **bundle_pp, cerrno *rc_p, int is_mdt);
 
-// Finds the record, or makes it with `create` not 0; takes no reference. A record that is in another
-// VRF than a non-zero `vrf` moves there, which is reported. 2 when it is not there; 12; the code
-// of the platform. `*idb_p` may be NULL with 0, when the link to the VRF failed.
+// Finds the record, or makes it with `create` not 0; takes no reference. A record that is in
+// another VRF than a non-zero `vrf` moves there, which is reported. 2 when it is not there; 12; the
+// code of the platform. `*idb_p` may be NULL with 0, when the link to the VRF failed.
 MFWD6_EXPORT cerrno ip6mc_idb_find_or_create(ifhtype ifh, rsi_vrf_id_t vrf, ipv4mc_idb_st **idb_p,
                                              ipv4mc_idb_st **bundle_pp, int create);
 
-// Find or create, and take one reference: by handle, by handle and VRF, by handle and name. The last
-// takes none when the interface manager has announced the interface before; it puts a new record
-// into the NAME thread, and refuses with 22 when name and handle do not belong together.
+// Find or create, and take one reference: by handle, by handle and VRF, by handle and name. The
+// last takes none when the interface manager has announced the interface before; it puts a new
+// record into the NAME thread, and refuses with 22 when name and handle do not belong together.
 MFWD6_EXPORT cerrno ip6mc_idb_lock(ifhtype ifh, ipv4mc_idb_st **idb_p, ipv4mc_idb_st **bundle_pp);
 MFWD6_EXPORT cerrno ip6mc_idb_lock_v2(ifhtype ifh, rsi_vrf_id_t vrf, ipv4mc_idb_st **idb_p,
                                       ipv4mc_idb_st **bundle_pp);
@@ -372,10 +372,12 @@ MFWD6_EXPORT cerrno ip6mc_idb_walk_with_count(ipv4mc_table_st *table, ifhtype st
 // first entry whose route has this source and group: 2 when there is none. Takes no lock.
 MFWD6_EXPORT cerrno ip6mc_idb_route_walk(ipv4mc_idb_st *idb, ipv4mc_idb_route_walk_ft function,
                                          uint32_t yield_count, void *context, int stop_on_error);
-MFWD6_EXPORT cerrno ip6mc_idb_route_walk_with_count(
-    const ip_maddr_st *start_source, const ip_maddr_st *start_group, int resume, uint32_t count,
-    ipv4mc_idb_st *idb, ipv4mc_idb_route_walk_ft function, uint32_t yield_count, void *context,
-    int stop_on_error);
+MFWD6_EXPORT cerrno ip6mc_idb_route_walk_with_count(const ip_maddr_st *start_source,
+                                                    const ip_maddr_st *start_group, int resume,
+                                                    uint32_t count, ipv4mc_idb_st *idb,
+                                                    ipv4mc_idb_route_walk_ft function,
+                                                    uint32_t yield_count, void *context,
+                                                    int stop_on_error);
 
 // ---- interfaces and VRF tables. Not built yet. --------------------------------------------------
 
@@ -392,8 +394,8 @@ MFWD6_EXPORT int ip6mc_idb_is_fint_ifh(ifhtype ifh);
 
 // ---- bundles. Not built yet. --------------------------------------------------------------------
 
-// Sets the functions of a bundle's tree of children again, which died with the last process. 0 when it
-// has none.
+// Sets the functions of a bundle's tree of children again, which died with the last process. 0 when
+// it has none.
 MFWD6_EXPORT cerrno ipmc_bundle_vlantree_reinit(ipv4mc_idb_st *idb);
 
 // ---- data path -----------------------------------------------------------------------------------

@@ -41,6 +41,9 @@ namespace mlib {
 // Tells the client of the present state and the one before.
 void tell_client_of_state();
 
+// Gives the search key of this process back to the window, if it has one.
+void drop_table_search();
+
 // One number for the layout of all records in the window: processes whose numbers differ refuse
 // each other's window.
 uint64_t layout_fingerprint();

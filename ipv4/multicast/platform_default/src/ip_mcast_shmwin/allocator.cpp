@@ -247,7 +247,9 @@ void ipmc_shmwin_init_buffer_pool(void) {
             const group change;
             release_from_pool(unlink_first(pool[size]));
         }
-        store(pool[size].count, 0U);
+        if (pool[size].count != 0) {
+            store(pool[size].count, 0U);
+        }
     }
 }
 

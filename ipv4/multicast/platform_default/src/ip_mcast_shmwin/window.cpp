@@ -214,6 +214,7 @@ cerrno ip6mc_shmwin_close(void) {
         MLIB_DEBUG(IPV4_DEBUG_EV, "Shmwin already closed");
         return 0;
     }
+    mlib::drop_table_search();  // it lies in the window, which another process may reset
     const cerrno rc = shmwin_close(ipv4mc_desc->shmwin_id, 1);
     if (rc != 0) {
         MLIB_ERR("Cannot close shared mem window: %s", cerr_strerror(rc));

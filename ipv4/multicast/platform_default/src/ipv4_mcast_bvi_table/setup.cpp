@@ -7,6 +7,7 @@
 
 #include "ipv4/multicast/lib/ip6mc_bvi.h"
 #include "ipv4/multicast/lib/ip6mc_lib.h"
+#include "ipv4/multicast/lib/ip6mc_route.h"
 #include "ipv4/multicast/lib/ip6mc_table.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
 #include "services/journal/journal.h"
@@ -93,7 +94,10 @@ int ip6mc_bvi_db_init(ipv4mc_table_st *table) {
     return 1;
 }
 
-cerrno ip6mc_bvi_delete_bvi_interface(ipv4mc_route_entry_st *, ipv4mc_intf_entry_st *) {
+cerrno ip6mc_bvi_delete_bvi_interface(ipv4mc_route_entry_st *, ipv4mc_intf_entry_st *intf) {
+    if (intf->bvi_if == nullptr || intf->bvi_if->bvi_entry == nullptr) {
+        return 0;
+    }
     return MLIB_NOT_BUILT("ip6mc_bvi_delete_bvi_interface");
 }
 

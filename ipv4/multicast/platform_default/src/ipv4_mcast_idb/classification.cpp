@@ -19,8 +19,7 @@ bool is_pseudowire(uint32_t im_type) {
 
 cerrno ask_for_parent(ifhtype ifh, ifhtype *parent) {
     if (interface_manager() == nullptr) {
-        MLIB_ERR(
-            "Multicast Library IM LDP connection not initialized - cannot lookup interface");
+        MLIB_ERR("Multicast Library IM LDP connection not initialized - cannot lookup interface");
         return EINVAL;
     }
     return imc_control_parent_interface_lookup(interface_manager(), ifh, parent);

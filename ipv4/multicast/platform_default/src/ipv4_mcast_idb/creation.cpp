@@ -97,9 +97,8 @@ void move_to_vrf(ipv4mc_idb_st **idb_p, rsi_vrf_id_t vrf) {
     const rsi_vrf_id_t old = idb->vrf_id;
     if (old != 0) {
         // It says that nothing is done, and then moves the interface: both are known behaviour.
-        MLIB_ERR(
-            "Error: idb 0x%x already linked to vrf_id 0x%x : NOT linking to vrf_id 0x%x",
-            idb->ifh, old, vrf);
+        MLIB_ERR("Error: idb 0x%x already linked to vrf_id 0x%x : NOT linking to vrf_id 0x%x",
+                 idb->ifh, old, vrf);
         uint32_t out = 0;
         *idb_p = ipmc_idb_unlink_tbl(idb, &out);
         if (*idb_p != nullptr) {

@@ -31,9 +31,7 @@ inline bool has_flag(uint8_t flags, uint8_t flag) {
 
 // A name as a text: in a record it has no terminator when it is 64 characters long.
 struct idb_name_text {
-    explicit idb_name_text(const char *name) {
-        __builtin_memcpy(text, name, IPV4MC_IDB_NAME_SIZE);
-    }
+    explicit idb_name_text(const char *name) { __builtin_memcpy(text, name, IPV4MC_IDB_NAME_SIZE); }
     char text[IPV4MC_IDB_NAME_SIZE + 1] = {};
 };
 
@@ -46,11 +44,10 @@ void classify_idb(ipv4mc_idb_st *idb, bool is_mdt);
 cerrno drop_idb_reference(ipv4mc_idb_st **idb_p);
 bool destroy_idb_if_unheld(ipv4mc_idb_st *idb);
 
-// The two steps of ip6mc_idb_lock, likewise: find or create, reported in the name of the caller; and
-// the count. The record may be NULL with 0.
+// The two steps of ip6mc_idb_lock, likewise: find or create, reported in the name of the caller;
+// and the count. The record may be NULL with 0.
 cerrno find_idb_to_lock(ifhtype ifh, rsi_vrf_id_t vrf, ipv4mc_idb_st **idb_p,
-                        ipv4mc_idb_st **bundle_pp,
-                        const char *function = __builtin_FUNCTION(),
+                        ipv4mc_idb_st **bundle_pp, const char *function = __builtin_FUNCTION(),
                         int line = __builtin_LINE());
 void take_idb_reference(ipv4mc_idb_st *idb);
 
@@ -65,8 +62,9 @@ class yielder {
     uint32_t since_ = 0;
 };
 
-using idb_routes = mfwd6::journal::member_list<ipv4mc_intf_entry_st, &ipv4mc_intf_entry_st::idb_next,
-                                               &ipv4mc_intf_entry_st::idb_prev>;
+using idb_routes =
+    mfwd6::journal::member_list<ipv4mc_intf_entry_st, &ipv4mc_intf_entry_st::idb_next,
+                                &ipv4mc_intf_entry_st::idb_prev>;
 
 }  // namespace mlib
 

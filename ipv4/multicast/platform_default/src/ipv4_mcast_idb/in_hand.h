@@ -1,5 +1,5 @@
-// The record that is being made or destroyed, and is in no tree, or only in some: noted in the window,
-// so that the next owner can end it when its process was killed meanwhile.
+// The record that is being made or destroyed, and is in no tree, or only in some: noted in the
+// window, so that the next owner can end it when its process was killed meanwhile.
 #ifndef IP6MC_SRC_IPV4_MCAST_IDB_IN_HAND_H
 #define IP6MC_SRC_IPV4_MCAST_IDB_IN_HAND_H
 
@@ -12,8 +12,8 @@ namespace mlib {
 void take_idb_in_hand(ipv4mc_idb_st *idb);
 void put_idb_out_of_hand(const ipv4mc_idb_st *idb);
 
-// For the start of an owner: takes the record that a killed process had in hand out of whatever tree
-// it is in, and frees it.
+// For the start of an owner: takes the record that a killed process had in hand out of whatever
+// tree it is in, and frees it.
 void end_idb_in_hand();
 
 }  // namespace mlib

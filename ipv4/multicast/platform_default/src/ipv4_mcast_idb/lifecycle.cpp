@@ -73,8 +73,8 @@ void report_state_error(const char *text, cerrno rc) {
 }
 
 cerrno prepare_op_spec(ipv4mc_idb_op_spec_st *op_spec) {
-    const cerrno rc = ip6mc_platform_idb_operation_wrapper(IPV4MC_IDB_OP_SPEC_INIT, nullptr,
-                                                           nullptr, op_spec);
+    const cerrno rc =
+        ip6mc_platform_idb_operation_wrapper(IPV4MC_IDB_OP_SPEC_INIT, nullptr, nullptr, op_spec);
     if (rc != 0) {
         report_state_error("Cannot INIT op_spec", rc);
     }

@@ -45,8 +45,8 @@ void free_idb(ipv4mc_idb_st *idb, bool is_bulk) {
     ipv4mc_shmwin_free_inline(idb, IPMC_SHMWIN_ALLOC_IDB);
 }
 
-// One change where nobody else is asked. The last interface of a table may clear that table, which is
-// too much for one change: the record is in hand meanwhile.
+// One change where nobody else is asked. The last interface of a table may clear that table, which
+// is too much for one change: the record is in hand meanwhile.
 void take_out_and_free(ipv4mc_idb_st *idb, bool is_bulk) {
     if (idb->vtable == nullptr) {
         const group change;
@@ -76,8 +76,9 @@ void name_and_take(const named_request &request, ipv4mc_idb_st *idb) {
         __attribute__((nonstring)) char padded[IPV4MC_IDB_NAME_SIZE];
         strncpy(padded, request.name, sizeof(padded));
         mfwd6::journal::copy(idb->name, padded, sizeof(padded));
-        inserted = shm_wavl_insert_thread(&ipmc_idb_fns, &ipv4mc_desc->shmwin_info->idb_tree,
-                                          ipmc_idb_idb2wavl(idb), IPV4MC_IDB_THREAD_NAME) != nullptr;
+        inserted =
+            shm_wavl_insert_thread(&ipmc_idb_fns, &ipv4mc_desc->shmwin_info->idb_tree,
+                                   ipmc_idb_idb2wavl(idb), IPV4MC_IDB_THREAD_NAME) != nullptr;
         if (inserted) {
             store(idb->tree_flags, static_cast<uint8_t>(idb->tree_flags | IPV4MC_IDB_TREE_NAME));
         }
@@ -278,8 +279,7 @@ cerrno ip6mc_idb_delete_all(uint32_t yield_count) {
         ipv4mc_idb_st *locked = nullptr;
         cerrno rc = ip6mc_idb_lock(idb->ifh, &locked, nullptr);
         if (rc != 0) {
-            MLIB_ERR("Cannot lock IDB  for %s: %s", ip6mc_idb_display_name(idb),
-                     cerr_strerror(rc));
+            MLIB_ERR("Cannot lock IDB  for %s: %s", ip6mc_idb_display_name(idb), cerr_strerror(rc));
             result = rc;
         }
         yielder.before_record();

@@ -1,4 +1,6 @@
 // The entries of routes on an interface: a list, newest first.
+#include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/routes.h"
+
 #include <cerrno>
 
 #include "ipv4/multicast/lib/ip6mc_bvi.h"
@@ -7,7 +9,6 @@
 #include "ipv4/multicast/platform_default/src/diagnostics/address_text.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_idb/idb.h"
-#include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/routes.h"
 #include "services/journal/journal.h"
 
 namespace {
@@ -17,8 +18,8 @@ using mfwd6::journal::store;
 using mlib::idb_routes;
 
 // Interface, source, group and length of an entry, as most messages here show them.
-#define ENTRY_TEXTS(entry, route)                                            \
-    mlib::intf_name((entry)->ifh), mlib::source_text(&(route)->source),      \
+#define ENTRY_TEXTS(entry, route)                                       \
+    mlib::intf_name((entry)->ifh), mlib::source_text(&(route)->source), \
         mlib::address_text(&(route)->group), static_cast<int>((route)->pfx_len)
 
 cerrno check_entry(const ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st *const *entry_p,
@@ -61,9 +62,9 @@ const ipv4mc_bvi_entry_t *bvi_entry_of(const ipv4mc_intf_entry_st *entry) {
 
 // An address of the L2 state that an entry is tied to, or what is missing.
 const char *bvi_text(const ipv4mc_intf_entry_st *entry, const char *address) {
-    return entry->bvi_if == nullptr           ? "Null BVI if data"
+    return entry->bvi_if == nullptr         ? "Null BVI if data"
            : bvi_entry_of(entry) == nullptr ? "Null BVI Entry"
-                                              : address;
+                                            : address;
 }
 
 void untie_from_bvi(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st *entry) {

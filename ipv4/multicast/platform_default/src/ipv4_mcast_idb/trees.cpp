@@ -100,8 +100,7 @@ cerrno ip6mc_idb_lookup_vrf(const char *vrf_name, ifhtype ifh, ipv4mc_idb_st **i
         return rc;
     }
     ipv4mc_table_st *table = nullptr;
-    const cerrno rc =
-        ip6mc_table_operation(IPV4MC_ACTION_TABLE_LOOKUP, 0, 0, vrf_name, &table, 0);
+    const cerrno rc = ip6mc_table_operation(IPV4MC_ACTION_TABLE_LOOKUP, 0, 0, vrf_name, &table, 0);
     if (rc != 0 || table == nullptr) {
         MLIB_ERR("Failed to lookup table %s : %s", vrf_name, cerr_strerror(rc));
         // A table that is simply not there is reported, and no failure.

@@ -16,6 +16,11 @@ char yes_no(const void *pointer) {
     return pointer != nullptr ? 'Y' : 'N';
 }
 
+// A table by table id has no name of its own: it is that of its VRF.
+const char *vrf_name_of(const ipv4mc_table_st *table) {
+    return table->vtable != nullptr ? table->vtable->vrf_name : table->vrf_name;
+}
+
 uint32_t kind_of_trie(bool is_default, bool is_signal) {
     if (is_default) {
         return is_signal ? GTRIE_KIND_DEFAULT_SIGNAL : GTRIE_KIND_DEFAULT;
@@ -45,21 +50,21 @@ cerrno ipmc_reinit_table_fn(void *object, void *) {
     cerrno rc = reinit_trie(table->ingress_gtrie, &params, mlib::ingress_gtrie_usage(),
                             ip6mc_gtrie_platform_re_init);
     if (rc != 0) {
-        MLIB_ERR("Cannot re-init ingress table 0x%x(%s): %s", table->tid, table->vrf_name,
+        MLIB_ERR("Cannot re-init ingress table 0x%x(%s): %s", table->tid, vrf_name_of(table),
                  cerr_strerror(rc));
         return rc;
     }
     rc = reinit_trie(table->egress_gtrie, &params, IPMC_GTRIE_USAGE_EGRESS,
                      ip6mc_gtrie_platform_re_init);
     if (rc != 0) {
-        MLIB_ERR("Cannot re-init egress table 0x%x(%s): %s", table->tid, table->vrf_name,
+        MLIB_ERR("Cannot re-init egress table 0x%x(%s): %s", table->tid, vrf_name_of(table),
                  cerr_strerror(rc));
         return rc;
     }
     ipv4mc_set_default_gtrie_init(&params, table, 1);
     rc = reinit_trie(table->signal_gtrie, &params, IPMC_GTRIE_USAGE_SW_ONLY, ip6mc_gtrie_re_init);
     if (rc != 0) {
-        MLIB_ERR("Cannot re-init signal table 0x%x(%s): %s", table->tid, table->vrf_name,
+        MLIB_ERR("Cannot re-init signal table 0x%x(%s): %s", table->tid, vrf_name_of(table),
                  cerr_strerror(rc));
     }
     return rc;

@@ -58,10 +58,7 @@ void tell_client(const ipv4mc_lib_callback_msg &message) {
 cerrno renew_table_search() {
     shm_avl_tree *tree = descriptor.shmwin_info->table_tid_tree;
     const size_t size = sizeof(ipv4mc_table_st);
-    if (table_search != nullptr) {
-        shm_avl_tree_free_object(&ipmc_db_tid_fns, tree, table_search);
-        table_search = nullptr;
-    }
+    mlib::drop_table_search();
     void *object = nullptr;
     const cerrno rc = shm_avl_tree_allocate_object(&ipmc_db_tid_fns, tree, size, &object);
     if (rc != 0) {
@@ -213,14 +210,6 @@ cerrno stop_platform(int attach_only, uint32_t reason) {
     return result;
 }
 
-void drop_table_search() {
-    if (table_search != nullptr) {
-        shm_avl_tree_free_object(&ipmc_db_tid_fns, descriptor.shmwin_info->table_tid_tree,
-                                 table_search);
-        table_search = nullptr;
-    }
-}
-
 // The start never finished: nobody was told of it, so nobody is told of the end.
 cerrno leave_unfinished_start(cerrno result) {
     ipv4mc_update_state(IPV4MC_LIB_STATE_DOWN);
@@ -260,6 +249,14 @@ void leave_window(int attach_only, uint32_t reason, cerrno *result) {
 }  // namespace
 
 ipv4mc_table_st *table_search = nullptr;
+
+void mlib::drop_table_search() {
+    if (table_search != nullptr) {
+        shm_avl_tree_free_object(&ipmc_db_tid_fns, descriptor.shmwin_info->table_tid_tree,
+                                 table_search);
+        table_search = nullptr;
+    }
+}
 
 void mlib::tell_client_of_state() {
     ipv4mc_lib_callback_msg message{};
@@ -330,7 +327,7 @@ cerrno ip6mc_lib_terminate(int attach_only, uint32_t reason) {
         descriptor.shmwin_info = nullptr;
         return 0;
     }
-    drop_table_search();
+    mlib::drop_table_search();
     ipmc_idb_pppoe_parent_db_terminate();
     if (descriptor.lib_init == 0) {
         return leave_unfinished_start(result);

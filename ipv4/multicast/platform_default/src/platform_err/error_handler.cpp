@@ -68,8 +68,13 @@ uint32_t table_id(const ipv4mc_route_entry_st *route) {
     return route->table != nullptr ? route->table->tid : 0;
 }
 
+// The name stands in the VRF side of a table.
 const char *table_name(const ipv4mc_route_entry_st *route) {
-    return route->table != nullptr ? route->table->vrf_name : "";
+    const ipv4mc_table_st *table = route->table;
+    if (table != nullptr && table->vtable != nullptr) {
+        table = table->vtable;
+    }
+    return table != nullptr ? table->vrf_name : "";
 }
 
 cerrno forget_history(ipv4mc_route_entry_st *route, void *) {
