@@ -33,17 +33,16 @@ int work_until(const kit::post &parent, int store, bool remove) {
     return rc != 0 ? 3 : ip6mc_lib_terminate(1, IPV4MC_TERMINATE_END) != 0 ? 4 : 0;
 }
 
-// Kills a fresh client at each `step`-th store; false once it got through.
+// A fresh client for each store, in batches, until one gets through.
 void run(bool remove) {
-    constexpr int step = 9;
     constexpr int batch = 24;
     bool through = false;
-    for (int first = 1; !through; first += step * batch) {
+    for (int first = 1; !through; first += batch) {
         ASSERT_LT(first, 100000);
         kit::run_dir dir;
         std::vector<std::unique_ptr<kit::child>> clients;
         for (int i = 0; i < batch; ++i) {
-            const int store = first + i * step;
+            const int store = first + i;
             clients.push_back(
                 std::make_unique<kit::child>([store, remove](const kit::post &parent) {
                     return work_until(parent, store, remove);
@@ -55,8 +54,9 @@ void run(bool remove) {
         ASSERT_NE(table, nullptr);
         ASSERT_EQ(add(table, 2, 2, ifh_a), 0U);  // the trie has more than the one leaf
         for (auto &client : clients) {
-            if (remove)
+            if (remove) {
                 ASSERT_EQ(add(table, 1, 1, ifh_a), 0U);
+            }
             client->tell();
             const int code = client->wait();
             ASSERT_TRUE(code == 0 || code == 128 + SIGKILL) << code;
@@ -68,8 +68,9 @@ void run(bool remove) {
             ASSERT_TRUE(!through || there != remove);
             const ip_maddr_st s = source(1);
             const ip_maddr_st g = group(1);
-            if (there)
+            if (there) {
                 ASSERT_EQ(ip6mc_signal_remove_mutex(table, &s, &g, ifh_a), 0U);
+            }
             ASSERT_EQ(faults(table), "");
             if (through)
                 break;

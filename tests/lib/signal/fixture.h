@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "ipv4/multicast/lib/ip6mc_idb.h"
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/lib/ip6mc_signal.h"
 #include "ipv4/multicast/lib/ip6mc_table.h"
@@ -179,6 +180,9 @@ class with_owner : public testing::Test {
         heard.reset();
         sim_reset();
         owner = std::make_unique<kit::library>(how);
+        if (ip6mc_idb_init(nullptr, nullptr, 0, nullptr, nullptr, nullptr, nullptr) != 0) {
+            throw std::runtime_error("ip6mc_idb_init");
+        }
         heard = std::make_unique<kit::listener>();
         table = make_table();
         if (table == nullptr)

@@ -176,7 +176,7 @@ TEST_F(PreservedPacket, AFailureIsALineAndTheResult) {
     EXPECT_TRUE(has(signal_lines(), text("%s: Error deleting signal route %s: %s", tag.c_str(), key,
                                          cerr_strerror(EFAULT))));
     EXPECT_TRUE(has(errors(), text("%s: Cannot remove signal %s %s: %s. Continuing...", tag.c_str(),
-                                   key, name_a, cerr_strerror(EFAULT))));
+                                   key, "Er0x00000010", cerr_strerror(EFAULT))));
 }
 
 TEST_F(PreservedPacket, AllOfATableGoWithTheirRoutes) {

@@ -52,8 +52,9 @@ TEST(SignalProcesses, ClientsPostWhileTheOwnerRemovesAndWalks) {
         const ip_maddr_st s = source(1 + i % routes);
         const ip_maddr_st g = group(1 + i % routes);
         EXPECT_EQ(ip6mc_signal_remove_mutex(table, &s, &g, 0x1001 + i % 3), 0U);
-        if (i % 100 == 0)
+        if (i % 100 == 0) {
             EXPECT_EQ(ip6mc_signal_remove_all_routes(table, 4, 0), 0U);
+        }
         // The owner counts blocks of the same types without the mutex.
         void *block = ipv4mc_shmwin_malloc_inline(600, IPMC_SHMWIN_ALLOC_ROUTE);
         EXPECT_EQ(ipv4mc_shmwin_free_inline(block, IPMC_SHMWIN_ALLOC_ROUTE), 0U);

@@ -145,8 +145,9 @@ TEST_F(SignalRemove, ARouteThatCannotLeaveTheChangedListStays) {
     ASSERT_EQ(add(table, 1, 2, ifh_a, &route), 0U);
     for (const bool with_mutex : {true, false}) {
         ipv4mc_update_state(IPV4MC_LIB_STATE_READY);
-        if (interfaces(route) == 0)
+        if (interfaces(route) == 0) {
             ASSERT_EQ(add(table, 1, 2, ifh_a), 0U);
+        }
         ipv4mc_intf_entry_st *intf = intf_of(route, ifh_a);
         ipv4_debug_set_sink(
             [](void *, uint32_t, const char *, const char *line) {
@@ -166,12 +167,12 @@ TEST_F(SignalRemove, ARouteThatCannotLeaveTheChangedListStays) {
             has_start(said, text("Cannot delete route from changelist %s:%s ", tag.c_str(), key)));
         EXPECT_TRUE(has_start(said, "Failed removing signal on "));
     }
+    // The route is still there, and has its last interface back.
+    ipv4_debug_set_sink(nullptr, nullptr);
     ipv4mc_update_state(IPV4MC_LIB_STATE_READY);
     EXPECT_EQ(route_of(table, 1, 2), route);
     ASSERT_EQ(add(table, 1, 2, ifh_a), 0U);
-    EXPECT_EQ(ip6mc_signal_remove_mutex(table, &s, &g, ifh_a), unsigned{EBADF});
-    EXPECT_TRUE(has_start(errors(), text("%s: Failed removing signal on ", tag.c_str())));
-    ipv4mc_update_state(IPV4MC_LIB_STATE_READY);
+    EXPECT_EQ(ip6mc_signal_remove_mutex(table, &s, &g, ifh_a), 0U);
 }
 
 TEST_F(SignalRemove, LocksAreReported) {
