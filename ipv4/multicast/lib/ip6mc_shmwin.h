@@ -87,13 +87,12 @@ struct ipv4mc_shmwin_hdr_st {
     uint32_t pak_lock_total;
     rrw_lock_t tbl_rw_lock;  // structure of the trees of tables and interfaces
     uint32_t total_pkts_preserved;
-    uint32_t
-        alloc_count[IPMC_SHMWIN_ALLOC_TYPES];  // live blocks, by ipmc_shmwin_alloc_type, as the
-                                               // owner counts: see ip6mc_shmwin_live_blocks
-    uint32_t free_count;                       // blocks given back to the window service
-    ipmc_shmwin_pool_bucket_st *buffer_pool;   // IPMC_SHMWIN_POOL_BUCKETS buckets
-    rn_root_t *bvi_intf_db_root;               // which VRF the entries of each BVI are in
-    dlqueue_node_t *retry_queue;               // head of the queue of ipmc_retry_msg
+    uint32_t alloc_count[IPMC_SHMWIN_ALLOC_TYPES];  // live blocks, by ipmc_shmwin_alloc_type, as
+                                                    // the owner counts: see ipmc_shmwin_live_blocks
+    uint32_t free_count;                      // blocks given back to the window service
+    ipmc_shmwin_pool_bucket_st *buffer_pool;  // IPMC_SHMWIN_POOL_BUCKETS buckets
+    rn_root_t *bvi_intf_db_root;              // which VRF the entries of each BVI are in
+    dlqueue_node_t *retry_queue;              // head of the queue of ipmc_retry_msg
 
     // Fields that belong to single subsystems.
     ipv4mc_regdb_entry_st *idle_regdb_head;  // next hops that lost their last interface
@@ -109,6 +108,25 @@ struct ipv4mc_shmwin_hdr_st {
     ipmc_shmwin_counts_st counted[IPMC_SHMWIN_COUNTED];  // of alloc_count and free_count
 };
 IP6MC_RECORD(ipv4mc_shmwin_hdr_st, 10304);
+
+// Live blocks of a type that exists, and blocks given back to the window service: sums over all who
+// count. Exact, whoever was killed, as long as nobody counts beside.
+static inline uint32_t ipmc_shmwin_live_blocks(const ipv4mc_shmwin_hdr_st *hdr,
+                                               ipmc_shmwin_alloc_type type) {
+    uint32_t sum = __atomic_load_n(&hdr->alloc_count[type], __ATOMIC_RELAXED);
+    for (int i = 0; i < IPMC_SHMWIN_COUNTED; ++i) {
+        sum += __atomic_load_n(&hdr->counted[i].alloc_count[type], __ATOMIC_RELAXED);
+    }
+    return sum;
+}
+static inline uint32_t ipmc_shmwin_freed_blocks(const ipv4mc_shmwin_hdr_st *hdr) {
+    uint32_t sum = __atomic_load_n(&hdr->free_count, __ATOMIC_RELAXED);
+    for (int i = 0; i < IPMC_SHMWIN_COUNTED; ++i) {
+        sum += __atomic_load_n(&hdr->counted[i].free_count, __ATOMIC_RELAXED);
+    }
+    return sum;
+}
+
 static_assert(offsetof(ipv4mc_shmwin_hdr_st, version_minor) == 0 &&
                   offsetof(ipv4mc_shmwin_hdr_st, version_major) == 2,
               "the version must be readable whatever the rest looks like");
@@ -158,12 +176,6 @@ MFWD6_EXPORT cerrno ipv4mc_shmwin_free_inline(void *pointer, ipmc_shmwin_alloc_t
 // The same without a type. The free reports a block that was freed before and goes on.
 MFWD6_EXPORT void *ip6mc_shmwin_malloc(size_t size);
 MFWD6_EXPORT cerrno ip6mc_shmwin_free(void *pointer);
-
-// Live blocks of a type, and blocks given back to the window service since it was made: sums over
-// all who count. Exact whoever was killed, as long as nobody counts beside; a type that does not
-// exist has none. 0 when the window is closed.
-MFWD6_EXPORT uint32_t ip6mc_shmwin_live_blocks(ipmc_shmwin_alloc_type type);
-MFWD6_EXPORT uint32_t ip6mc_shmwin_freed_blocks(void);
 
 // Gives part of the pool back to the window service: of each bucket half of its blocks is kept, at
 // most 8192, 2048 or 1024 by size. For a client that sees the window run short.

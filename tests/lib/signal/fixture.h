@@ -137,7 +137,7 @@ inline std::vector<ipv4mc_route_entry_st *> changed() {
 inline std::array<uint32_t, IPMC_SHMWIN_ALLOC_TYPES> counts() {
     std::array<uint32_t, IPMC_SHMWIN_ALLOC_TYPES> all{};
     for (uint32_t type = 0; type < all.size(); ++type)
-        all[type] = ip6mc_shmwin_live_blocks(type);
+        all[type] = ipmc_shmwin_live_blocks(ipv4mc_desc->shmwin_info, type);
     return all;
 }
 

@@ -116,11 +116,11 @@ TEST(SignalProcesses, AClientRemovesWhatTheOwnerPosted) {
     sim_reset();
     kit::library owner;
     ipv4mc_table_st *table = make_table();
-    const uint32_t live = ip6mc_shmwin_live_blocks(IPMC_SHMWIN_ALLOC_INTF);
+    const uint32_t live = ipmc_shmwin_live_blocks(ipv4mc_desc->shmwin_info, IPMC_SHMWIN_ALLOC_INTF);
     ASSERT_EQ(add(table, 1, 1, ifh_a), 0U);
     client.tell();
     EXPECT_EQ(client.wait(), 0);
-    EXPECT_EQ(ip6mc_shmwin_live_blocks(IPMC_SHMWIN_ALLOC_INTF), live);
+    EXPECT_EQ(ipmc_shmwin_live_blocks(ipv4mc_desc->shmwin_info, IPMC_SHMWIN_ALLOC_INTF), live);
     EXPECT_EQ(faults(table), "");
 }
 

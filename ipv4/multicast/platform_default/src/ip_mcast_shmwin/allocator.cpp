@@ -138,10 +138,6 @@ uint32_t &free_word(place where) {
                                  : counts_of(where).free_count;
 }
 
-uint32_t look_at(const uint32_t &word) {
-    return std::atomic_ref(const_cast<uint32_t &>(word)).load(std::memory_order_relaxed);
-}
-
 void count(place where, uint32_t &word, uint32_t step) {
     if (where == place::unlogged) {
         std::atomic_ref(word).fetch_add(step, std::memory_order_relaxed);
@@ -177,7 +173,7 @@ void *allocate(size_t size, ipmc_shmwin_alloc_type type, uint32_t count_slot) {
 }
 
 void count_down(uint32_t slot) {
-    if (ip6mc_shmwin_live_blocks(slot) > 0) {
+    if (ipmc_shmwin_live_blocks(ipv4mc_desc->shmwin_info, slot) > 0) {
         const place here = place_of_thread();
         count(here, alloc_word(here, slot), UINT32_MAX);
     }
@@ -298,28 +294,6 @@ cerrno ip6mc_shmwin_free(void *pointer) {
     }
     retire(guard, 0);
     return 0;
-}
-
-uint32_t ip6mc_shmwin_live_blocks(ipmc_shmwin_alloc_type type) {
-    if (ipv4mc_desc->shmwin_init == 0 || type >= IPMC_SHMWIN_ALLOC_TYPES) {
-        return 0;
-    }
-    uint32_t sum = look_at(alloc_word(place::owner, type));
-    for (const ipmc_shmwin_counts_st &part : ipv4mc_desc->shmwin_info->counted) {
-        sum += look_at(part.alloc_count[type]);
-    }
-    return sum;
-}
-
-uint32_t ip6mc_shmwin_freed_blocks(void) {
-    if (ipv4mc_desc->shmwin_init == 0) {
-        return 0;
-    }
-    uint32_t sum = look_at(free_word(place::owner));
-    for (const ipmc_shmwin_counts_st &part : ipv4mc_desc->shmwin_info->counted) {
-        sum += look_at(part.free_count);
-    }
-    return sum;
 }
 
 void ip6mc_shmwin_memory_releaser(void) {
