@@ -59,6 +59,9 @@ class poster {
         from_ = up[0];
     }
     ~poster() {
+        // A later client holds a copy of this end: closing it alone would not be noticed.
+        if (write(to_, "q", 1) != 1)
+            abort();
         close(to_);
         close(from_);
         waitpid(pid_, nullptr, 0);
@@ -80,7 +83,7 @@ class poster {
     static void work(int from, int to, uint32_t me, bool new_routes) {
         char c = 0;
         ipv4mc_table_st *table = nullptr;
-        while (read(from, &c, 1) == 1) {
+        while (read(from, &c, 1) == 1 && c == 'g') {
             if (table == nullptr) {
                 if (start(1) != 0)
                     _exit(1);

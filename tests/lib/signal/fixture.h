@@ -238,6 +238,9 @@ class unlock_at {
             },
             this);
     }
+    ~unlock_at() { ipv4_debug_set_sink(nullptr, nullptr); }
+    unlock_at(const unlock_at &) = delete;
+    unlock_at &operator=(const unlock_at &) = delete;
     bool done() const { return done_; }
 
   private:
