@@ -82,7 +82,7 @@ survey take_survey() {
 std::vector<std::string> window_faults() {
     survey seen = take_survey();
     for (uint32_t type = 0; type < IPMC_SHMWIN_ALLOC_TYPES; ++type) {
-        const uint32_t counted = ipv4mc_desc->shmwin_info->alloc_count[type];
+        const uint32_t counted = ipmc_shmwin_live_blocks(ipv4mc_desc->shmwin_info, type);
         if (counted != seen.live[type]) {
             seen.faults.push_back("type " + std::to_string(type) + ": " +
                                   std::to_string(seen.live[type]) + " blocks live, " +

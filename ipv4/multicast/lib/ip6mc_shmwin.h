@@ -37,6 +37,22 @@ enum ipmc_route_lists {
     IPMC_ROUTE_LISTS = 4
 };
 
+// Blocks counted elsewhere than on the owner's operation thread. A word that is restored by the
+// undo of a change must have no other writer, so each journal has its own counts.
+enum ipmc_shmwin_counted {
+    IPMC_SHMWIN_COUNTED_UNDER_MUTEX = 0,  // by holders of the window mutex
+    IPMC_SHMWIN_COUNTED_UNLOGGED =
+        1,  // by threads without a journal: attached clients, at their start
+    IPMC_SHMWIN_COUNTED = 2
+};
+typedef struct ipmc_shmwin_counts_st {
+    uint32_t
+        alloc_count[IPMC_SHMWIN_ALLOC_TYPES];  // differences: they may be below zero, modulo 2^32
+    uint32_t free_count;
+    uint32_t reserved;  // zero
+} ipmc_shmwin_counts_st;
+IP6MC_RECORD(ipmc_shmwin_counts_st, 152);
+
 // Header of the window, all zero in a new one. Written by the owner.
 struct ipv4mc_shmwin_hdr_st {
     uint16_t version_minor;
@@ -71,11 +87,12 @@ struct ipv4mc_shmwin_hdr_st {
     uint32_t pak_lock_total;
     rrw_lock_t tbl_rw_lock;  // structure of the trees of tables and interfaces
     uint32_t total_pkts_preserved;
-    uint32_t alloc_count[IPMC_SHMWIN_ALLOC_TYPES];  // live blocks, by ipmc_shmwin_alloc_type
-    uint32_t free_count;                            // blocks given back to the window service
-    ipmc_shmwin_pool_bucket_st *buffer_pool;        // IPMC_SHMWIN_POOL_BUCKETS buckets
-    rn_root_t *bvi_intf_db_root;                    // which VRF the entries of each BVI are in
-    dlqueue_node_t *retry_queue;                    // head of the queue of ipmc_retry_msg
+    uint32_t alloc_count[IPMC_SHMWIN_ALLOC_TYPES];  // live blocks, by ipmc_shmwin_alloc_type, as
+                                                    // the owner counts: see ipmc_shmwin_live_blocks
+    uint32_t free_count;                      // blocks given back to the window service
+    ipmc_shmwin_pool_bucket_st *buffer_pool;  // IPMC_SHMWIN_POOL_BUCKETS buckets
+    rn_root_t *bvi_intf_db_root;              // which VRF the entries of each BVI are in
+    dlqueue_node_t *retry_queue;              // head of the queue of ipmc_retry_msg
 
     // Fields that belong to single subsystems.
     ipv4mc_regdb_entry_st *idle_regdb_head;  // next hops that lost their last interface
@@ -88,8 +105,28 @@ struct ipv4mc_shmwin_hdr_st {
     uint8_t reserved[2];           // zero
     pthread_mutex_t changed_route_mutex;  // process-shared and robust; guards `changed_route_wake`
     pthread_cond_t changed_route_cond;    // process-shared; signalled with the first entry
+    ipmc_shmwin_counts_st counted[IPMC_SHMWIN_COUNTED];  // of alloc_count and free_count
 };
-IP6MC_RECORD(ipv4mc_shmwin_hdr_st, 9984);
+IP6MC_RECORD(ipv4mc_shmwin_hdr_st, 10304);
+
+// Live blocks of a type that exists, and blocks given back to the window service: sums over all who
+// count. Exact, whoever was killed, as long as nobody counts beside.
+static inline uint32_t ipmc_shmwin_live_blocks(const ipv4mc_shmwin_hdr_st *hdr,
+                                               ipmc_shmwin_alloc_type type) {
+    uint32_t sum = __atomic_load_n(&hdr->alloc_count[type], __ATOMIC_RELAXED);
+    for (int i = 0; i < IPMC_SHMWIN_COUNTED; ++i) {
+        sum += __atomic_load_n(&hdr->counted[i].alloc_count[type], __ATOMIC_RELAXED);
+    }
+    return sum;
+}
+static inline uint32_t ipmc_shmwin_freed_blocks(const ipv4mc_shmwin_hdr_st *hdr) {
+    uint32_t sum = __atomic_load_n(&hdr->free_count, __ATOMIC_RELAXED);
+    for (int i = 0; i < IPMC_SHMWIN_COUNTED; ++i) {
+        sum += __atomic_load_n(&hdr->counted[i].free_count, __ATOMIC_RELAXED);
+    }
+    return sum;
+}
+
 static_assert(offsetof(ipv4mc_shmwin_hdr_st, version_minor) == 0 &&
                   offsetof(ipv4mc_shmwin_hdr_st, version_major) == 2,
               "the version must be readable whatever the rest looks like");
@@ -132,8 +169,8 @@ MFWD6_EXPORT int ip6mc_shmwin_buffer_status(int enable);
 MFWD6_EXPORT void *ipv4mc_shmwin_malloc_inline(size_t size, ipmc_shmwin_alloc_type type);
 
 // Gives back a typed block: to the pool, to the client's free hook, or to the window service. 9
-// when the window is closed, 22 for NULL or a type that does not exist. A block whose guard does not say "live" is memory gone wrong: the
-// process stops.
+// when the window is closed, 22 for NULL or a type that does not exist. A block whose guard does
+// not say "live" is memory gone wrong: the process stops.
 MFWD6_EXPORT cerrno ipv4mc_shmwin_free_inline(void *pointer, ipmc_shmwin_alloc_type type);
 
 // The same without a type. The free reports a block that was freed before and goes on.

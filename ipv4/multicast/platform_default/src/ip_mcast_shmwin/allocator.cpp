@@ -1,5 +1,6 @@
 // The typed allocator over the window: a guard in front of each block, counts by type, and a pool
 // of freed blocks by exact size.
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -9,6 +10,7 @@
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
 #include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/shmwin.h"
 #include "services/journal/journal.h"
+#include "services/peers/peers.h"
 #include "services/window/window.h"
 
 namespace {
@@ -105,6 +107,45 @@ bool is_type(ipmc_shmwin_alloc_type type) {
     return true;
 }
 
+// Who counts. The undo of a change restores the old value of a word, so each journal has words of
+// its own; those of threads without one are shared, and nothing restores them.
+enum class place { owner, mutex, unlogged };
+
+// Inside the group of an allocation or a free.
+place place_of_thread() {
+    const mfwd6::journal::log *log = mfwd6::journal::self.current;
+    if (log == nullptr) {
+        return place::unlogged;
+    }
+    using mfwd6::peers::domain;
+    const mfwd6::peers::env *window = mfwd6::peers::env_of(ipv4mc_desc->shmwin_info);
+    constexpr auto mutex = static_cast<uint32_t>(domain::window_mutex);
+    return window != nullptr && log == window->logs[mutex] ? place::mutex : place::owner;
+}
+
+ipmc_shmwin_counts_st &counts_of(place where) {
+    return ipv4mc_desc->shmwin_info->counted[where == place::mutex ? IPMC_SHMWIN_COUNTED_UNDER_MUTEX
+                                                                   : IPMC_SHMWIN_COUNTED_UNLOGGED];
+}
+
+uint32_t &alloc_word(place where, uint32_t slot) {
+    return where == place::owner ? ipv4mc_desc->shmwin_info->alloc_count[slot]
+                                 : counts_of(where).alloc_count[slot];
+}
+
+uint32_t &free_word(place where) {
+    return where == place::owner ? ipv4mc_desc->shmwin_info->free_count
+                                 : counts_of(where).free_count;
+}
+
+void count(place where, uint32_t &word, uint32_t step) {
+    if (where == place::unlogged) {
+        std::atomic_ref(word).fetch_add(step, std::memory_order_relaxed);
+    } else {
+        store(word, word + step);
+    }
+}
+
 void *allocate(size_t size, ipmc_shmwin_alloc_type type, uint32_t count_slot) {
     if (ipv4mc_desc->shmwin_init == 0) {
         MLIB_ERR("Shared Memory Window Not Initialized");
@@ -126,22 +167,22 @@ void *allocate(size_t size, ipmc_shmwin_alloc_type type, uint32_t count_slot) {
     guard->size = size;
     guard->type = type;
     guard->magic = IPMC_SHMWIN_MAGIC_LIVE;
-    uint32_t &live = ipv4mc_desc->shmwin_info->alloc_count[count_slot];
-    store(live, live + 1);
+    const place here = place_of_thread();
+    count(here, alloc_word(here, count_slot), 1);
     return guard + 1;
 }
 
 void count_down(uint32_t slot) {
-    uint32_t &live = ipv4mc_desc->shmwin_info->alloc_count[slot];
-    if (live > 0) {
-        store(live, live - 1);
+    if (ipmc_shmwin_live_blocks(ipv4mc_desc->shmwin_info, slot) > 0) {
+        const place here = place_of_thread();
+        count(here, alloc_word(here, slot), UINT32_MAX);
     }
 }
 
 // Straight back to the window service.
 void give_back(ipmc_shmwin_guard_st *guard) {
-    uint32_t &freed = ipv4mc_desc->shmwin_info->free_count;
-    store(freed, freed + 1);
+    const place here = place_of_thread();
+    count(here, free_word(here), 1);
     store(guard->magic, static_cast<uint32_t>(IPMC_SHMWIN_MAGIC_FREED));
     const cerrno rc = shmwin_free(guard);
     if (rc != 0) {

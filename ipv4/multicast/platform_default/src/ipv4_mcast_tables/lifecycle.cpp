@@ -11,6 +11,7 @@
 #include "ipv4/multicast/platform_default/src/setup.h"
 #include "services/diag/text.h"
 #include "services/events/retry.h"
+#include "services/gtrie/gtrie.h"
 #include "services/trees/avl.h"
 #include "services/window/window.h"
 
@@ -310,6 +311,10 @@ cerrno ip6mc_lib_init(void *evm, void *im_context, int attach_only, uint16_t pro
         MLIB_ERR("Cannot initialize platform gtrie library: %s", cerr_strerror(rc));
         return rc;
     }
+    if (attach_only != 0) {
+        // Tries that the owner made: a client that posts signals makes leaves in them.
+        ip6mc_gtrie_set_memory(ipv4mc_shmwin_malloc_inline, ipv4mc_shmwin_free_inline);
+    }
     rc = attach_only != 0 ? start_platform(attach_only) : start_owner();
     return rc != 0 ? rc : finish_start(attach_only);
 }
@@ -335,6 +340,9 @@ cerrno ip6mc_lib_terminate(int attach_only, uint32_t reason) {
     descriptor.shmwin_init = 0;
     descriptor.lib_init = 0;
     descriptor.idb_init = 0;
+    if (attach_only != 0) {
+        ip6mc_gtrie_set_memory(nullptr, nullptr);
+    }
     ipv4mc_update_state(IPV4MC_LIB_STATE_DOWN);
     report_state_change();
     ipv4_mlib_debug_terminate();
