@@ -412,11 +412,13 @@ int heap_commit(int fd, const places &where, uint32_t from, uint32_t to) {
     return 0;
 }
 
-bool heap_plausible(const open_window &w, uint64_t file_bytes) {
+bool heap_plausible(open_window &w) {
+    // Attached processes may be in the middle of their own allocations.
+    const section locked(w);
     const heap_state &h = w.super->heap;
     const places where = place(w.super->id.header_bytes, w.super->id.max_bytes);
-    if (h.span_count != where.span_count || h.committed > h.span_count || h.top > h.committed ||
-        where.heap + uint64_t{h.committed} * span_bytes > file_bytes) {
+    if (!locked.taken() || h.span_count != where.span_count || h.committed > h.span_count ||
+        h.top > h.committed) {
         return false;
     }
     uint32_t at = 0;

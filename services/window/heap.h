@@ -42,7 +42,7 @@ inline constexpr uint32_t first_commit = 32;
 int heap_commit(int fd, const places &where, uint32_t from, uint32_t to);
 
 // Bounds and counts that hold in every whole window; one look at each run of spans.
-bool heap_plausible(const open_window &w, uint64_t file_bytes);
+bool heap_plausible(open_window &w);
 
 // What a look at one address tells.
 struct located {

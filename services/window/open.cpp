@@ -175,13 +175,22 @@ cerrno make(open_window &w, const shmwin_open_record &r, uint64_t former_generat
     return 0;
 }
 
+// Whether the file holds all that the heap counts as its own. Attached processes may be growing
+// both: what is counted is read first, the file behind it.
+bool file_holds_heap(const open_window &w) {
+    const heap_state &h = w.super->heap;
+    const uint32_t committed = journal::observe(h.committed);
+    struct stat st;
+    return committed <= h.span_count && fstat(w.env.fd, &st) == 0 &&
+           w.super->id.heap_offset + uint64_t{committed} * span_bytes <=
+               static_cast<uint64_t>(st.st_size);
+}
+
 // Brings a window that other processes made to rest. SHMWIN_ERR_DAMAGED: it is not what it should
 // be.
-cerrno settle(open_window &w, uint64_t file_bytes) {
+cerrno settle(open_window &w) {
     const uint64_t from = now_ns(CLOCK_MONOTONIC);
-    const heap_state &h = w.super->heap;
-    if (!logs_plausible(w) || h.top > h.committed || h.committed > h.span_count ||
-        w.super->id.heap_offset + uint64_t{h.committed} * span_bytes > file_bytes) {
+    if (!logs_plausible(w) || !file_holds_heap(w)) {
         return SHMWIN_ERR_DAMAGED;
     }
     const bool cut_short = w.super->state == static_cast<uint32_t>(life::resetting);
@@ -195,7 +204,7 @@ cerrno settle(open_window &w, uint64_t file_bytes) {
         wipe(w);
         set_state(w, life::ready);
     }
-    if (!heap_plausible(w, file_bytes)) {
+    if (!heap_plausible(w)) {
         return SHMWIN_ERR_DAMAGED;
     }
     w.opening.recovery_ns = now_ns(CLOCK_MONOTONIC) - from;
@@ -206,10 +215,6 @@ cerrno settle(open_window &w, uint64_t file_bytes) {
 }
 
 cerrno take_over(open_window &w, const identity &id) {
-    struct stat st;
-    if (fstat(w.env.fd, &st) != 0) {
-        return static_cast<cerrno>(errno);
-    }
     cerrno code = map(w, reinterpret_cast<void *>(id.base), id.max_bytes);
     if (code != 0) {
         return code;
@@ -219,7 +224,7 @@ cerrno take_over(open_window &w, const identity &id) {
     if (code != 0) {
         return code;
     }
-    code = settle(w, static_cast<uint64_t>(st.st_size));
+    code = settle(w);
     if (code != 0) {
         set_state(w, life::damaged);
         leave(w);

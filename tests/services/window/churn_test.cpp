@@ -4,6 +4,7 @@
 #include <chrono>
 #include <random>
 
+#include "services/diag/errors.h"
 #include "services/journal/journal.h"
 #include "tests/services/window/support.h"
 
@@ -101,6 +102,8 @@ bool step_alone(const opened &o, uint64_t worker, std::mt19937 &random) {
 int work(bool owner, uint64_t worker, unsigned seed) {
     const opened o = open_as(owner);
     if (o.code != 0) {
+        fprintf(stderr, "worker %u cannot open: 0x%x %s\n", static_cast<unsigned>(worker), o.code,
+                cerr_strerror(o.code));
         return 1;
     }
     shelf &s = static_cast<root *>(o.header)->shelves[worker];
