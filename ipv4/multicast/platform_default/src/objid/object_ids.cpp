@@ -80,51 +80,51 @@ cerrno ipmc_object_ida_get_domain(fib_obj_id_domain_t **domain) {
     return 0;
 }
 
-#define REPORTED(call, name)                                        \
-    ([&] {                                                          \
-        const cerrno code = (call);                                 \
-        if (code != 0) {                                            \
-            MLIB_ERR(name " failed: rc = %s", cerr_strerror(code)); \
-        }                                                           \
-        return code;                                                \
+#define REPORTED(call, text)                     \
+    ([&] {                                       \
+        const cerrno code = (call);              \
+        if (code != 0) {                         \
+            MLIB_ERR(text, cerr_strerror(code)); \
+        }                                        \
+        return code;                             \
     }())
 
 cerrno set_callbacks(fib_obj_id_params_t *params) {
-    cerrno rc =
-        REPORTED(fib_obj_id_params_set_dbg_fn(params, tell_debug), "fib_obj_id_params_set_dbg_fn");
+    cerrno rc = REPORTED(fib_obj_id_params_set_dbg_fn(params, tell_debug),
+                         "fib_obj_id_params_set_dbg_fn failed: rc = %s");
     if (rc == 0) {
         rc = REPORTED(fib_obj_id_params_set_dbg_err_fn(params, tell_error),
-                      "fib_obj_id_params_set_dbg_err_fn");
+                      "fib_obj_id_params_set_dbg_err_fn failed: rc = %s");
     }
     if (rc == 0) {
         rc = REPORTED(fib_obj_id_params_set_mem_alloc_fn(params, allocate),
-                      "fib_obj_id_params_set_mem_alloc_fn");
+                      "fib_obj_id_params_set_mem_alloc_fn failed: rc = %s");
     }
     if (rc == 0) {
         rc = REPORTED(fib_obj_id_params_set_mem_free_fn(params, release),
-                      "fib_obj_id_params_set_mem_free_fn");
+                      "fib_obj_id_params_set_mem_free_fn failed: rc = %s");
     }
     return rc;
 }
 
 cerrno set_shape(fib_obj_id_params_t *params) {
     cerrno rc = REPORTED(fib_obj_id_params_set_id_cnt(params, IPMC_OBJ_ID_COUNT),
-                         "fib_obj_id_params_set_id_cnt");
+                         "fib_obj_id_params_set_id_cnt failed: rc = %s");
     if (rc == 0) {
         rc = REPORTED(fib_obj_id_params_set_id_table_size(params, IPMC_OBJ_ID_TABLE_SIZE),
-                      "fib_obj_id_params_set_id_table_size");
+                      "fib_obj_id_params_set_id_table_size failed: rc = %s");
     }
     if (rc == 0) {
         rc = REPORTED(fib_obj_id_params_set_id_instance_cnt(params, IPMC_OBJ_ID_INSTANCES),
-                      "fib_obj_id_params_set_id_instance_cnt");
+                      "fib_obj_id_params_set_id_instance_cnt failed: rc = %s");
     }
     if (rc == 0) {
         rc = REPORTED(fib_obj_id_params_set_id_version_cnt(params, IPMC_OBJ_ID_VERSIONS),
-                      "fib_obj_id_params_set_id_version_cnt");
+                      "fib_obj_id_params_set_id_version_cnt failed: rc = %s");
     }
     if (rc == 0) {
         rc = REPORTED(fib_obj_id_params_set_id_userdata_cnt(params, IPMC_OBJ_ID_USERDATA),
-                      "fib_obj_id_params_set_id_userdata_cnt");
+                      "fib_obj_id_params_set_id_userdata_cnt failed: rc = %s");
     }
     return rc;
 }
@@ -137,7 +137,8 @@ cerrno build_domain(const fib_obj_id_domain_params_t *domain_params, fib_obj_id_
     }
     const mfwd6::journal::group change;
     fib_obj_id_domain_t *domain = nullptr;
-    rc = REPORTED(fib_obj_id_domain_init(domain_params, params, &domain), "fib_obj_id_domain_init");
+    rc = REPORTED(fib_obj_id_domain_init(domain_params, params, &domain),
+                  "fib_obj_id_domain_init failed: rc = %s");
     if (rc == 0) {
         mfwd6::journal::publish(hdr->obj_id_domain, domain);
         _ltrace(ip6mc_mlib_objid_ltrace(), MLIB_TRACE_OBJ_ID_BUILT);
@@ -147,7 +148,7 @@ cerrno build_domain(const fib_obj_id_domain_params_t *domain_params, fib_obj_id_
 
 cerrno connect_domain(const fib_obj_id_domain_params_t *domain_params, ipv4mc_shmwin_hdr_st *hdr) {
     fib_obj_id_params_t *params = nullptr;
-    cerrno rc = REPORTED(fib_obj_id_params_init(&params), "fib_obj_id_params_init");
+    cerrno rc = REPORTED(fib_obj_id_params_init(&params), "fib_obj_id_params_init failed: rc = %s");
     if (rc != 0) {
         return rc;
     }
@@ -201,7 +202,7 @@ cerrno ipmc_object_ida_init_domain(void) {
     }
     fib_obj_id_domain_params_t *domain_params = nullptr;
     rc = REPORTED(fib_obj_id_domain_params_init(&domain_params, allocate, release),
-                  "domain params init");
+                  "domain params init failed: rc = %s");
     if (rc != 0) {
         return rc;
     }
