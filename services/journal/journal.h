@@ -91,7 +91,7 @@ struct thread_state {
     uint32_t depth;  // nesting of groups on `current`
     uint32_t peer;   // identity used for `current`
     uint32_t bound_count;
-    binding bound[6];  // pushed by locks, innermost last
+    binding bound[6];              // pushed by locks, innermost last
     void (*after)(void *context);  // to be called once when no group is open any more
     void *after_context;
 };
@@ -143,9 +143,9 @@ enum class recovery { clean, undone, finished, damaged };
 // be undone. The allocator's log must be recovered before any other.
 MFWD6_EXPORT recovery recover(log *l);
 
-// Calls `then` when the calling thread's outermost group has committed; one such call at a time (false,
-// and nothing is noted, while another is pending or when no group is open). For a lock that must cover
-// the commit of a change that an outer group will make.
+// Calls `then` when the calling thread's outermost group has committed; one such call at a time
+// (false, and nothing is noted, while another is pending or when no group is open). For a lock that
+// must cover the commit of a change that an outer group will make.
 MFWD6_EXPORT bool after_commit(void (*then)(void *context), void *context);
 MFWD6_EXPORT void run_after();
 

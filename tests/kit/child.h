@@ -20,7 +20,8 @@ class post {
     int in_;
 };
 
-// Forks at once. Fork children before the test makes threads, and before it opens the window itself.
+// Forks at once. Fork children before the test makes threads, and before it opens the window
+// itself.
 class child {
   public:
     // The child's exit code is what `work` returns; 99 for an exception.
@@ -32,8 +33,8 @@ class child {
     void tell(char what = '.') const { line_.tell(what); }
     char hear() const { return line_.hear(); }
 
-    void kill();        // SIGKILL, and waits for the end
-    int wait();         // exit code; 128 + signal when a signal ended it
+    void kill();  // SIGKILL, and waits for the end
+    int wait();   // exit code; 128 + signal when a signal ended it
     pid_t pid() const { return pid_; }
 
   private:

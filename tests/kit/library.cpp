@@ -19,14 +19,18 @@ cerrno on_message(ipv4mc_descriptor_struct *, const ipv4mc_lib_callback_msg *mes
 
 }  // namespace
 
-std::vector<ipv4mc_lib_callback_msg> take_messages() { return std::exchange(received, {}); }
+std::vector<ipv4mc_lib_callback_msg> take_messages() {
+    return std::exchange(received, {});
+}
 
-void answer_callback_with(cerrno rc) { answer = rc; }
+void answer_callback_with(cerrno rc) {
+    answer = rc;
+}
 
 cerrno start_library(const start &how) {
-    return ip6mc_lib_init(how.evm, how.im_context, how.attach_only, 7, 8, default_tid, default_vrf_id, how.node_role,
-                          how.with_callback ? on_message : nullptr, how.free_hook, nullptr, nullptr,
-                          how.keep_buffer_pool);
+    return ip6mc_lib_init(how.evm, how.im_context, how.attach_only, 7, 8, default_tid,
+                          default_vrf_id, how.node_role, how.with_callback ? on_message : nullptr,
+                          how.free_hook, nullptr, nullptr, how.keep_buffer_pool);
 }
 
 library::library(const start &how) : attach_only_(how.attach_only) {

@@ -37,8 +37,8 @@ void answer_callback_with(cerrno rc);
 // Calls ip6mc_lib_init; its result.
 cerrno start_library(const start &how = {});
 
-// Starts in the constructor (throws if that fails) and, unless told otherwise, ends the window in the
-// destructor.
+// Starts in the constructor (throws if that fails) and, unless told otherwise, ends the window in
+// the destructor.
 class library {
   public:
     explicit library(const start &how = {});

@@ -21,8 +21,8 @@ struct system_message {
     std::string line;
 };
 
-// From its making on: all debug classes are on and collected, system messages are collected, and error
-// reports are read from the error trace. One at a time.
+// From its making on: all debug classes are on and collected, system messages are collected, and
+// error reports are read from the error trace. One at a time.
 class listener {
   public:
     explicit listener(uint64_t classes = ~uint64_t{0});

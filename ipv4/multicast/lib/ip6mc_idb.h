@@ -398,11 +398,12 @@ MFWD6_EXPORT int ip6mc_idb_is_fint_ifh(ifhtype ifh);
 // it has none.
 MFWD6_EXPORT cerrno ipmc_bundle_vlantree_reinit(ipv4mc_idb_st *idb);
 
-// ---- data path -----------------------------------------------------------------------------------
+// ---- data path
+// -----------------------------------------------------------------------------------
 
 // Sends a control code with `length` bytes at `data` to the data path, on the calling thread and
-// through the interface manager; `ifh` 0 is no interface in particular. What the receiver answers, or
-// EINVAL when the process has no interface manager.
+// through the interface manager; `ifh` 0 is no interface in particular. What the receiver answers,
+// or EINVAL when the process has no interface manager.
 MFWD6_EXPORT cerrno ipv4mc_intf_dpc(ifhtype ifh, uint32_t code, uint32_t length, void *data,
                                     uint64_t extra_1, uint64_t extra_2);
 

@@ -89,10 +89,10 @@ struct ipv4mc_shmwin_hdr_st {
     uint32_t total_pkts_preserved;
     uint32_t alloc_count[IPMC_SHMWIN_ALLOC_TYPES];  // live blocks, by ipmc_shmwin_alloc_type, as
                                                     // the owner counts: see ipmc_shmwin_live_blocks
-    uint32_t free_count;                      // blocks given back to the window service
-    ipmc_shmwin_pool_bucket_st *buffer_pool;  // IPMC_SHMWIN_POOL_BUCKETS buckets
-    rn_root_t *bvi_intf_db_root;              // which VRF the entries of each BVI are in
-    dlqueue_node_t *retry_queue;              // head of the queue of ipmc_retry_msg
+    uint32_t free_count;                            // blocks given back to the window service
+    ipmc_shmwin_pool_bucket_st *buffer_pool;        // IPMC_SHMWIN_POOL_BUCKETS buckets
+    rn_root_t *bvi_intf_db_root;                    // which VRF the entries of each BVI are in
+    dlqueue_node_t *retry_queue;                    // head of the queue of ipmc_retry_msg
 
     // Fields that belong to single subsystems.
     ipv4mc_regdb_entry_st *idle_regdb_head;  // next hops that lost their last interface

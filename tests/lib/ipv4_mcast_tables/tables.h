@@ -34,7 +34,8 @@ inline bool has(const texts &all, const std::string &text) {
 using counts = std::array<uint32_t, IPMC_SHMWIN_ALLOC_TYPES>;
 inline counts live_blocks() {
     counts now{};
-    for (uint32_t type = 0; type < now.size(); ++type) now[type] = ipmc_shmwin_live_blocks(ipv4mc_desc->shmwin_info, type);
+    for (uint32_t type = 0; type < now.size(); ++type)
+        now[type] = ipmc_shmwin_live_blocks(ipv4mc_desc->shmwin_info, type);
     return now;
 }
 

@@ -16,6 +16,8 @@ TEST(Library, StartsOnAFreshWindowAndMakesATable) {
     EXPECT_EQ(ip6mc_table_operation(IPV4MC_ACTION_ACTIVATE, 5, 6, "red", &table, 16), 0U);
     ASSERT_NE(table, nullptr);
     EXPECT_EQ(ip6mc_table_operation(IPV4MC_ACTION_DELETE, 0, 0, nullptr, &table, 16), 0U);
-    for (const auto &text : heard.errors()) ADD_FAILURE() << text;
-    for (const auto &line : heard.lines()) printf("%s%s\n", line.header.c_str(), line.text.c_str());
+    for (const auto &text : heard.errors())
+        ADD_FAILURE() << text;
+    for (const auto &line : heard.lines())
+        printf("%s%s\n", line.header.c_str(), line.text.c_str());
 }

@@ -80,7 +80,8 @@ int ipmc_idb_avl_compare_ifh_global(const void *a, const void *b) {
     if (a == nullptr || b == nullptr) {
         return tree_equal;
     }
-    return order(idb_of(a, IPV4MC_IDB_THREAD_GLOBAL)->ifh, idb_of(b, IPV4MC_IDB_THREAD_GLOBAL)->ifh);
+    return order(idb_of(a, IPV4MC_IDB_THREAD_GLOBAL)->ifh,
+                 idb_of(b, IPV4MC_IDB_THREAD_GLOBAL)->ifh);
 }
 
 int ipmc_idb_avl_compare_ifh_vrf(const void *a, const void *b) {

@@ -38,8 +38,8 @@ int ip6mc_idb_is_local(ifhtype ifh);
 
 namespace mlib {
 
-// Owner: takes the interface that a killed process was making or destroying out of whatever tree it is
-// in, and frees it.
+// Owner: takes the interface that a killed process was making or destroying out of whatever tree it
+// is in, and frees it.
 void end_idb_in_hand();
 
 // Tells the client of the present state and the one before.

@@ -31,10 +31,10 @@ enum mlib_trace_id : uint64_t {
     MLIB_TRACE_OBJ_ID_BUILT = 0x2000,
     MLIB_TRACE_OBJ_ID_OFF = 0x2001,
     MLIB_TRACE_OBJ_ID_ON = 0x2002,
-    MLIB_TRACE_IDB_REFCOUNT = 0x100060001,       // handle, expected, actual, mask
-    MLIB_TRACE_IDB_POST_RESTART = 0x100060002,   // interfaces marked stale, code of the walk
-    MLIB_TRACE_BVI_DB_INIT = 0x100a00001,  // vrf id
-    MLIB_TRACE_RETRY_QUEUE = 0x100001008,  // 0 enabled, 1 not
+    MLIB_TRACE_IDB_REFCOUNT = 0x100060001,      // handle, expected, actual, mask
+    MLIB_TRACE_IDB_POST_RESTART = 0x100060002,  // interfaces marked stale, code of the walk
+    MLIB_TRACE_BVI_DB_INIT = 0x100a00001,       // vrf id
+    MLIB_TRACE_RETRY_QUEUE = 0x100001008,       // 0 enabled, 1 not
     MLIB_TRACE_RETRY_QUEUE_READY = 0x1000,
 };
 
