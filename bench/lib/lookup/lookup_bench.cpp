@@ -264,8 +264,12 @@ void run(uint32_t routes) {
 
 int main(int argc, char **argv) {
     std::vector<uint32_t> sizes;
-    for (int n = 1; n < argc; ++n)
-        sizes.push_back(static_cast<uint32_t>(strtoul(argv[n], nullptr, 10)));
+    for (int n = 1; n < argc; ++n) {
+        // Options are for the programs that this one is run beside.
+        if (argv[n][0] != '-') {
+            sizes.push_back(static_cast<uint32_t>(strtoul(argv[n], nullptr, 10)));
+        }
+    }
     if (sizes.empty())
         sizes = {10'000, 100'000, 1'000'000};
     for (const uint32_t routes : sizes) {

@@ -119,7 +119,7 @@ std::string look(const operation &what) {
         return "drained: " + wrong;
     // The search key of the dead owner is all that may be left over.
     counts left = live_blocks();
-    for (uint32_t type : {8, 9, 12, 21, 22, 23}) {
+    for (uint32_t type : {8U, 9U, 12U, 21U, 22U, 23U}) {
         if (type == IPMC_SHMWIN_ALLOC_GTRIE_NODE || type == IPMC_SHMWIN_ALLOC_GTRIE_INDEX ||
             type == IPMC_SHMWIN_ALLOC_GTRIE_HANDLE)
             continue;

@@ -153,7 +153,7 @@ TEST_P(TableFailures, AnOrphanThatCannotBeActivated) {
 }
 
 TEST_P(TableFailures, ThePlatformRefusesTheDeletion) {
-    for (uint64_t call : {0, 1}) {
+    for (uint64_t call : {0U, 1U}) {
         const counts before = live_blocks();
         ipv4mc_table_st *red = nullptr;
         ASSERT_EQ(operate(9, 5, 6, "red", &red), 0U);
@@ -182,7 +182,7 @@ TEST_P(TableFailures, ThePlatformRefusesTheDeletion) {
 
 TEST_P(TableFailures, AFailureAtAnyPlatformCallCanBeRepeated) {
     const counts before = live_blocks();
-    for (uint32_t first : {3, 8, 9}) {
+    for (uint32_t first : {3U, 8U, 9U}) {
         for (uint64_t call = 0; call < 6; ++call) {
             sim_clear_faults();
             sim_arm_fault(SIM_OP_TABLE, SIM_ANY_ACTION, call, 1, EIO);

@@ -42,7 +42,7 @@ TEST_P(TableOperation, RefusesANameOf33CharactersWithoutAnotherKey) {
 }
 
 TEST_P(TableOperation, ActionsOnATableNeedOne) {
-    for (uint32_t action : {4, 6, 7, 11, 12, 13, 14, 15, 16}) {
+    for (uint32_t action : {4U, 6U, 7U, 11U, 12U, 13U, 14U, 15U, 16U}) {
         ipv4mc_table_st *table = nullptr;
         heard.clear();
         EXPECT_EQ(operate(action, 5, 6, "red", &table), EINVAL) << action;
@@ -435,8 +435,8 @@ TEST_P(TableOperation, DeactivationWithCoreRoutesLeavesTheTableActive) {
 }
 
 TEST_P(TableOperation, DeletionForgetsTheCoreRoutes) {
-    for (uint32_t index : {0, 1}) {
-        for (size_t count : {1, 2, 3}) {
+    for (uint32_t index : {0U, 1U}) {
+        for (size_t count : {1U, 2U, 3U}) {
             ipv4mc_table_st *red = make_red();
             ipv4mc_table_st *tid = red->tid_table;
             core_routes core(tid, count, index);
@@ -481,7 +481,7 @@ TEST_P(TableOperation, AnMdtHandleGoesEvenWhenItsUnlockFails) {
     }
     // In this order, the eighth handle left out.
     texts expected;
-    for (uint32_t kind : {0, 1, 2, 5, 3, 4, 7}) {
+    for (uint32_t kind : {0U, 1U, 2U, 5U, 3U, 4U, 7U}) {
         char text[80];
         snprintf(text, sizeof(text), "0x5: Failed to unset MDT handle. prev 0x%x", 0x100 + kind);
         expected.push_back(text);
@@ -536,7 +536,7 @@ TEST_P(TableOperation, DeactivationOfNothingIsRefused) {
 
 TEST_P(TableOperation, OtherActionsAnswerTheTable) {
     ipv4mc_table_st *red = make_red();
-    for (uint32_t action : {0, 1, 2, 3, 5, 31, 32, 1000}) {
+    for (uint32_t action : {0U, 1U, 2U, 3U, 5U, 31U, 32U, 1000U}) {
         ipv4mc_table_st *given = nullptr;
         EXPECT_EQ(operate(action, 5, 6, "red", &given), 0U) << action;
         EXPECT_EQ(given, red) << action;

@@ -183,7 +183,7 @@ TEST_F(RouteOperation, WithoutRoomForTheRateRecordNothingIsLeft) {
     ipv4mc_route_entry_st *second_spare = create(table, sg(98));
     shmwin_set_growth_limit(ipv4mc_desc->shmwin_id, 1);
     std::vector<void *> held;
-    for (const size_t size : {65536, 4096, 512, 192, 64}) {
+    for (const size_t size : {65536U, 4096U, 512U, 192U, 64U}) {
         for (void *block = ip6mc_shmwin_malloc(size); block != nullptr;
              block = ip6mc_shmwin_malloc(size)) {
             held.push_back(block);

@@ -132,7 +132,7 @@ TEST_F(WindowHeap, AllIsFoundAgainAfterChurn) {
             const auto [block, size] = live.back();
             const auto *bytes = static_cast<unsigned char *>(block);
             ASSERT_TRUE(std::all_of(bytes, bytes + size,
-                                    [&](unsigned char c) { return c == (size & 0xff); }));
+                                    [mark = size & 0xff](unsigned char c) { return c == mark; }));
             ASSERT_EQ(shmwin_free(block), 0U);
             live.pop_back();
         }

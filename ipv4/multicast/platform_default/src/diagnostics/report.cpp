@@ -38,14 +38,14 @@ struct header_text {
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-header_text make_header(int debug_class, const char *function, int line, uint64_t object_id) {
+header_text make_header(uint32_t debug_class, const char *function, int line, uint64_t object_id) {
     header_text header{};
     snprintf(header.text, sizeof(header.text), headers[debug_class], function, line, object_id);
     return header;
 }
 #pragma GCC diagnostic pop
 
-void emit(int debug_class, const char *function, int line, const char *message,
+void emit(uint32_t debug_class, const char *function, int line, const char *message,
           uint64_t object_id = 0) {
     const header_text header = make_header(debug_class, function, line, object_id);
     if (debug_class == IPV4_DEBUG_BVI_IFH) {
@@ -75,7 +75,7 @@ void report_error(const char *function, int line, const char *format, ...) {
     }
 }
 
-void debug_line(int debug_class, const char *function, int line, const char *format, ...) {
+void debug_line(uint32_t debug_class, const char *function, int line, const char *format, ...) {
     char text[2048];
     va_list arguments;
     va_start(arguments, format);

@@ -18,7 +18,7 @@ __attribute__((format(printf, 3, 4))) void report_error(const char *function, in
                                                         const char *format, ...);
 
 // A line of `debug_class`, which the caller has found active.
-__attribute__((format(printf, 4, 5))) void debug_line(int debug_class, const char *function,
+__attribute__((format(printf, 4, 5))) void debug_line(uint32_t debug_class, const char *function,
                                                       int line, const char *format, ...);
 
 // A line of class 14, whose header names the object id.

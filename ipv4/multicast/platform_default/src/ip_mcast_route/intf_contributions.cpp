@@ -98,8 +98,8 @@ void mlib::drop_mdt_reference(ipv4mc_table_st *table, mrib_attrib_entry_type att
     if ((attributes & bit) == 0) {
         return;
     }
-    MLIB_DEBUG(static_cast<int>(debug_class), "0x%x: MDT reference of kind %d on 0x%x goes",
-               tid_or(table, 0), static_cast<int>(kind), ifh);
+    MLIB_DEBUG(debug_class, "0x%x: MDT reference of kind %d on 0x%x goes", tid_or(table, 0),
+               static_cast<int>(kind), ifh);
     ip6mc_idb_mdt_unlock(table, ifh, kind);
 }
 

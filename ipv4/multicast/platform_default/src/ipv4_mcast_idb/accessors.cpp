@@ -18,8 +18,8 @@ cerrno ip6mc_idb_set_name(ipv4mc_idb_st *idb, const char *name) {
     if (rc != 0) {
         return rc;
     }
-    __attribute__((nonstring)) char padded[IPV4MC_IDB_NAME_SIZE];
-    strncpy(padded, name, sizeof(padded));
+    char padded[IPV4MC_IDB_NAME_SIZE] = {};
+    std::memcpy(padded, name, strnlen(name, sizeof(padded)));
     const mfwd6::journal::group change;
     mfwd6::journal::copy(idb->name, padded, sizeof(padded));
     return 0;

@@ -73,8 +73,8 @@ void name_and_take(const named_request &request, ipv4mc_idb_st *idb) {
     if (new_name) {
         const mlib::tbl_write_lock guard(__LINE__);
         const group change;
-        __attribute__((nonstring)) char padded[IPV4MC_IDB_NAME_SIZE];
-        strncpy(padded, request.name, sizeof(padded));
+        char padded[IPV4MC_IDB_NAME_SIZE] = {};
+        std::memcpy(padded, request.name, strnlen(request.name, sizeof(padded)));
         mfwd6::journal::copy(idb->name, padded, sizeof(padded));
         inserted =
             shm_wavl_insert_thread(&ipmc_idb_fns, &ipv4mc_desc->shmwin_info->idb_tree,

@@ -22,6 +22,7 @@ using mfwd6::journal::store;
 
 #define REQUEST_KEY ROUTE_KEY_ARGS(request.source, request.group, request.pfx_len)
 
+// The trie looks at no more of a key.
 constexpr size_t key_bytes = (GTRIE_TABLE_KEY_BITS + 7) / 8;
 
 struct trie_key {
@@ -30,7 +31,7 @@ struct trie_key {
 };
 
 void make_prefix(const route_request &request, trie_key *key) {
-    *key = trie_key{};
+    std::memset(key->prefix, 0, key_bytes);
     ip6mc_gtrie_platform_make_prefix(request.table->ingress_gtrie, key->prefix, request.source,
                                      request.group);
 }
