@@ -28,7 +28,7 @@ test-release test-asan test-tsan: test-%: setup
 bench: build     ## run the benchmarks, each beside its yardstick
 	scripts/bench
 
-lint: setup      ## clang-format, clang-tidy and a build with Clang, all without complaint
+lint: setup      ## clang-format and a Clang build must pass; prints what clang-tidy finds
 	scripts/lint
 
 format: setup    ## apply clang-format
