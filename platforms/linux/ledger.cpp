@@ -19,8 +19,8 @@ namespace {
 
 constexpr uint64_t ledger_magic = 0x6d66776436206c64;  // "mfwd6 ld"
 constexpr uint32_t ledger_version = 1;
-constexpr uint32_t ledger_layout =
-    sizeof(flow_slot) + 1000 * sizeof(mif_slot) + 100000 * tables_max + flow_heads + flows_max;
+constexpr uint32_t ledger_layout = sizeof(flow_slot) + 1000 * sizeof(mif_slot) +
+                                   100000 * tables_max + flow_heads + flows_max + boundaries_max;
 constexpr size_t fixed_bytes = offsetof(ledger_map, flows);
 constexpr uint32_t grow_by = 4096;  // flow slots
 
@@ -267,6 +267,14 @@ void ledger::note(uint32_t kernel_table, const entry_key &key) {
 void ledger::forget_recent() {
     for (recent_key &place : map_->recent) {
         place.kernel_table = 0;
+    }
+}
+
+void ledger::add_boundary(const boundary_slot &boundary) {
+    const uint32_t place = map_->head.boundaries;
+    if (place < boundaries_max) {
+        map_->boundaries[place] = boundary;
+        publish(map_->head.boundaries, place + 1);
     }
 }
 

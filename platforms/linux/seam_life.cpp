@@ -62,6 +62,7 @@ cerrno start_owner(void *evm) {
         return failed;
     }
     self().run = book().next_stamp();
+    publish_boundaries();  // none yet: the program says them again
     self().resynced = ledger_is_empty();
     self().now = seconds_now();
     return 0;
