@@ -106,15 +106,6 @@ void take_tables(run &r) {
     }
 }
 
-void drop_table_of_slot(uint32_t slot) {
-    table *t = nullptr;
-    if (ensure_table(book().table(slot).tid, &t) == 0) {
-        drop_table(t);
-    } else {
-        book().drop_table(slot);
-    }
-}
-
 void drop_unknown_tables(run &r) {
     for (uint32_t slot = 0; slot < tables_max; ++slot) {
         const table_slot &held = book().table(slot);
@@ -123,7 +114,7 @@ void drop_unknown_tables(run &r) {
         }
         const ipv4mc_table_st *record = ip6mc_table_lookup_by_tbl_id(held.tid);
         if (record == nullptr || record->active == 0) {
-            drop_table_of_slot(slot);
+            drop_ledger_table(slot);
             ++r.counts.removed;
         }
     }

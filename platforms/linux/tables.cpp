@@ -8,6 +8,7 @@
 #include "platforms/linux/interfaces.h"
 #include "platforms/linux/life.h"
 #include "platforms/linux/links.h"
+#include "platforms/linux/local_copies.h"
 #include "platforms/linux/messages.h"
 #include "platforms/linux/netlink.h"
 
@@ -188,7 +189,11 @@ void move_mif(table &t, uint32_t mif, lacking_fn changed) {
     if (link == 0 || noted(add_to_kernel(t, mif)) != 0) {
         return;
     }
-    if (m.ifindex != 0 && m.lacking != 0) {
+    if (m.ifindex == 0) {
+        return;
+    }
+    renew_local_copies(t, mif);
+    if (m.lacking != 0) {
         m.lacking = 0;
         changed(t, mif);
     }
@@ -278,6 +283,7 @@ void drop_table(table *t) {
         }
     }
     drop_flows_of(t->kernel_table);
+    forget_local_copies_of(*t);
     (void)noted(kernel_end_table(t->fd));
     book().drop_table(t->slot);
     release_socket(t->kernel_table, t->fd);
@@ -286,6 +292,24 @@ void drop_table(table *t) {
         i->taken_tid = i->taken_tid == t->tid ? 0 : i->taken_tid;
     }
     *t = live.all[--live.count];
+}
+
+void drop_ledger_tables() {
+    for (uint32_t slot = 0; slot < tables_max; ++slot) {
+        drop_ledger_table(slot);
+    }
+}
+
+void drop_ledger_table(uint32_t slot) {
+    if (book().table(slot).kernel_table == 0) {
+        return;
+    }
+    table *t = nullptr;
+    if (ensure_table(book().table(slot).tid, &t) == 0) {
+        drop_table(t);
+    } else {
+        book().drop_table(slot);
+    }
 }
 
 void leave_tables() {
@@ -431,7 +455,10 @@ cerrno settle_interface(uint32_t ifh) {
     }
     const uint32_t wanted = i->set_tid != 0 ? i->set_tid : i->enabled_tid;
     if (i->taken_tid == wanted) {
-        return 0;
+        // A link that came later than it was told of has a name, and so a rule, only now.
+        table *there = wanted != 0 ? find_table(wanted) : nullptr;
+        const uint32_t mif = there != nullptr ? mif_of(*there, ifh) : no_mif;
+        return mif != no_mif ? rule_mif(*there, mif) : 0;
     }
     if (table *before = find_table(i->taken_tid); before != nullptr) {
         give_mif(*before, mif_of(*before, ifh));

@@ -39,6 +39,10 @@ cerrno ensure_table(uint32_t tid, table **out);
 // Takes everything out of the kernel and ends the table.
 void drop_table(table *t);
 
+// The same for a table of the ledger, which may be of an earlier owner; and for all of them.
+void drop_ledger_table(uint32_t slot);
+void drop_ledger_tables();
+
 // Ends all tables in this process; the kernel's side and the ledger stay, as far as somebody else
 // holds the sockets.
 void leave_tables();
