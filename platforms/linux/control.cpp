@@ -54,12 +54,6 @@ bool table_is_there(uint32_t tid) {
     return record != nullptr && record->active != 0 && ensure_table(tid, &t) == 0;
 }
 
-void reprogram_all() {
-    for (uint32_t n = 0; self().resynced && table_at(n) != nullptr; ++n) {
-        reprogram_table(*table_at(n), no_mif);
-    }
-}
-
 }  // namespace
 
 uint32_t linux_kernel_table(uint32_t tid) {

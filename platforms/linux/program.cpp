@@ -298,6 +298,12 @@ void reprogram_table(table &t, uint32_t mif) {
     turn_held_flows(t);
 }
 
+void reprogram_all() {
+    for (uint32_t n = 0; self().resynced && table_at(n) != nullptr; ++n) {
+        reprogram_table(*table_at(n), no_mif);
+    }
+}
+
 void recall_entry(table &t, ipv4mc_route_entry_st &route) {
     if (has_entry(t, route)) {
         count_entry(t, extension(route).outputs, 1);

@@ -203,15 +203,6 @@ void remove_suspects_without_owner(run &r) {
     }
 }
 
-uint32_t mif_of_link(const table &t, uint32_t link) {
-    for (uint32_t mif = 0; link != 0 && mif < mifs_of_table; ++mif) {
-        if (mif_at(t, mif).state != mif_free && mif_at(t, mif).ifindex == link) {
-            return mif;
-        }
-    }
-    return no_mif;
-}
-
 struct stray_context {
     table *t;
     uint64_t removed;

@@ -89,15 +89,6 @@ uint32_t free_mif(const table &t) {
     return no_mif;
 }
 
-uint32_t mif_of_link(const table &t, uint32_t link) {
-    for (uint32_t mif = 0; link != 0 && mif < mifs_of_table; ++mif) {
-        if (mif_at(t, mif).state == mif_interface && mif_at(t, mif).ifindex == link) {
-            return mif;
-        }
-    }
-    return no_mif;
-}
-
 // Puts a mif into the kernel that the ledger has already. A link that went meanwhile is absent.
 cerrno add_to_kernel(const table &t, uint32_t mif) {
     mif_slot &m = mif_at(t, mif);
@@ -326,6 +317,15 @@ cerrno flush_table(table &t) {
     const cerrno failed = noted(kernel_flush(t.fd));
     const cerrno restored = restore_mifs(t);
     return failed != 0 ? failed : restored;
+}
+
+uint32_t mif_of_link(const table &t, uint32_t link) {
+    for (uint32_t mif = 0; link != 0 && mif < mifs_of_table; ++mif) {
+        if (mif_at(t, mif).state == mif_interface && mif_at(t, mif).ifindex == link) {
+            return mif;
+        }
+    }
+    return no_mif;
 }
 
 uint32_t mif_of(const table &t, uint32_t ifh) {

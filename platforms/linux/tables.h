@@ -52,6 +52,9 @@ cerrno flush_table(table &t);
 
 // ---- interfaces ----
 
+// The mif that a link is, no_mif for none and for link 0.
+uint32_t mif_of_link(const table &t, uint32_t link);
+
 // The mif of an interface, no_mif when it has none in this table.
 uint32_t mif_of(const table &t, uint32_t ifh);
 
