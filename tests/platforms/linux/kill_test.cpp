@@ -25,7 +25,6 @@ using bed::F;
 using bed::key;
 
 constexpr uint32_t red = 100;
-constexpr uint32_t links = 6;
 
 // The keeper's side: sockets that exist before the owners do, and stay.
 class held_sockets {
