@@ -186,6 +186,18 @@ cerrno shmwin_get_processes(uint32_t id, shmwin_process *list, uint32_t room, ui
     return 0;
 }
 
+cerrno shmwin_get_mutex_deaths(uint32_t id, uint32_t *deaths) {
+    const open_window *w = find(id);
+    if (w == nullptr) {
+        return SHMWIN_ERR_BAD_ID;
+    }
+    if (deaths == nullptr) {
+        return EINVAL;
+    }
+    *deaths = journal::observe(w->super->window_mutex.deaths);
+    return 0;
+}
+
 cerrno shmwin_get_opening(uint32_t id, shmwin_opening *opening) {
     const open_window *w = find(id);
     if (w == nullptr) {

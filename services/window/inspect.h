@@ -50,6 +50,9 @@ typedef struct shmwin_process {
 MFWD6_EXPORT cerrno shmwin_get_processes(uint32_t id, shmwin_process *list, uint32_t room,
                                          uint32_t *count);
 
+// How often the window mutex was left behind by a holder that died.
+MFWD6_EXPORT cerrno shmwin_get_mutex_deaths(uint32_t id, uint32_t *deaths);
+
 // How shmwin_open_win found the window.
 #define SHMWIN_FOUND_NEW 0U       // it was made, or a half-made one was made anew
 #define SHMWIN_FOUND_CLEAN 1U     // every log was empty

@@ -135,6 +135,8 @@ POINTER_GATE(rn_root_t, rn_tree_init_v2,
              (uint32_t key, uint32_t length, rn_destructor_fn destructor, rn_alloc_fn allocator,
               int mode),
              (key, length, destructor, allocator, mode))
+POINTER_GATE(avl_node, avl_insert, (avl_tree * root, avl_node *node, tree_compare_fn compare),
+             (root, node, compare))
 
 static kit::gate<decltype(&ip6mc_gtrie_platform_init)> gate_trie_init("ip6mc_gtrie_platform_init");
 extern "C" void *ip6mc_gtrie_platform_init(const ip6mc_gtrie_params_t *params, cerrno *error) {
