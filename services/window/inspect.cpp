@@ -45,7 +45,7 @@ class walk {
                 slab(at, s);
                 return 1;
             case span_kind::large:
-                show({&s, at, 0, true});
+                show({&s, at, 0, !is_held(w_, at, 0)});
                 return std::max(s.length, 1U);
             case span_kind::free:
                 show({&s, at, 0, false});
@@ -60,7 +60,8 @@ class walk {
         const uint32_t slots = slots_of(s.cls % class_count);
         for (uint32_t slot = 0; slot < slots && !ended_; ++slot) {
             const uint64_t bits = journal::observe(s.bits[slot / 64]);
-            show({&s, at, slot, ((bits >> (slot % 64)) & 1U) != 0});
+            const bool taken = ((bits >> (slot % 64)) & 1U) != 0;
+            show({&s, at, slot, taken && !is_held(w_, at, slot)});
         }
     }
 

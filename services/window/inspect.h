@@ -21,7 +21,7 @@ MFWD6_EXPORT cerrno shmwin_get_usage(uint32_t id, shmwin_usage *usage);
 typedef struct shmwin_block {
     void *address;      // as shmwin_malloc gave it
     size_t size;        // bytes handed out, not less than what was asked for
-    int live;           // 0 for free memory
+    int live;           // 0 for free memory, also while readers keep it from reuse
     uint64_t words[4];  // the first 32 bytes of a live block, so that callers see their guard
 } shmwin_block;
 
