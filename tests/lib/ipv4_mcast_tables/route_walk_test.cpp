@@ -104,8 +104,8 @@ TEST_P(RouteWalk, ATrieThatFailsIsReported) {
     EXPECT_EQ(ip6mc_route_next(five, route), nullptr);
     const std::string code = cerr_strerror(GTRIE_E_BAD_HANDLE);
     EXPECT_EQ(heard.errors(),
-              (texts{"0x5(): Cannot find the first leaf for (*,::/0): " + code,
-                     "Error getting successor of (2000::1,ff00::1/256) table 0x5(): " + code}));
+              (texts{"0x5(red): Cannot find the first leaf for (*,::/0): " + code,
+                     "Error getting successor of (2000::1,ff00::1/256) table 0x5(red): " + code}));
     five->ingress_gtrie = trie;
 }
 

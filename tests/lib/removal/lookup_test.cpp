@@ -178,7 +178,7 @@ TEST_F(Lookup, ParentOfARouteThatDoesNotInheritIsReportedAndSearched) {
     forget();
     EXPECT_EQ(ip6mc_get_parent_IF_route(table, exact, &parent, 0), 0U);
     EXPECT_EQ(parent, above);
-    EXPECT_EQ(errors(), texts{"0xe0000005(): (2001:db8::1,ff3e::1/256) does NOT have IA flag"});
+    EXPECT_EQ(errors(), texts{"0xe0000005(red): (2001:db8::1,ff3e::1/256) does NOT have IA flag"});
 }
 
 TEST_F(Lookup, TheOldParentCountsWithoutTheFlagOnRequest) {

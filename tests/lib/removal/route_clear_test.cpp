@@ -176,7 +176,7 @@ TEST_F(RouteClear, ListsAndTheirMarksGo) {
     EXPECT_TRUE(has_text(
         heard.lines(IPV4_DEBUG_DEV),
         "0xe0000005: Removed (2001:db8::1,ff3e::1/256) a:0x40010000 from mdt candidate list"));
-    EXPECT_TRUE(has_text(heard.lines(IPV4_DEBUG_DEV), "a:0x40000000 from MoFRR upd list"));
+    EXPECT_TRUE(has_text(heard.lines(IPV4_DEBUG_DEV), "a:0x0 from MoFRR upd list"));
     heads[IPMC_ROUTE_LIST_MDT_CAND] = route;
     route->mdt_candidate = 1;
     forget();

@@ -458,7 +458,8 @@ TEST_F(RouteDelete, TheLastFailureIsTheResultAndStopsNothing) {
     forget();
     EXPECT_EQ(ip6mc_route_delete_all(table, 0, 0, 0, &spared), 72U);
     EXPECT_EQ(table->rate_route_count, 2);
-    EXPECT_TRUE(has_text(errors(), "Cannot delete (2001:db8::1,ff3e::2/256) from 0xe0000005() : "));
+    EXPECT_TRUE(
+        has_text(errors(), "Cannot delete (2001:db8::1,ff3e::2/256) from 0xe0000005(red) : "));
     EXPECT_EQ(ip6mc_route_delete_all(table, 0, 0, 0, &spared), 0U);
 }
 
