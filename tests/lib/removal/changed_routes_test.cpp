@@ -1,5 +1,7 @@
 #include <pthread.h>
 
+#include <thread>
+
 #include "tests/kit/child.h"
 #include "tests/lib/removal/rig.h"
 
@@ -93,6 +95,18 @@ TEST_F(ChangedRoutes, OnlyTheFirstWakesTheReader) {
     hdr->changed_route_wake = 0;
     ip6mc_mark_route_changed(r[1]);
     EXPECT_EQ(hdr->changed_route_wake, 0);
+}
+
+TEST_F(ChangedRoutes, AWakeUpThatCannotBeMadeIsToldAndTheChangeStands) {
+    pthread_mutex_t *mutex = &rig::header()->changed_route_mutex;
+    // Held by a thread that is gone, and given up by one that did not mend it.
+    std::thread([mutex] { pthread_mutex_lock(mutex); }).join();
+    ASSERT_EQ(pthread_mutex_lock(mutex), EOWNERDEAD);
+    pthread_mutex_unlock(mutex);
+    EXPECT_EQ(ip6mc_mark_route_changed(r[0]), 0U);
+    EXPECT_EQ(errors(), texts{"pthread_cond_signal failed [0x83] : " +
+                              std::string(cerr_strerror(ENOTRECOVERABLE))});
+    EXPECT_EQ(listed(), list{r[0]});
 }
 
 namespace {
