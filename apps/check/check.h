@@ -36,13 +36,13 @@ namespace mfwd6::check {
 
 struct options {
     // Others change the window meanwhile: a finding is reported only when `rounds` walks in a row
-    // find it, and so is an orphan. Counts of a moving window agree by chance only; those that go on
-    // moving are left out. `pause_ms` lies between two walks.
+    // find it, and so is an orphan. Counts of a moving window agree by chance only; those that go
+    // on moving are left out. `pause_ms` lies between two walks.
     bool live = false;
     uint32_t rounds = 4;
     uint32_t pause_ms = 20;
 
-    // Findings beyond this many are counted, not kept.
+    // Findings beyond this many are counted, not kept; leftovers likewise.
     size_t most_findings = 1000;
 };
 
@@ -76,12 +76,19 @@ struct report {
     std::vector<finding> findings;
     uint64_t more_findings = 0;  // that were not kept
 
+    // What the death of an owner in the middle of an operation may leave, and what goes with the
+    // record: counts that are one too high, routes that were made and never committed, ... No
+    // faults.
+    std::vector<finding> leftovers;
+    uint64_t more_leftovers = 0;
+
     std::vector<orphan> orphans;
     std::array<blocks_of_type, IPMC_SHMWIN_ALLOC_TYPES> blocks{};
 
     // Search keys of processes lie in the window and nothing leads to them. As many as processes
     // have the window open may be theirs; they are no orphans, the rest are.
     uint64_t search_keys = 0;
+    std::vector<orphan> keys;
 
     // How many records of each kind were walked, by the name that findings use.
     std::map<std::string, uint64_t> walked;
