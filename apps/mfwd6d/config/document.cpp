@@ -83,8 +83,6 @@ bool collector::take(const line &l, const place &where, uint32_t) {
     if (l.kind == line_kind::empty) {
         return true;
     }
-    out_.text += line_text(l);
-    out_.text += '\n';
     switch (l.kind) {
         case line_kind::vrf:
             return take_vrf(l, where);
@@ -129,8 +127,8 @@ bool collector::take_vrf(const line &l, const place &where) {
     const auto [at, is_new] = out_.vrfs.try_emplace(std::string(l.vrf));
     vrf_wish &vrf = at->second;
     if (!is_new && vrf.table_id != l.table_id) {
-        return fail(where, "VRF " + at->first + " has another table already (" +
-                               vrf.where.text() + ")");
+        return fail(where,
+                    "VRF " + at->first + " has another table already (" + vrf.where.text() + ")");
     }
     if (is_new) {
         for (const auto &[name, other] : out_.vrfs) {
@@ -226,8 +224,8 @@ bool route_key::operator==(const route_key &other) const {
 size_t route_key_hash::operator()(const route_key &key) const {
     size_t hash = std::hash<std::string_view>()(key.vrf) + key.group.length;
     const auto add = [&hash](const ip_maddr_st &address) {
-        hash = hash * 31 + std::hash<std::string_view>()(
-                               {reinterpret_cast<const char *>(address.bytes), 16});
+        hash = hash * 31 +
+               std::hash<std::string_view>()({reinterpret_cast<const char *>(address.bytes), 16});
     };
     add(key.source);
     add(key.group.address);
@@ -240,6 +238,64 @@ std::string place::text() const {
 
 route_key key_of(const line &l) {
     return {std::string(l.vrf), l.source.address, l.group};
+}
+
+std::string route_line(const route_key &key, const route_wish &wish) {
+    line l;
+    l.kind = line_kind::mroute;
+    l.vrf = key.vrf;
+    l.flags = wish.flags;
+    l.from = {wish.from.begin(), wish.from.end()};
+    l.to = {wish.to.begin(), wish.to.end()};
+    if (!is_any(key.source)) {
+        l.source = {key.source, 128};
+    }
+    l.group = key.group;
+    return line_text(l);
+}
+
+std::string vrf_line(const std::string &name, const vrf_wish &wish) {
+    line l;
+    l.kind = line_kind::vrf;
+    l.vrf = name;
+    l.table_id = wish.table_id;
+    l.to = {wish.interfaces.begin(), wish.interfaces.end()};
+    return line_text(l);
+}
+
+std::string interface_lines(const std::string &name, const interface_wish &wish) {
+    line l;
+    l.from = {name};
+    std::string text;
+    if (wish.enabled != switch_word::none || wish.ttl != 0) {
+        l.kind = line_kind::phyint;
+        l.enabled = wish.enabled;
+        l.ttl = wish.ttl;
+        text += line_text(l) + "\n";
+    }
+    l.kind = line_kind::boundary;
+    for (const prefix &p : wish.boundary) {
+        l.group = p;
+        text += line_text(l) + "\n";
+    }
+    return text;
+}
+
+std::string document_text(const document &d) {
+    std::string text;
+    for (const auto &[name, wish] : d.vrfs) {
+        text += vrf_line(name, wish) + "\n";
+    }
+    for (const auto &[name, wish] : d.interfaces) {
+        text += interface_lines(name, wish);
+    }
+    for (const std::string &join : d.joins) {
+        text += join + "\n";
+    }
+    for (const auto &[key, wish] : d.routes) {
+        text += route_line(key, wish) + "\n";
+    }
+    return text;
 }
 
 bool read_document(const std::string &path, const file_reader &reader, document *out,

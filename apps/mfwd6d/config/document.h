@@ -65,8 +65,6 @@ struct document {
     std::map<std::string, interface_wish> interfaces;
     std::set<std::string> joins;  // mgroup lines, in line_text form
     std::unordered_map<route_key, route_wish, route_key_hash> routes;
-    std::string text;  // all lines but comments and includes, one behind the other: parse_document
-                       // of it gives the same document
     std::vector<std::string> warnings;
 };
 
@@ -94,6 +92,13 @@ bool parse_document(std::string_view text, const std::string &name, document *ou
 
 // The key of a route line.
 route_key key_of(const line &l);
+
+// A text of which parse_document makes the same document, and one of its routes.
+std::string document_text(const document &d);
+std::string route_line(const route_key &key, const route_wish &wish);
+std::string vrf_line(const std::string &name, const vrf_wish &wish);
+// The phyint line, if there is something to say, and those of the boundary.
+std::string interface_lines(const std::string &name, const interface_wish &wish);
 
 }  // namespace mfwd6::config
 

@@ -14,6 +14,7 @@
 #define MFWD6_APPS_MFWD6D_CONFIG_LINE_H
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -53,6 +54,11 @@ enum class switch_word : uint8_t { none, enable, disable };
 struct prefix {
     ip_maddr_st address{};  // the bits behind `length` are 0
     uint8_t length = 0;     // 0 to 128
+
+    bool operator==(const prefix &other) const {
+        return length == other.length &&
+               std::memcmp(address.bytes, other.address.bytes, sizeof(address.bytes)) == 0;
+    }
 };
 
 // Texts are parts of the text that was parsed.
