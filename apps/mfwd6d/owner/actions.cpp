@@ -231,7 +231,8 @@ outcome owner_process::change_output(const json &args, bool add) {
     }
     ++commands_;
     // As `no` the line need not name where packets come from.
-    outcome o = parse("no " + route_text_of(args, "interfaces", false), &line_);
+    const std::string text = "no " + route_text_of(args, "interfaces", false);
+    outcome o = parse(text, &line_);  // has parts of the text
     if (o.failed()) {
         return o;
     }
@@ -267,7 +268,8 @@ outcome owner_process::set_interface(const json &args) {
         request.sets_boundary = true;
         for (const std::string &prefix : words_of(args, "boundary")) {
             config::line l;
-            outcome o = parse("boundary x group " + prefix, &l);
+            const std::string text = "boundary x group " + prefix;
+            outcome o = parse(text, &l);
             if (o.failed()) {
                 return o;
             }
