@@ -140,8 +140,15 @@ void tell_window(const std::string &dir, std::string *text) {
     const mfwd6::check::report report = mfwd6::check::check_window(options);
     for (const mfwd6::check::finding &f : report.findings)
         *text += "!" + mfwd6::check::to_string(f) + "\n";
-    for (const mfwd6::check::orphan &o : report.orphans)
-        *text += "!orphan of type " + mfwd6::check::type_name(o.type) + "\n";
+    for (const mfwd6::check::finding &f : report.leftovers)
+        *text += "!" + mfwd6::check::to_string(f) + "\n";
+    // The key of its table searches is what a killed owner may leave, and nothing else.
+    for (const mfwd6::check::orphan &o : report.orphans) {
+        if (o.type == IPMC_SHMWIN_ALLOC_AVL && o.bytes == sizeof(ipv4mc_table_st))
+            *text += "?\n";
+        else
+            *text += "!orphan of type " + mfwd6::check::type_name(o.type) + "\n";
+    }
 }
 
 }  // namespace
@@ -405,7 +412,9 @@ view look(const folder &dir) {
     for (size_t from = 0, end = 0; (end = text.find('\n', from)) != std::string::npos;
          from = end + 1) {
         std::string line = text.substr(from, end - from);
-        if (line[0] == '!')
+        if (line[0] == '?')
+            ++seen.search_keys;
+        else if (line[0] == '!')
             seen.faults.push_back(line.substr(1));
         else
             seen.routes.insert(std::move(line));

@@ -117,6 +117,7 @@ pid_t owner_pid(const folder &dir);
 struct view {
     std::multiset<std::string> routes;
     std::vector<std::string> faults;
+    uint32_t search_keys = 0;  // of killed owners
 };
 view look(const folder &dir);
 

@@ -174,6 +174,7 @@ TEST(Keeper, FiftyKillsUnderLoadLoseNothing) {
     const bed::view seen = bed::look(dir);
     load.compare(seen.routes);
     EXPECT_EQ(seen.faults, std::vector<std::string>());
+    EXPECT_LE(seen.search_keys, kills + 2U);
     printf("%lu commands acknowledged, %lu connections lost, %zu routes at the end\n",
            load.acknowledged.load(), load.ends, seen.routes.size());
     EXPECT_GT(load.acknowledged, 1000U);
