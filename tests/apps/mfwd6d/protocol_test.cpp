@@ -232,7 +232,7 @@ TEST_F(Protocol, AnswersComeInTheOrderOfRequests) {
     std::thread sender([&] { c.send(requests); });
     for (int n = 0; n < count; ++n) {
         const json answer = json::parse(c.receive());
-        ASSERT_EQ(answer["id"], "q" + std::to_string(n));
+        ASSERT_EQ(answer["id"], std::string("q").append(std::to_string(n)));
         ASSERT_EQ(answer["code"], n % 3 == 1 ? EINVAL : 0);
     }
     sender.join();
