@@ -153,10 +153,6 @@ cerrno ledger::open_owner(const char *folder) {
     if (map_->head.magic == 0) {
         map_->head.version = ledger_version;
         map_->head.layout = ledger_layout;
-        // Epochs begin where no record of an earlier ledger can have one.
-        timespec now = {};
-        (void)clock_gettime(CLOCK_REALTIME, &now);
-        map_->head.last_epoch = static_cast<uint32_t>(now.tv_sec) << 4;
         std::atomic_signal_fence(std::memory_order_seq_cst);
         map_->head.magic = ledger_magic;
     }
@@ -240,7 +236,18 @@ void ledger::drop_table(uint32_t slot) {
 }
 
 void ledger::begin_epoch(uint32_t slot) {
-    table(slot).epoch = ++map_->head.last_epoch;
+    table(slot).epoch = next_stamp();
+}
+
+// Time in steps of 32 ns: a ledger that was lost had smaller ones, and records may have them.
+uint64_t ledger::next_stamp() {
+    timespec now = {};
+    (void)clock_gettime(CLOCK_REALTIME, &now);
+    const uint64_t stamp =
+        (static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec)) >> 5;
+    uint64_t &last = map_->head.last_stamp;
+    last = stamp > last ? stamp : last + 1;
+    return last;
 }
 
 // ---- recent keys --------------------------------------------------------------------------------

@@ -40,8 +40,7 @@ static_assert(sizeof(mif_slot) == 32);
 struct table_slot {
     uint32_t kernel_table;  // 0: free
     uint32_t tid;
-    uint32_t epoch;  // of the kernel's state: a new one whenever it began empty
-    uint32_t reserved;
+    uint64_t epoch;  // of the kernel's state: a new one whenever it began empty
     mif_slot mifs[mifs_of_table];
 };
 
@@ -82,11 +81,11 @@ struct ledger_head {
     uint32_t version;
     uint32_t layout;   // sizes, as one number
     uint32_t retired;  // 1: another file has taken its place
-    uint32_t last_epoch;
+    uint32_t reserved;
+    uint64_t last_stamp;
     uint32_t recent_next;
     uint32_t flow_room;  // slots that the file really has
     uint32_t flow_used;  // slots ever taken: none beyond
-    uint32_t reserved;
 };
 
 struct ledger_map {
@@ -120,8 +119,8 @@ class ledger {
     // A new epoch for a table whose kernel side is empty.
     void begin_epoch(uint32_t slot);
 
-    // A number that no earlier start had; never 0.
-    uint32_t next_run() { return ++map_->head.last_epoch; }
+    // A number that nobody had before, with this ledger or another one; below 2^56, never 0.
+    uint64_t next_stamp();
 
     // ---- recent keys ----
     void note(uint32_t kernel_table, const entry_key &key);

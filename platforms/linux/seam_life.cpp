@@ -61,7 +61,7 @@ cerrno start_owner(void *evm) {
         book().close();
         return failed;
     }
-    self().run = book().next_run();
+    self().run = book().next_stamp();
     self().resynced = ledger_is_empty();
     self().now = seconds_now();
     return 0;
