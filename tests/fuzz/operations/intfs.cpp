@@ -203,9 +203,10 @@ void world::clear_pending_intf(input &in) {
     }
 }
 
-void world::drop_pending_intf(route &r) {
+// False when the hardware kept it: it is to be tried again.
+bool world::drop_pending_intf(route &r) {
     if (r.pending == nullptr) {
-        return;
+        return true;
     }
     note("clear interface %u/%u of %s", r.pending->id.type, r.pending->ifh, r.key.text().c_str());
     intf &entry = *r.pending;
@@ -218,6 +219,7 @@ void world::drop_pending_intf(route &r) {
     }
     expect_equal(call(IPV4MC_ACTION_CLEAR, r, key, &record, intf_arg, nullptr, 0, 1), wanted,
                  "result of an interface CLEAR");
+    return wanted == 0;
 }
 
 // References of callers on interfaces, and the ways to find one.

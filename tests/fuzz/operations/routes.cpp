@@ -171,7 +171,9 @@ void world::delete_route(input &in) {
     if (r == nullptr) {
         return;
     }
-    drop_pending_intf(*r);
+    if (!drop_pending_intf(*r)) {
+        return;
+    }
     const uint64_t old = r->attributes;
     if ((shape & 0x10) != 0) {
         r->attributes = r->record->attributes = old & ~uint64_t{MRIB_ROUTE_IF};
@@ -191,7 +193,9 @@ void world::clear_route(input &in) {
     if (r == nullptr) {
         return;
     }
-    drop_pending_intf(*r);
+    if (!drop_pending_intf(*r)) {
+        return;
+    }
     note("clear route %s", r->key.text().c_str());
     const uint64_t old = r->attributes;
     model_clear(*r);
@@ -216,7 +220,6 @@ void world::delete_all_routes(input &in) {
     if (table == nullptr) {
         return;
     }
-    give_up_pending(*table);
     const bool keep = (shape & 1) != 0;
     note("delete all routes of 0x%x%s", table->tid, keep ? " but those marked" : "");
     uint32_t wanted_kept = 0;
@@ -235,7 +238,6 @@ void world::walk_and_delete(input &in) {
     if (table == nullptr) {
         return;
     }
-    give_up_pending(*table);
     struct walk {
         uint8_t choice;
         unsigned seen;
@@ -443,6 +445,7 @@ cerrno world::model_commit_new(route &r) {
         r.parent = parent_of(r, false);
     }
     if (const cerrno rc = model_program(r, true); rc != 0) {
+        r.parent = nullptr;
         return rc;
     }
     auto owned = r.table->pending.extract(r.key.id());

@@ -239,7 +239,7 @@ void world::look_up_signal(input &in) {
     // The first of all, of a group, of a key.
     const ip_maddr_st none{};
     const bool any_source = (shape & 1) != 0;
-    const bool any_group = any_source && (shape & 2) != 0;
+    const bool any_group = any_source && ((shape & 2) != 0 || is_wildcard(key.group));
     const signal *first = nullptr;
     for (const auto &each : table->signals) {
         const bool fits = any_group || (any_source ? named_key{each.first.group, none, 128}.id() ==

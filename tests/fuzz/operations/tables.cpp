@@ -37,6 +37,13 @@ bool makes_what_is_missing(ipv4mc_action_type action) {
 // ---- the calls
 // -----------------------------------------------------------------------------------
 
+void world::make_tables() {
+    for (size_t n = 0; n < tables; ++n) {
+        perform(
+            {IPV4MC_ACTION_ACTIVATE, tids[n], vrf_ids[n], vrf_names[n], true, nullptr, nullptr, 0});
+    }
+}
+
 void world::operate_on_table(input &in) {
     const uint8_t shape = in.byte();
     table_request asked{usual_actions[shape % std::size(usual_actions)],
@@ -209,6 +216,9 @@ world::table_answer world::model_existing(table_request &asked) {
             const bool keep = asked.action == IPV4MC_ACTION_CLEAR_ROUTES;
             if (asked.tid_side->has_tries) {
                 model_delete_all(*asked.tid_side, keep, &kept);
+                if (asked.action == IPV4MC_ACTION_DELETE) {
+                    model_remove_rest(*asked.tid_side);
+                }
             }
             if (keep && kept != 0) {
                 return {0, false, nullptr, nullptr};
@@ -250,6 +260,18 @@ world::table_answer world::model_existing(table_request &asked) {
     }
 }
 
+// A table takes all with it, also what its hardware would not let go.
+void world::model_remove_rest(tid_table &table) {
+    while (!table.routes.empty()) {
+        route &r = *table.routes.begin()->second;
+        model_clear(r);
+        model_delete(r, r.attributes);
+    }
+    while (!table.signals.empty()) {
+        model_remove_all_signals(table);
+    }
+}
+
 world::table_answer world::model_missing(table_request &asked) {
     const bool wants_vrf = asked.vrf_id != 0 || !asked.name.empty();
     const bool emptied = asked.vrf_side == nullptr && wants_vrf;
@@ -284,9 +306,16 @@ world::table_answer world::model_missing(table_request &asked) {
     return {rc, true, nullptr, asked.vrf_side};
 }
 
+// A key that another record has is not taken.
 void world::take_keys(vrf_table &vrf, const std::string &name, uint32_t vrf_id) {
-    vrf.name = vrf.name.empty() ? name : vrf.name;
-    vrf.vrf_id = vrf.vrf_id == 0 ? vrf_id : vrf.vrf_id;
+    bool name_is_free = true;
+    bool id_is_free = true;
+    for (const auto &other : vrfs_) {
+        name_is_free = name_is_free && other->name != name;
+        id_is_free = id_is_free && other->vrf_id != vrf_id;
+    }
+    vrf.name = vrf.name.empty() && name_is_free ? name : vrf.name;
+    vrf.vrf_id = vrf.vrf_id == 0 && id_is_free ? vrf_id : vrf.vrf_id;
 }
 
 bool world::model_create(table_request &asked, bool *vrf_is_new) {
@@ -381,7 +410,7 @@ cerrno world::model_deactivate(table_request &asked) {
             vrf_table &vrf = *asked.vrf_side;
             vrf.prev_tid = vrf.tid_side != nullptr ? vrf.tid_side->tid : vrf.prev_tid;
             vrf.active = false;
-            vrf.vrf_id = 0;
+            vrf.vrf_id = vrf.name.empty() ? vrf.vrf_id : 0;
             cut(&vrf);
         }
         if (tid_active) {

@@ -83,6 +83,9 @@ void run(input &in) {
     forget_notes();
     const uint8_t shape = in.byte();
     world w({(shape & 1) != 0, (shape & 2) != 0});
+    if ((shape & 8) == 0) {
+        w.make_tables();
+    }
     for (size_t n = 0; n < most_operations && !in.empty(); ++n) {
         w.step(in);
     }

@@ -26,6 +26,9 @@ class world {
     world(const world &) = delete;
     world &operator=(const world &) = delete;
 
+    // Both tables with both sides, as most inputs begin.
+    void make_tables();
+
     // One operation, and the comparison behind it.
     void step(input &in);
 
@@ -58,6 +61,7 @@ class world {
     table_answer model_table(table_request asked);
     table_answer model_existing(table_request &asked);
     table_answer model_missing(table_request &asked);
+    void model_remove_rest(tid_table &table);
     cerrno model_switch(const table_request &asked);
     cerrno model_accounting_walk(tid_table &table, ipv4mc_action_type action);
     void model_rate_walk(tid_table &table, bool on);
@@ -118,7 +122,7 @@ class world {
     void lock_interface(input &in);
     cerrno make_intf(route &r, const named_intf &named, uint32_t intf_arg);
     void commit_intf(route &r, uint64_t attributes, uint32_t intf_arg, bool give_idb);
-    void drop_pending_intf(route &r);
+    bool drop_pending_intf(route &r);
     cerrno model_create_intf(route &r, const named_intf &named, uint32_t intf_arg,
                              std::unique_ptr<intf> *made);
     cerrno model_commit_new_intf(route &r, uint32_t intf_arg);

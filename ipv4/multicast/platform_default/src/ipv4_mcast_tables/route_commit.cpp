@@ -153,6 +153,10 @@ cerrno commit_new(const route_request &request) {
     if (rc == 0) {
         rc = program_new(request);
     }
+    if (rc != 0) {
+        // Nobody tells a detached leaf that its parent goes.
+        store((*request.route_entry)->IF_parent, nullptr);
+    }
     if (rc == 0) {
         rc = publish(request);
     }

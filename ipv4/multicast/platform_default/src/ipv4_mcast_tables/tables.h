@@ -8,8 +8,9 @@
 // The process's search key for tables by id.
 extern ipv4mc_table_st *table_search;
 
-// Insertion and removal under the write lock. A failure is reported; the caller is not told.
-void ipmc_table_add_wavl(ipv4mc_table_st *table, uint32_t thread);
+// Insertion and removal under the write lock. A failure is reported. An insertion is refused (false)
+// where another table has the key.
+bool ipmc_table_add_wavl(ipv4mc_table_st *table, uint32_t thread);
 void ipmc_table_rem_wavl(ipv4mc_table_st *table, uint32_t thread);
 void ipmc_table_add_avl(ipv4mc_table_st *table);
 void ipmc_table_rem_avl(ipv4mc_table_st *table);
@@ -19,7 +20,8 @@ int ipmc_table_create(const char *vrf_name, uint32_t tid, uint32_t vrf_id,
                       ipv4mc_table_st **vrf_table, int *vrf_is_new, ipv4mc_table_st **tid_table,
                       int *tid_is_new);
 
-// Gives a VRF table the keys that it lacks, and puts it into their threads.
+// Gives a VRF table the keys that it lacks, and puts it into their threads. It goes without a key
+// that another table has.
 void ipmc_table_take_vrf_keys(ipv4mc_table_st *table, const char *vrf_name, uint32_t vrf_id);
 
 void ipmc_table_zero_route_counters(ipv4mc_table_st *table);
@@ -48,6 +50,10 @@ cerrno ipmc_table_deactivate(table_request &request);
 // Ends what links a table with its other side, on both sides: a link that only one of the two knew
 // of would outlive the other's record.
 void ipmc_table_cut_links(ipv4mc_table_st *table);
+
+// Ends the routes and signals that the bulk removal left, ahead of the table's own end: routes with
+// an interface that the platform would not let go, and signal routes with several interfaces.
+void ipmc_table_remove_rest(ipv4mc_table_st *table);
 
 // Takes the keys of a VRF table away, and with them its places in the trees.
 void ipmc_table_drop_vrf_keys(ipv4mc_table_st *table);
