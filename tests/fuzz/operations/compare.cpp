@@ -57,7 +57,7 @@ void world::compare_tables() {
     size_t named = 0;
     size_t numbered = 0;
     for (const auto &vrf : vrfs_) {
-        named += vrf->name.empty() ? 0 : 1;
+        named += vrf->found_by_name ? 1 : 0;
         numbered += vrf->vrf_id == 0 ? 0 : 1;
         const ipv4mc_table_st *record = vrf->record;
         if (record == nullptr) {

@@ -92,6 +92,7 @@ struct signal {
 struct vrf_table {
     ipv4mc_table_st *record;
     std::string name;
+    bool found_by_name = false;  // not when another has the name
     uint32_t vrf_id = 0;
     bool active = false;
     tid_table *tid_side = nullptr;

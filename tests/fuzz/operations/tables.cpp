@@ -108,7 +108,7 @@ void world::delete_all_tables() {
     const auto first_named = [&] {
         vrf_table *first = nullptr;
         for (const auto &vrf : vrfs_) {
-            if (!vrf->name.empty() && (first == nullptr || vrf->name < first->name)) {
+            if (vrf->found_by_name && (first == nullptr || vrf->name < first->name)) {
                 first = vrf.get();
             }
         }
@@ -159,7 +159,7 @@ vrf_table *world::find_vrf(uint32_t vrf_id, const std::string &name) {
         }
     }
     for (const auto &vrf : vrfs_) {
-        if (!name.empty() && vrf->name == name) {
+        if (!name.empty() && vrf->found_by_name && vrf->name == name) {
             return vrf_id != 0 && vrf->vrf_id != 0 ? nullptr : vrf.get();
         }
     }
@@ -306,16 +306,15 @@ world::table_answer world::model_missing(table_request &asked) {
     return {rc, true, nullptr, asked.vrf_side};
 }
 
-// A key that another record has is not taken.
+// Of two records with one name the first is found by it.
 void world::take_keys(vrf_table &vrf, const std::string &name, uint32_t vrf_id) {
-    bool name_is_free = true;
-    bool id_is_free = true;
-    for (const auto &other : vrfs_) {
-        name_is_free = name_is_free && other->name != name;
-        id_is_free = id_is_free && other->vrf_id != vrf_id;
+    if (vrf.name.empty() && !name.empty()) {
+        vrf.found_by_name = std::none_of(vrfs_.begin(), vrfs_.end(), [&](const auto &other) {
+            return other->found_by_name && other->name == name;
+        });
+        vrf.name = name;
     }
-    vrf.name = vrf.name.empty() && name_is_free ? name : vrf.name;
-    vrf.vrf_id = vrf.vrf_id == 0 && id_is_free ? vrf_id : vrf.vrf_id;
+    vrf.vrf_id = vrf.vrf_id == 0 ? vrf_id : vrf.vrf_id;
 }
 
 bool world::model_create(table_request &asked, bool *vrf_is_new) {
@@ -353,6 +352,7 @@ cerrno world::model_activate(table_request &asked) {
                              asked.name.empty() ? vrf->name : asked.name);
             if (rc != 0) {
                 vrf->name.clear();
+                vrf->found_by_name = false;
                 vrf->vrf_id = 0;
                 return rc;
             }
@@ -410,7 +410,7 @@ cerrno world::model_deactivate(table_request &asked) {
             vrf_table &vrf = *asked.vrf_side;
             vrf.prev_tid = vrf.tid_side != nullptr ? vrf.tid_side->tid : vrf.prev_tid;
             vrf.active = false;
-            vrf.vrf_id = vrf.name.empty() ? vrf.vrf_id : 0;
+            vrf.vrf_id = vrf.found_by_name ? 0 : vrf.vrf_id;
             cut(&vrf);
         }
         if (tid_active) {

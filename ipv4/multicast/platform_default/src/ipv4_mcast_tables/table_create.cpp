@@ -195,23 +195,18 @@ void ipmc_table_zero_route_counters(ipv4mc_table_st *table) {
     }
 }
 
-// A table stands in a thread exactly when it has that key, so the key and the insertion are one
-// change, and a key that the thread refuses is not taken. Two records of one VRF come about when it
-// was activated by name and, once deactivated, by its id alone.
+// A table stands in a thread only when it has that key, so the key and the insertion are one
+// change.
 void ipmc_table_take_vrf_keys(ipv4mc_table_st *table, const char *vrf_name, uint32_t vrf_id) {
     const group change;
     if (vrf_name[0] != '\0' && table->vrf_name[0] == '\0') {
         mfwd6::journal::save(table->vrf_name[0]);
         sstrncpy(table->vrf_name, vrf_name, sizeof(table->vrf_name));
-        if (!ipmc_table_add_wavl(table, IPV4MC_TABLE_THREAD_NAME)) {
-            store(table->vrf_name[0], '\0');
-        }
+        ipmc_table_add_wavl(table, IPV4MC_TABLE_THREAD_NAME);
     }
     if (vrf_id != 0 && table->vrf_id == 0) {
         store(table->vrf_id, vrf_id);
-        if (!ipmc_table_add_wavl(table, IPV4MC_TABLE_THREAD_VRF_ID)) {
-            store(table->vrf_id, 0U);
-        }
+        ipmc_table_add_wavl(table, IPV4MC_TABLE_THREAD_VRF_ID);
     }
 }
 

@@ -8,8 +8,8 @@
 // The process's search key for tables by id.
 extern ipv4mc_table_st *table_search;
 
-// Insertion and removal under the write lock. A failure is reported. An insertion is refused (false)
-// where another table has the key.
+// Insertion and removal under the write lock. A failure is reported. An insertion is refused
+// (false) where another table has the key.
 bool ipmc_table_add_wavl(ipv4mc_table_st *table, uint32_t thread);
 void ipmc_table_rem_wavl(ipv4mc_table_st *table, uint32_t thread);
 void ipmc_table_add_avl(ipv4mc_table_st *table);
@@ -20,8 +20,7 @@ int ipmc_table_create(const char *vrf_name, uint32_t tid, uint32_t vrf_id,
                       ipv4mc_table_st **vrf_table, int *vrf_is_new, ipv4mc_table_st **tid_table,
                       int *tid_is_new);
 
-// Gives a VRF table the keys that it lacks, and puts it into their threads. It goes without a key
-// that another table has.
+// Gives a VRF table the keys that it lacks, and puts it into their threads.
 void ipmc_table_take_vrf_keys(ipv4mc_table_st *table, const char *vrf_name, uint32_t vrf_id);
 
 void ipmc_table_zero_route_counters(ipv4mc_table_st *table);

@@ -144,15 +144,15 @@ void *multicast_table_wrapper_for_shm_wavl_get_next(const wavl_tree *tree, const
 
 }  // extern "C"
 
-bool ipmc_table_add_wavl(ipv4mc_table_st *table, uint32_t thread) {
+void ipmc_table_add_wavl(ipv4mc_table_st *table, uint32_t thread) {
     if (table == nullptr) {
         MLIB_ERR("Tbl add wavl : Null table ptr");
-        return false;
+        return;
     }
     void *node = ip6mc_tbl_db2wavl(table);
     if (node == nullptr) {
         MLIB_ERR("Tbl add wavl : Null wavl node");
-        return false;
+        return;
     }
     void *inserted = nullptr;
     {
@@ -162,11 +162,10 @@ bool ipmc_table_add_wavl(ipv4mc_table_st *table, uint32_t thread) {
     if (inserted == nullptr) {
         MLIB_ERR("Tbl add wavl failed for %s/vid:0x%x, type 0x%x", table_name_text(table->vrf_name),
                  table->vrf_id, table->table_type);
-        return false;
+        return;
     }
     MLIB_DEBUG(IPV4_DEBUG_EV, "Tbl add wavl done for %s/vid:0x%x, type 0x%x",
                table_name_text(table->vrf_name), table->vrf_id, table->table_type);
-    return true;
 }
 
 void ipmc_table_rem_wavl(ipv4mc_table_st *table, uint32_t thread) {
