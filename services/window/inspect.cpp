@@ -31,12 +31,18 @@ class walk {
         : w_(w), with_free_(with_free), visit_(visit), context_(context) {}
 
     void run() {
-        for (uint32_t at = 0; !ended_ && at < journal::observe(w_.super->heap.top);) {
+        for (uint32_t at = 0; !ended_ && at < end();) {
             at += span_at(at);
         }
     }
 
   private:
+    // A damaged window may say anything: nothing is read where there is no memory.
+    uint32_t end() const {
+        const heap_state &h = w_.super->heap;
+        return std::min({journal::observe(h.top), journal::observe(h.committed), h.span_count});
+    }
+
     // Visits the blocks of the run that begins at `at`; gives its length.
     uint32_t span_at(uint32_t at) {
         span &s = w_.spans[at];
@@ -45,22 +51,27 @@ class walk {
                 slab(at, s);
                 return 1;
             case span_kind::large:
-                show({&s, at, 0, true});
-                return std::max(s.length, 1U);
+                show({&s, at, 0, !is_held(w_, at, 0)});
+                return run_length(s);
             case span_kind::free:
                 show({&s, at, 0, false});
-                return std::max(s.length, 1U);
+                return run_length(s);
             case span_kind::none:
                 break;
         }
         return 1;
     }
 
+    uint32_t run_length(const span &s) const {
+        return std::clamp(journal::observe(s.length), 1U, w_.super->heap.span_count);
+    }
+
     void slab(uint32_t at, span &s) {
         const uint32_t slots = slots_of(s.cls % class_count);
         for (uint32_t slot = 0; slot < slots && !ended_; ++slot) {
             const uint64_t bits = journal::observe(s.bits[slot / 64]);
-            show({&s, at, slot, ((bits >> (slot % 64)) & 1U) != 0});
+            const bool taken = ((bits >> (slot % 64)) & 1U) != 0;
+            show({&s, at, slot, taken && !is_held(w_, at, slot)});
         }
     }
 
@@ -183,6 +194,18 @@ cerrno shmwin_get_processes(uint32_t id, shmwin_process *list, uint32_t room, ui
         ++n;
     }
     *count = n;
+    return 0;
+}
+
+cerrno shmwin_get_mutex_deaths(uint32_t id, uint32_t *deaths) {
+    const open_window *w = find(id);
+    if (w == nullptr) {
+        return SHMWIN_ERR_BAD_ID;
+    }
+    if (deaths == nullptr) {
+        return EINVAL;
+    }
+    *deaths = journal::observe(w->super->window_mutex.deaths);
     return 0;
 }
 
