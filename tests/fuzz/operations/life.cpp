@@ -76,10 +76,17 @@ void start_process() {
     start_library();
 }
 
-void check_nothing_left() {
-    static const auto at_first = kit::live_blocks();
+void check_window() {
     for (const std::string &fault : kit::window_faults()) {
         complain("window: %s", fault.c_str());
+    }
+}
+
+void check_nothing_left() {
+    static const auto at_first = kit::live_blocks();
+    check_window();
+    for (const std::string &left : kit::window_leftovers()) {
+        complain("left in the window: %s", left.c_str());
     }
     const auto now = kit::live_blocks();
     for (uint32_t type = 0; type < IPMC_SHMWIN_ALLOC_TYPES; ++type) {
@@ -140,6 +147,20 @@ void world::not_ready(input &in) {
         EBADF, "DELETE while not ready");
     expect_equal(ip6mc_table_delete_all(0), EBADF, "deletion of all tables while not ready");
     sim_set_state(IPV4MC_PLATFORM_STATE_READY);
+}
+
+bool world::is_in_the_middle() const {
+    for (const auto &table : tids_) {
+        for (const auto &each : table.second->routes) {
+            if (each.second->pending != nullptr) {
+                return true;
+            }
+        }
+        if (!table.second->pending.empty()) {
+            return true;
+        }
+    }
+    return false;
 }
 
 void world::end(bool interfaces_first) {

@@ -10,6 +10,7 @@ namespace fuzz {
 namespace {
 
 constexpr size_t most_operations = 80;
+constexpr size_t operations_between_checks = 4;  // of the whole window, which take their time
 
 }  // namespace
 
@@ -88,6 +89,9 @@ void run(input &in) {
     }
     for (size_t n = 0; n < most_operations && !in.empty(); ++n) {
         w.step(in);
+        if (n % operations_between_checks == 0 && !w.is_in_the_middle()) {
+            check_window();
+        }
     }
     w.end((shape & 4) != 0);
 }

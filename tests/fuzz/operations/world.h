@@ -32,6 +32,9 @@ class world {
     // One operation, and the comparison behind it.
     void step(input &in);
 
+    // Something is between its CREATE and its COMMIT.
+    bool is_in_the_middle() const;
+
     // Takes all away again, in one of two orders, and compares: nothing may be left.
     void end(bool interfaces_first);
 
@@ -192,6 +195,9 @@ class world {
 
 // The library of this process, started at the first call on a window that all inputs use in turn.
 void start_process();
+
+// The proof of the whole window (apps/check).
+void check_window();
 
 // Blocks of each type that live in the window between two inputs, and a complaint where they are
 // more than at the first call.

@@ -8,9 +8,8 @@
 // The process's search key for tables by id.
 extern ipv4mc_table_st *table_search;
 
-// Insertion and removal under the write lock. A failure is reported. An insertion is refused
-// (false) where another table has the key.
-bool ipmc_table_add_wavl(ipv4mc_table_st *table, uint32_t thread);
+// Insertion and removal under the write lock. A failure is reported; the caller is not told.
+void ipmc_table_add_wavl(ipv4mc_table_st *table, uint32_t thread);
 void ipmc_table_rem_wavl(ipv4mc_table_st *table, uint32_t thread);
 void ipmc_table_add_avl(ipv4mc_table_st *table);
 void ipmc_table_rem_avl(ipv4mc_table_st *table);
