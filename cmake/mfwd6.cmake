@@ -14,6 +14,10 @@ if(MFWD6_SANITIZE)
   target_compile_options(mfwd6_flags INTERFACE -fsanitize=${MFWD6_SANITIZE} -fno-sanitize-recover=all)
   target_link_options(mfwd6_flags INTERFACE -fsanitize=${MFWD6_SANITIZE})
 endif()
+if(MFWD6_FUZZ)
+  target_compile_options(mfwd6_flags INTERFACE -fsanitize=fuzzer-no-link)
+  target_link_options(mfwd6_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 
 # What ships: no exceptions, no run-time type information.
 add_library(mfwd6_core_flags INTERFACE)
