@@ -32,12 +32,18 @@ class walk {
         : w_(w), with_free_(with_free), visit_(visit), context_(context) {}
 
     void run() {
-        for (uint32_t at = 0; !ended_ && at < journal::observe(w_.super->heap.top);) {
+        for (uint32_t at = 0; !ended_ && at < end();) {
             at += span_at(at);
         }
     }
 
   private:
+    // A damaged window may say anything: nothing is read where there is no memory.
+    uint32_t end() const {
+        const heap_state &h = w_.super->heap;
+        return std::min({journal::observe(h.top), journal::observe(h.committed), h.span_count});
+    }
+
     // Visits the blocks of the run that begins at `at`; gives its length.
     uint32_t span_at(uint32_t at) {
         span &s = w_.spans[at];
@@ -47,14 +53,18 @@ class walk {
                 return 1;
             case span_kind::large:
                 show({&s, at, 0, true});
-                return std::max(s.length, 1U);
+                return run_length(s);
             case span_kind::free:
                 show({&s, at, 0, false});
-                return std::max(s.length, 1U);
+                return run_length(s);
             case span_kind::none:
                 break;
         }
         return 1;
+    }
+
+    uint32_t run_length(const span &s) const {
+        return std::clamp(journal::observe(s.length), 1U, w_.super->heap.span_count);
     }
 
     void slab(uint32_t at, span &s) {
