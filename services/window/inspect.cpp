@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "services/locks/lock_word.h"
 #include "services/window/heap.h"
 #include "services/window/setup.h"
 #include "services/window/window_table.h"
@@ -88,6 +89,19 @@ class walk {
     void *context_;
     bool ended_ = false;
 };
+
+shmwin_lock_state lock_state(const char *name, const locks::robust_mutex &m) {
+    const uint64_t word = journal::observe(m.word);
+    shmwin_lock_state state = {};
+    state.name = name;
+    state.address = &m.word;
+    state.peer = locks::word::peer_of(word);
+    state.thread = locks::word::thread_of(word);
+    state.depth = state.peer != 0 ? journal::observe(m.depth) : 0;
+    state.deaths = journal::observe(m.deaths);
+    state.contended = (word & locks::word::waiting) != 0 ? 1 : 0;
+    return state;
+}
 
 uint64_t limit_bytes(const heap_state &h) {
     const uint32_t spans = h.limit != 0 ? std::min(h.limit, h.span_count) : h.span_count;
@@ -206,6 +220,22 @@ cerrno shmwin_get_mutex_deaths(uint32_t id, uint32_t *deaths) {
         return EINVAL;
     }
     *deaths = journal::observe(w->super->window_mutex.deaths);
+    return 0;
+}
+
+cerrno shmwin_get_locks(uint32_t id, shmwin_lock_state *list) {
+    const open_window *w = find(id);
+    if (w == nullptr) {
+        return SHMWIN_ERR_BAD_ID;
+    }
+    if (list == nullptr) {
+        return EINVAL;
+    }
+    const superblock &s = *w->super;
+    list[0] = lock_state("allocator", s.allocator_lock);
+    list[1] = lock_state("recovery", s.recovery_lock);
+    list[2] = lock_state("window", s.window_mutex);
+    list[3] = lock_state("packet client", s.packet_mutex);
     return 0;
 }
 
