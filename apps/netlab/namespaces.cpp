@@ -48,8 +48,8 @@ std::string enter_user_namespace() {
         return std::string("neither root nor an unprivileged user namespace: unshare says ") +
                std::strerror(errno);
     }
-    if (!write_file("/proc/self/setgroups", "deny") ||
-        !write_file("/proc/self/uid_map", uid_map) || !write_file("/proc/self/gid_map", gid_map)) {
+    if (!write_file("/proc/self/setgroups", "deny") || !write_file("/proc/self/uid_map", uid_map) ||
+        !write_file("/proc/self/gid_map", gid_map)) {
         return std::string("cannot map the user into a user namespace: ") + std::strerror(errno);
     }
     return "";

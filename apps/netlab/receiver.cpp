@@ -7,11 +7,11 @@
 #include <netinet/ip6.h>
 #include <netinet/udp.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -19,41 +19,15 @@
 namespace netlab {
 namespace {
 
-constexpr size_t batch = 64;
-constexpr size_t largest = 2048;
+constexpr uint32_t frame_bytes = 512;  // a packet is cut to it; what counts lies in front
+constexpr uint32_t block_bytes = 1 << 20;
+constexpr uint32_t blocks = 16;
+constexpr uint32_t frames = block_bytes / frame_bytes * blocks;
 constexpr int poll_ms = 20;
 constexpr uint64_t most_sequence = 100000000;
 
-int open_tap(const host &at) {
-    int fd = -1;
-    at.space.inside([&] {
-        const int room = 64 << 20;
-        const int on = 1;
-        sockaddr_ll where = {};
-        where.sll_family = AF_PACKET;
-        where.sll_protocol = htons(ETH_P_IPV6);
-        where.sll_ifindex = static_cast<int>(if_nametoindex("eth0"));
-        fd = socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof(room)) != 0 ||
-            setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof(on)) != 0 ||
-            setsockopt(fd, SOL_PACKET, PACKET_IGNORE_OUTGOING, &on, sizeof(on)) != 0 ||
-            bind(fd, reinterpret_cast<sockaddr *>(&where), sizeof(where)) != 0) {
-            throw std::runtime_error("cannot listen at " + at.name + ": " + std::strerror(errno));
-        }
-    });
-    return fd;
-}
-
-uint64_t arrival_of(msghdr *message) {
-    for (cmsghdr *c = CMSG_FIRSTHDR(message); c != nullptr; c = CMSG_NXTHDR(message, c)) {
-        if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SO_TIMESTAMPNS) {
-            timespec ts = {};
-            std::memcpy(&ts, CMSG_DATA(c), sizeof(ts));
-            return static_cast<uint64_t>(ts.tv_sec) * 1000000000U +
-                   static_cast<uint64_t>(ts.tv_nsec);
-        }
-    }
-    return now_ns(CLOCK_REALTIME);
+[[noreturn]] void fail(const host &at) {
+    throw std::runtime_error("cannot listen at " + at.name + ": " + std::strerror(errno));
 }
 
 void count(stream_report *s, const payload &p, uint64_t arrival_ns) {
@@ -110,50 +84,84 @@ uint32_t stream_report::latency(unsigned percent) const {
     return sorted[std::min(sorted.size() - 1, sorted.size() * percent / 100)];
 }
 
-receiver::receiver(const host &at) : at_(at), fd_(open_tap(at)), thread_([this] { run(); }) {}
+receiver::tap::tap(const host &at) {
+    const int version = TPACKET_V2;
+    const int on = 1;
+    const tpacket_req size = {block_bytes, blocks, frame_bytes, frames};
+    sockaddr_ll where = {};
+    where.sll_family = AF_PACKET;
+    where.sll_protocol = htons(ETH_P_IPV6);
+    at.space.inside([&] {
+        where.sll_ifindex = static_cast<int>(if_nametoindex("eth0"));
+        fd = socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    });
+    if (fd < 0 || setsockopt(fd, SOL_PACKET, PACKET_VERSION, &version, sizeof(version)) != 0 ||
+        setsockopt(fd, SOL_PACKET, PACKET_RX_RING, &size, sizeof(size)) != 0 ||
+        setsockopt(fd, SOL_PACKET, PACKET_IGNORE_OUTGOING, &on, sizeof(on)) != 0) {
+        fail(at);
+    }
+    void *const memory =
+        mmap(nullptr, size_t{block_bytes} * blocks, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (memory == MAP_FAILED) {
+        fail(at);
+    }
+    ring = static_cast<uint8_t *>(memory);
+    if (bind(fd, reinterpret_cast<sockaddr *>(&where), sizeof(where)) != 0) {
+        fail(at);
+    }
+}
+
+receiver::tap::~tap() {
+    munmap(ring, size_t{block_bytes} * blocks);
+    close(fd);
+}
+
+receiver::receiver(const host &at)
+    : at_(at), tap_(std::make_unique<tap>(at)), thread_([this] { run(); }) {}
 
 receiver::~receiver() {
     stopping_ = true;
     thread_.join();
-    close(fd_);
 }
 
 void receiver::reopen() {
-    const int fresh = open_tap(at_);
+    auto fresh = std::make_unique<tap>(at_);
     const std::lock_guard hold(mutex_);
-    const int old = fd_.exchange(fresh);
-    close(old);
+    take_all();
+    tap_.swap(fresh);
 }
 
 void receiver::run() {
-    std::vector<std::array<uint8_t, largest>> packets(batch);
-    std::vector<std::array<char, 64>> controls(batch);
-    std::vector<iovec> parts(batch);
-    std::vector<mmsghdr> messages(batch);
     while (!stopping_) {
-        pollfd ready = {fd_, POLLIN, 0};
-        if (poll(&ready, 1, poll_ms) <= 0) {
-            continue;
+        int fd = -1;
+        {
+            const std::lock_guard hold(mutex_);
+            take_all();
+            fd = tap_->fd;
         }
-        for (size_t i = 0; i < batch; ++i) {
-            parts[i] = {packets[i].data(), largest};
-            messages[i] = {};
-            messages[i].msg_hdr.msg_iov = &parts[i];
-            messages[i].msg_hdr.msg_iovlen = 1;
-            messages[i].msg_hdr.msg_control = controls[i].data();
-            messages[i].msg_hdr.msg_controllen = controls[i].size();
+        // The wait is short, so it does not matter that `fd` may have been closed meanwhile.
+        pollfd ready = {fd, POLLIN, 0};
+        poll(&ready, 1, poll_ms);
+    }
+}
+
+void receiver::take_all() {
+    for (;;) {
+        uint8_t *const frame = tap_->ring + size_t{tap_->next} * frame_bytes;
+        auto *const head = reinterpret_cast<tpacket2_hdr *>(frame);
+        std::atomic_ref<__u32> status(head->tp_status);
+        if ((status.load(std::memory_order_acquire) & TP_STATUS_USER) == 0) {
+            break;
         }
-        const std::lock_guard hold(mutex_);
-        const int n = recvmmsg(fd_, messages.data(), batch, MSG_DONTWAIT, nullptr);
-        for (int i = 0; i < n; ++i) {
-            mmsghdr &m = messages[static_cast<size_t>(i)];
-            take(packets[static_cast<size_t>(i)].data(), m.msg_len, arrival_of(&m.msg_hdr));
-        }
-        tpacket_stats lost = {};
-        socklen_t size = sizeof(lost);
-        if (getsockopt(fd_, SOL_PACKET, PACKET_STATISTICS, &lost, &size) == 0) {
-            overrun_.fetch_add(lost.tp_drops, std::memory_order_release);
-        }
+        take(frame + head->tp_net, head->tp_snaplen,
+             uint64_t{head->tp_sec} * 1000000000U + head->tp_nsec);
+        status.store(TP_STATUS_KERNEL, std::memory_order_release);
+        tap_->next = (tap_->next + 1) % frames;
+    }
+    tpacket_stats lost = {};
+    socklen_t size = sizeof(lost);
+    if (getsockopt(tap_->fd, SOL_PACKET, PACKET_STATISTICS, &lost, &size) == 0) {
+        overrun_.fetch_add(lost.tp_drops, std::memory_order_release);
     }
 }
 

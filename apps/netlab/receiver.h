@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -25,7 +26,7 @@ struct stream_report {
     uint64_t late = 0;        // arrived behind a later one
     uint64_t first = 0;       // lowest and highest sequence number
     uint64_t last = 0;
-    uint64_t longest_gap_ns = 0;  // between two arrivals
+    uint64_t longest_gap_ns = 0;    // between two arrivals
     uint64_t first_arrival_ns = 0;  // CLOCK_REALTIME
     uint64_t last_arrival_ns = 0;
     uint8_t hop_limit = 0;             // of the last packet
@@ -65,11 +66,25 @@ class receiver {
 
   private:
     void run();
+    void take_all();
     void take(const uint8_t *packet, size_t size, uint64_t arrival_ns);
 
+    // A packet socket with a ring that the kernel fills: of memory that no socket limit counts, so
+    // that it is large for every user.
+    struct tap {
+        explicit tap(const host &at);
+        ~tap();
+        tap(const tap &) = delete;
+        tap &operator=(const tap &) = delete;
+
+        int fd = -1;
+        uint8_t *ring = nullptr;
+        uint32_t next = 0;  // frame that the kernel fills next
+    };
+
     const host &at_;
-    std::atomic<int> fd_{-1};
     mutable std::mutex mutex_;
+    std::unique_ptr<tap> tap_;
     std::map<uint32_t, stream_report> streams_;
     std::atomic<uint64_t> overrun_{0};
     std::atomic<bool> stopping_{false};

@@ -31,7 +31,7 @@ int open_socket(const std::string &source, const std::string &group) {
     const int freebind = 1;
     const int fd = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0 || setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &hop_limit, sizeof(int)) != 0 ||
-        setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) != 0 ||
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof(room)) != 0 ||
         setsockopt(fd, IPPROTO_IPV6, IPV6_FREEBIND, &freebind, sizeof(int)) != 0 ||
         bind(fd, reinterpret_cast<sockaddr *>(&from), sizeof(from)) != 0 ||
         connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof(to)) != 0) {
@@ -130,8 +130,7 @@ void sender::send_some(uint64_t packets) {
     }
     uint64_t done = 0;
     while (done < packets) {
-        const int n =
-            sendmmsg(fd_, &messages[done], static_cast<unsigned>(packets - done), 0);
+        const int n = sendmmsg(fd_, &messages[done], static_cast<unsigned>(packets - done), 0);
         if (n > 0) {
             done += static_cast<uint64_t>(n);
             sent_.store(first - 1 + done, std::memory_order_release);
