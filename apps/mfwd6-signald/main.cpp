@@ -55,9 +55,7 @@ class packet_path {
         }
         for (size_t i = fixed; i < list.size(); ++i) {
             if (list[i].revents != 0) {
-                tables_.read(list[i].fd, [this](const linux_flow &flow, const uint8_t *, size_t) {
-                    take(flow);
-                });
+                tables_.read(list[i].fd, [this](const auto &...report) { take(report...); });
             }
         }
         forwarder_.flush();
@@ -69,12 +67,12 @@ class packet_path {
         }
     }
 
-    void take(const linux_flow &flow) {
+    void take(const linux_flow &flow, const uint8_t *packet, size_t packet_bytes) {
         // A copy of a packet that was forwarded as well: there is nothing to answer.
         if (flow.report != LINUX_REPORT_PACKET) {
             forwarder_.forward(flow);
         }
-        post_->take(flow);
+        post_->take(flow, packet, packet_bytes);
     }
 
     void hear_keeper() {
@@ -110,8 +108,10 @@ class packet_path {
         const poster_counts c = post_->counts();
         say("reports %lu (%lu times too many at once), forwarded %lu, dropped %lu",
             tables_.reports(), tables_.overruns(), forwarder_.forwarded(), forwarder_.dropped());
-        say("signals posted %lu, there already %lu, not wanted %lu, failed %lu, dropped %lu",
-            c.posted, c.there, c.unwanted, c.failed, c.dropped);
+        say("signals posted %lu, there already %lu, not wanted %lu, failed %lu, dropped %lu; "
+            "packets "
+            "kept %lu",
+            c.posted, c.there, c.unwanted, c.failed, c.dropped, c.packets);
     }
 
     void tell_of_drops() {

@@ -1,16 +1,22 @@
 #include "apps/mfwd6-signald/poster.h"
 
+#include <sys/eventfd.h>
+#include <sys/poll.h>
+#include <unistd.h>
+
 #include <chrono>
 
 #include "apps/mfwd6-signald/log.h"
+#include "ipv4/multicast/lib/ip6mc_locks.h"
 #include "ipv4/multicast/lib/ip6mc_signal.h"
 #include "ipv4/multicast/lib/ip6mc_table.h"
+#include "services/diag/errors.h"
 
 namespace mfwd6::signald {
 namespace {
 
 constexpr size_t room = 4096;
-constexpr auto idle_wait = std::chrono::milliseconds(200);
+constexpr int idle_ms = 200;
 constexpr auto attach_wait = std::chrono::milliseconds(10);
 constexpr uint64_t ms = 1000000;
 constexpr uint64_t ask_interval_ns = 10 * ms;
@@ -28,18 +34,78 @@ uint64_t now() {
     return static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
 }
 
+// The signal route, or null. The window mutex is held.
+ipv4mc_route_entry_st *find_signal(const ipv4mc_table_st *table, const linux_flow &flow) {
+    uint8_t key[GTRIE_PREFIX_BYTES] = {};
+    uint32_t length = IPV4MC_ROUTE_PFX_LEN_SG;
+    cerrno code = ip6mc_gtrie_make_prefix(table->signal_gtrie, key, &flow.source, &flow.group);
+    code = code != 0 ? code : ip6mc_gtrie_get_pfx_len_adjusted(table->signal_gtrie, &length);
+    return code != 0 ? nullptr
+                     : static_cast<ipv4mc_route_entry_st *>(
+                           ip6mc_gtrie_lookup_exact(table->signal_gtrie, key, length, &code));
+}
+
+// Names the packet in the signal route if it names none. True if it does now.
+bool name_packet(const ipv4mc_table_st *table, const linux_flow &flow, void *handle) {
+    if (ip6mc_shmwin_mutex_lock(__func__, __LINE__) != 0) {
+        return false;
+    }
+    ipv4mc_route_entry_st *const route = find_signal(table, flow);
+    const bool wanted = route != nullptr && route->preserved_pak == nullptr;
+    if (wanted) {
+        route->preserved_pak = handle;
+        ip6mc_signal_incr_total_pkts_preserved();
+    }
+    ip6mc_shmwin_mutex_unlock();
+    return wanted;
+}
+
 }  // namespace
 
-poster::poster(const std::string &run_dir) : window_(run_dir), run_dir_(run_dir), waiting_(room) {
+poster::poster(const std::string &run_dir)
+    : run_dir_(run_dir),
+      arrived_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      waiting_(room),
+      window_(run_dir) {
+    cerrno code = capture_.open();
+    code = code != 0 ? code : store_.open(run_dir);
+    if (code != 0) {
+        say("packets are not kept with their signals: %s", cerr_strerror(code));
+    }
     std::thread([this] { run(); }).detach();
 }
 
-void poster::take(const linux_flow &flow) {
+void poster::take(const linux_flow &flow, const uint8_t *packet, size_t packet_bytes) {
+    if (repeated(flow)) {
+        return;
+    }
+    entry e = {flow, nullptr};
+    if (packet_bytes > 0) {
+        e.packet = std::make_shared<const std::vector<uint8_t>>(packet, packet + packet_bytes);
+    }
     {
         const std::lock_guard hold(mutex_);
-        waiting_.put(flow);
+        waiting_.put(e);
     }
-    arrived_.notify_one();
+    eventfd_write(arrived_, 1);
+}
+
+// True for a packet of a flow that was taken a moment ago.
+bool poster::repeated(const linux_flow &flow) {
+    if (flow.report != LINUX_REPORT_PACKET) {
+        return false;
+    }
+    if (lately_.size() >= most_remembered) {
+        lately_.clear();
+    }
+    const uint64_t now_ns = now();
+    const std::string key(reinterpret_cast<const char *>(&flow), sizeof(flow));
+    const auto [place, fresh] = lately_.try_emplace(key, now_ns);
+    if (!fresh && now_ns - place->second < repeat_ns) {
+        return true;
+    }
+    place->second = now_ns;
+    return false;
 }
 
 poster_counts poster::counts() const {
@@ -49,18 +115,29 @@ poster_counts poster::counts() const {
     return counts;
 }
 
+void poster::count(uint64_t poster_counts::*what) {
+    const std::lock_guard hold(mutex_);
+    ++(counts_.*what);
+}
+
+// ---- the thread
+
 void poster::run() {
     while (!should_restart()) {
         if (!ready_to_post()) {
             std::this_thread::sleep_for(attach_wait);
             continue;
         }
-        linux_flow flow = {};
-        if (next(&flow)) {
-            window_.quiescent();
-            post(flow);
-            window_.idle();
+        wait();
+        window_.quiescent();
+        entry e;
+        while (next(&e)) {
+            post(e);
         }
+        capture_.read(now(), [this](const linux_flow &flow, const uint8_t *packet, size_t bytes) {
+            keep(flow, packet, bytes);
+        });
+        window_.idle();
     }
 }
 
@@ -89,72 +166,72 @@ bool poster::ready_to_post() {
     return true;
 }
 
-bool poster::next(linux_flow *flow) {
-    std::unique_lock hold(mutex_);
-    if (!arrived_.wait_for(hold, idle_wait, [this] { return !waiting_.empty(); })) {
+// Until a report or a packet is there, or it is time to look after the window.
+void poster::wait() {
+    pollfd list[] = {{arrived_, POLLIN, 0}, {capture_.fd(), POLLIN, 0}};
+    poll(list, 2, idle_ms);
+    eventfd_t ignored = 0;
+    eventfd_read(arrived_, &ignored);
+}
+
+bool poster::next(entry *e) {
+    const std::lock_guard hold(mutex_);
+    if (waiting_.empty()) {
         return false;
     }
-    *flow = waiting_.oldest();
+    *e = waiting_.oldest();
     waiting_.take_oldest();
     return true;
 }
 
-// True for a packet of a flow whose signal was posted or found a moment ago.
-bool poster::repeated(const linux_flow &flow) {
-    if (flow.report != LINUX_REPORT_PACKET) {
-        return false;
-    }
-    if (lately_.size() >= most_remembered) {
-        lately_.clear();
-    }
-    const uint64_t now_ns = now();
-    const std::string key(reinterpret_cast<const char *>(&flow), sizeof(flow));
-    const auto [place, fresh] = lately_.try_emplace(key, now_ns);
-    if (!fresh && now_ns - place->second < repeat_ns) {
-        return true;
-    }
-    place->second = now_ns;
-    return false;
-}
-
-// Which table and interface of the library the report is about.
-bool poster::find_place(const linux_flow &flow, uint32_t *tid, ifhtype *ifh) {
+// What the report is about in the library's words; no table when it is there no more.
+poster::subject poster::find_subject(const linux_flow &flow) {
+    subject where;
+    uint32_t tid = 0;
     for (int attempt = 0; attempt < 2; ++attempt) {
-        cerrno code = linux_mif_handle(flow.kernel_table, flow.mif, ifh);
+        cerrno code = linux_mif_handle(flow.kernel_table, flow.mif, &where.ifh);
+        code = code != 0 ? code : linux_table_tid(flow.kernel_table, &tid);
         if (code == 0) {
-            code = linux_table_tid(flow.kernel_table, tid);
+            where.table = ip6mc_table_lookup_by_tbl_id(tid);
         }
         if (code != ESTALE) {
-            return code == 0;
+            break;
         }
         linux_ledger_attach(run_dir_.c_str());
     }
-    return false;
+    return where;
 }
 
-void poster::post(const linux_flow &flow) {
-    if (repeated(flow)) {
-        return;
+void poster::post(const entry &e) {
+    const subject where = find_subject(e.flow);
+    if (where.table == nullptr) {
+        return count(&poster_counts::failed);
     }
-    uint32_t tid = 0;
-    ifhtype ifh = 0;
-    ipv4mc_table_st *const table =
-        find_place(flow, &tid, &ifh) ? ip6mc_table_lookup_by_tbl_id(tid) : nullptr;
-    uint64_t poster_counts::*outcome = &poster_counts::failed;
-    if (table != nullptr && linux_report_signals(table, &flow, ifh) == 0) {
-        outcome = &poster_counts::unwanted;
-    } else if (table != nullptr) {
-        ipv4mc_route_entry_st *route = nullptr;
-        int is_new = 0;
-        int exists = 0;
-        const cerrno code =
-            ip6mc_signal_add_mutex(table, &flow.source, &flow.group, ifh, &route, &is_new, &exists);
-        if (code == 0) {
-            outcome = exists != 0 ? &poster_counts::there : &poster_counts::posted;
-        }
+    if (linux_report_signals(where.table, &e.flow, where.ifh) == 0) {
+        return count(&poster_counts::unwanted);
     }
-    const std::lock_guard hold(mutex_);
-    ++(counts_.*outcome);
+    ipv4mc_route_entry_st *route = nullptr;
+    int is_new = 0;
+    int exists = 0;
+    const cerrno code = ip6mc_signal_add_mutex(where.table, &e.flow.source, &e.flow.group,
+                                               where.ifh, &route, &is_new, &exists);
+    if (code != 0) {
+        return count(&poster_counts::failed);
+    }
+    count(exists != 0 ? &poster_counts::there : &poster_counts::posted);
+    if (e.packet != nullptr) {
+        keep(e.flow, e.packet->data(), e.packet->size());
+    } else if (is_new != 0) {
+        capture_.want(e.flow, now());
+    }
+}
+
+void poster::keep(const linux_flow &flow, const uint8_t *bytes, size_t size) {
+    const subject where = find_subject(flow);
+    void *const handle = where.table == nullptr ? nullptr : store_.keep(bytes, size);
+    if (handle != nullptr && name_packet(where.table, flow, handle)) {
+        count(&poster_counts::packets);
+    }
 }
 
 }  // namespace mfwd6::signald
