@@ -105,7 +105,7 @@ class demonstration {
         say("      keeper %d, owner %d, packet path %d", router_->keeper(), router_->owner(),
             router_->signald());
         say("   One route for a film, one for every group of a /96:");
-        ctl({"add", "route", "--from", "source", "--to", "one,two", "fd00:1::10", film});
+        ctl({"add", "route", "fd00:1::10", film, "--from", "source", "--to", "one", "two"});
         ctl({"add", "route", "--from", "source", "--to", "one,two,three", "*", "ff3e::9:0:0/96"});
         say("2. The source sends the film with %u packets a second, and news in a group of the "
             "/96.",
@@ -124,7 +124,7 @@ class demonstration {
 
     void add_receiver() {
         say("4. The new owner has everything, so a change takes effect: three sees the film too.");
-        ctl({"add", "output", "--to", "three", "fd00:1::10", film});
+        ctl({"add", "output", "fd00:1::10", film, "three"});
         joined_at_ = film_.sent() + 1;
         watch(2);
     }
@@ -146,7 +146,7 @@ class demonstration {
         pass_time(300ms);
         ctl({"show", "signals"});
         say("   A route for it, and it flows:");
-        ctl({"add", "route", "--from", "source", "--to", "two", "fd00:1::10", surprise});
+        ctl({"add", "route", "fd00:1::10", surprise, "--from", "source", "--to", "two"});
         pass_time(500ms);
         const uint64_t got = receivers_[1]->packets(unknown.stream());
         say("      two has had %lu packets of it", got);
@@ -219,7 +219,7 @@ class demonstration {
     void ctl(const std::vector<std::string> &arguments) {
         std::string words;
         for (const std::string &argument : arguments) {
-            words += argument == "*" ? " '*'" : " " + argument;
+            words += " " + argument;
         }
         say("      $ mfwd6ctl%s", words.c_str());
         const netlab::ended end = router_->ctl(arguments);

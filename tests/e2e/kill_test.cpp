@@ -67,12 +67,12 @@ class Kill : public EndToEnd, public testing::WithParamInterface<victim> {
 
     // Packets that the route with this group has counted, as the operator is shown them.
     uint64_t counted() const {
-        const netlab::ended shown = router_->ctl({"--json", "show", "routes", "--counters"});
+        const netlab::ended shown = router_->ctl({"--json", "show", "routes"});
         EXPECT_EQ(shown.code, 0) << shown.err;
-        const json routes = json::parse(shown.out, nullptr, false);
-        for (const json &route : routes) {
+        const json answer = json::parse(shown.out, nullptr, false);
+        for (const json &route : answer.value("routes", json::array())) {
             if (route.value("group", "") == group) {
-                return route.value("packets", uint64_t{0});
+                return route["counters"].value("packets", uint64_t{0});
             }
         }
         ADD_FAILURE() << "the route is not shown: " << shown.out;
