@@ -10,8 +10,9 @@
 // channel, and a full channel (EAGAIN) means that the owner is away. A report that is lost is no
 // harm: the kernel forgets its flow after ten seconds and reports the next packet anew.
 //
-// A child is ended with SIGTERM, and with SIGTERM too when the keeper dies (PR_SET_PDEATHSIG); it
-// then stops in an orderly way.
+// The packet path is ended with SIGTERM; so are both children when the keeper dies
+// (PR_SET_PDEATHSIG). A child stops in an orderly way then. The owner is told by `stop` when it is
+// to end for good; after a SIGTERM alone it leaves the window as it is.
 //
 // All descriptors handed out are close-on-exec and belong to the caller. Codes are errno values; 0
 // is success.
@@ -34,17 +35,19 @@ inline constexpr char run_dir_variable[] = "MFWD6_RUN_DIR";
 
 // What the keeper tells unasked.
 enum class event_kind : uint32_t {
-    none = 0,        // nothing has arrived
-    table = 1,       // a table's socket is there: told to the packet path only, at its start for
-                     // all, later for each new one
-    table_gone = 2,  // the table is not used any more: close your copies, or it stays alive
-    keeper_gone = 3  // the keeper is not there any more: stop
+    none = 0,         // nothing has arrived
+    table = 1,        // a table's socket is there: told to the packet path only, at its start for
+                      // all, later for each new one
+    table_gone = 2,   // the table is not used any more: close your copies, or it stays alive
+    keeper_gone = 3,  // the keeper is not there any more: stop
+    stop = 4          // told to the owner only: end
 };
 
 struct event {
     event_kind kind = event_kind::none;
     uint32_t kernel_table = 0;
-    int fd = -1;  // table: the copy, the caller's from now on
+    int fd = -1;        // table: the copy, the caller's from now on
+    bool keep = false;  // stop: the window stays as it is
 };
 
 class link {
@@ -77,14 +80,19 @@ class link {
     // The command socket, listening, in the state that it had under the owner before.
     cerrno listener(int *fd);
 
-    // A copy of the socket of a kernel table, on which MRT6_INIT has succeeded. The keeper makes it
-    // at the first call; the packet path is told then. Otherwise what socket(2) or setsockopt(2)
-    // said: EPERM, EADDRINUSE (another program routes multicast in this table), ENOPROTOOPT.
+    // A copy of the socket of a kernel table. The keeper makes it at the first call, a raw ICMPv6
+    // socket as socket(2) made it, and the packet path is told then. Whoever programs the table
+    // makes it the multicast routing socket (MRT6_TABLE, MRT6_INIT): that holds for all copies.
+    // Otherwise what socket(2) said: EPERM.
     cerrno table(uint32_t kernel_table, int *fd);
 
     // The table is not used any more: the keeper closes its copy and tells the packet path. The
     // owner closes its own. 0 also when there is none.
     cerrno release(uint32_t kernel_table);
+
+    // A copy of the n-th of the sockets by which this host joins groups, a UDP socket. The keeper
+    // makes it at the first call; `number` is at most 255.
+    cerrno membership(uint32_t number, int *fd);
 
     // Asks the keeper to end everything: the packet path first, then this process, then itself.
     // With `keep` the keeper stays alone with the sockets, so that the kernel goes on forwarding,

@@ -162,6 +162,11 @@ MFWD6_EXPORT int linux_table_socket(uint32_t kernel_table);
 MFWD6_EXPORT cerrno linux_parse_report(const void *bytes, size_t size, uint32_t kernel_table,
                                        linux_flow *flow);
 
+// The interface that the packet of a report came in by; `table` is the table-id side. Codes as of
+// linux_mif_handle; ENOENT also for a packet that came by none of the table's interfaces.
+MFWD6_EXPORT cerrno linux_report_interface(ipv4mc_table_st *table, const linux_flow *flow,
+                                           ifhtype *ifh);
+
 // 1 when the control plane is to hear of the flow as a signal, 0 when not: nothing matches in
 // `table` (the table-id side), or the route that matches signals packets from this interface. Needs
 // the library started in this process, owner or attached.

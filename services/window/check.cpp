@@ -14,20 +14,26 @@ namespace {
 class checker {
   public:
     checker(const open_window &w, char *why, size_t size)
-        : w_(w), h_(w.super->heap), why_(why), size_(size) {}
+        : w_(w), h_(w.super->heap), why_(why), why_size_(size) {}
 
-    bool run() { return spans() && counts() && partial_lists() && bins(); }
+    bool run() { return size() && spans() && counts() && partial_lists() && bins(); }
 
   private:
     bool fail(const char *text, uint64_t a = 0, uint64_t b = 0) {
         if (why_ != nullptr) {
-            std::snprintf(why_, size_, text, static_cast<unsigned long>(a),
+            std::snprintf(why_, why_size_, text, static_cast<unsigned long>(a),
                           static_cast<unsigned long>(b));
         }
         return false;
     }
 
     static span_kind kind(const span &s) { return static_cast<span_kind>(s.kind); }
+
+    bool size() {
+        return h_.top <= h_.committed && h_.committed <= h_.span_count
+                   ? true
+                   : fail("%lu spans in use of %lu with memory", h_.top, h_.committed);
+    }
 
     bool spans() {
         uint32_t at = 0;
@@ -160,7 +166,7 @@ class checker {
     const open_window &w_;
     const heap_state &h_;
     char *why_;
-    size_t size_;
+    size_t why_size_;
     uint64_t used_ = 0;
     uint32_t listed_slabs_ = 0;
     uint32_t free_runs_ = 0;

@@ -2,7 +2,10 @@
 
 #include <errno.h>
 
+#include <algorithm>
+
 #include "services/window/heap.h"
+#include "services/window/inspect.h"
 #include "services/window/window_table.h"
 
 namespace mfwd6::window {
@@ -111,6 +114,23 @@ void end_oldest(open_window &w, shmwin_final_fn final, void *context) {
         final(block, context);
     } else {
         shmwin_free(block);
+    }
+}
+
+// Calls `visit(chunk)` for each chunk until it gives false. Whoever looks may look at a damaged
+// window: a chunk is a live block that is large enough, and there are no more than their entries
+// need.
+template <class Visit>
+void each_chunk(const open_window &w, Visit visit) {
+    const epoch_state &e = w.super->epochs;
+    uint64_t left = journal::observe(e.count) / deferred_per_chunk + 2;
+    for (const deferred_chunk *c = journal::observe(e.first); c != nullptr && left > 0; --left) {
+        shmwin_block block{};
+        if (shmwin_find_block(c, &block) != 0 || block.address != c || block.size < sizeof(*c) ||
+            !visit(c)) {
+            return;
+        }
+        c = journal::observe(c->next);
     }
 }
 
@@ -227,15 +247,33 @@ cerrno shmwin_each_deferred(uint32_t id, int (*visit)(void *block, void *context
         return EINVAL;
     }
     const epoch_state &e = w->super->epochs;
-    uint32_t at = e.taken;
-    for (const deferred_chunk *c = e.first; c != nullptr; c = c->next, at = 0) {
-        const uint32_t end = c == e.last ? e.filled : deferred_per_chunk;
+    uint32_t at = journal::observe(e.taken);
+    each_chunk(*w, [&](const deferred_chunk *c) {
+        const uint32_t filled =
+            c == journal::observe(e.last) ? journal::observe(e.filled) : deferred_per_chunk;
+        const uint32_t end = std::min(filled, deferred_per_chunk);
         for (; at < end; ++at) {
-            if (visit(reinterpret_cast<void *>(c->entries[at].block), context) != 0) {
-                return 0;
+            void *block = reinterpret_cast<void *>(journal::observe(c->entries[at].block));
+            if (visit(block, context) != 0) {
+                return false;
             }
         }
+        at = 0;
+        return true;
+    });
+    return 0;
+}
+
+cerrno shmwin_each_deferred_list(uint32_t id, int (*visit)(const void *block, void *context),
+                                 void *context) {
+    open_window *w = find(id);
+    if (w == nullptr) {
+        return SHMWIN_ERR_BAD_ID;
     }
+    if (visit == nullptr) {
+        return EINVAL;
+    }
+    each_chunk(*w, [&](const deferred_chunk *c) { return visit(c, context) == 0; });
     return 0;
 }
 

@@ -48,9 +48,16 @@ MFWD6_EXPORT cerrno shmwin_reclaim(uint32_t id, uint32_t most, shmwin_final_fn f
                                    uint32_t *ended);
 
 // Visits every deferred block, oldest first: they are live and reachable from no record. Not beside
-// defer and reclaim, so by the owner's operation thread, or while there is no owner.
+// defer and reclaim, so by the owner's operation thread, or while there is no owner; beside them it
+// ends all the same, and may miss or repeat some.
 MFWD6_EXPORT cerrno shmwin_each_deferred(uint32_t id, int (*visit)(void *block, void *context),
                                          void *context);
+
+// Visits the blocks in which the deferred ones are noted: they belong to this service, have no
+// guard and are freed by it. Follows a link only to a live block; the same conditions as above.
+MFWD6_EXPORT cerrno shmwin_each_deferred_list(uint32_t id,
+                                              int (*visit)(const void *block, void *context),
+                                              void *context);
 
 typedef struct shmwin_epoch_state {
     uint64_t epoch;     // of the window

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "services/locks/lock_word.h"
 #include "services/window/heap.h"
 #include "services/window/setup.h"
 #include "services/window/window_table.h"
@@ -31,12 +32,18 @@ class walk {
         : w_(w), with_free_(with_free), visit_(visit), context_(context) {}
 
     void run() {
-        for (uint32_t at = 0; !ended_ && at < journal::observe(w_.super->heap.top);) {
+        for (uint32_t at = 0; !ended_ && at < end();) {
             at += span_at(at);
         }
     }
 
   private:
+    // A damaged window may say anything: nothing is read where there is no memory.
+    uint32_t end() const {
+        const heap_state &h = w_.super->heap;
+        return std::min({journal::observe(h.top), journal::observe(h.committed), h.span_count});
+    }
+
     // Visits the blocks of the run that begins at `at`; gives its length.
     uint32_t span_at(uint32_t at) {
         span &s = w_.spans[at];
@@ -46,14 +53,18 @@ class walk {
                 return 1;
             case span_kind::large:
                 show({&s, at, 0, true});
-                return std::max(s.length, 1U);
+                return run_length(s);
             case span_kind::free:
                 show({&s, at, 0, false});
-                return std::max(s.length, 1U);
+                return run_length(s);
             case span_kind::none:
                 break;
         }
         return 1;
+    }
+
+    uint32_t run_length(const span &s) const {
+        return std::clamp(journal::observe(s.length), 1U, w_.super->heap.span_count);
     }
 
     void slab(uint32_t at, span &s) {
@@ -77,6 +88,19 @@ class walk {
     void *context_;
     bool ended_ = false;
 };
+
+shmwin_lock_state lock_state(const char *name, const locks::robust_mutex &m) {
+    const uint64_t word = journal::observe(m.word);
+    shmwin_lock_state state = {};
+    state.name = name;
+    state.address = &m.word;
+    state.peer = locks::word::peer_of(word);
+    state.thread = locks::word::thread_of(word);
+    state.depth = state.peer != 0 ? journal::observe(m.depth) : 0;
+    state.deaths = journal::observe(m.deaths);
+    state.contended = (word & locks::word::waiting) != 0 ? 1 : 0;
+    return state;
+}
 
 uint64_t limit_bytes(const heap_state &h) {
     const uint32_t spans = h.limit != 0 ? std::min(h.limit, h.span_count) : h.span_count;
@@ -183,6 +207,22 @@ cerrno shmwin_get_processes(uint32_t id, shmwin_process *list, uint32_t room, ui
         ++n;
     }
     *count = n;
+    return 0;
+}
+
+cerrno shmwin_get_locks(uint32_t id, shmwin_lock_state *list) {
+    const open_window *w = find(id);
+    if (w == nullptr) {
+        return SHMWIN_ERR_BAD_ID;
+    }
+    if (list == nullptr) {
+        return EINVAL;
+    }
+    const superblock &s = *w->super;
+    list[0] = lock_state("allocator", s.allocator_lock);
+    list[1] = lock_state("recovery", s.recovery_lock);
+    list[2] = lock_state("window", s.window_mutex);
+    list[3] = lock_state("packet client", s.packet_mutex);
     return 0;
 }
 

@@ -50,6 +50,22 @@ typedef struct shmwin_process {
 MFWD6_EXPORT cerrno shmwin_get_processes(uint32_t id, shmwin_process *list, uint32_t room,
                                          uint32_t *count);
 
+// The locks of a window.
+typedef struct shmwin_lock_state {
+    const char *name;     // "allocator", "recovery", "window", "packet client"; static
+    const void *address;  // where it lies: the address that its waiters sleep on
+    uint32_t peer;        // holder, as in shmwin_process; 0: nobody
+    uint32_t thread;      // gettid(2) of the holder, 0: nobody
+    uint32_t depth;       // of a recursive hold
+    uint32_t deaths;      // times that it was taken from a dead holder
+    int contended;        // 1: somebody waits, or has waited since it was taken
+} shmwin_lock_state;
+
+#define SHMWIN_LOCKS 4U
+
+// Writes the state of each lock to `list`, which has room for SHMWIN_LOCKS.
+MFWD6_EXPORT cerrno shmwin_get_locks(uint32_t id, shmwin_lock_state *list);
+
 // How shmwin_open_win found the window.
 #define SHMWIN_FOUND_NEW 0U       // it was made, or a half-made one was made anew
 #define SHMWIN_FOUND_CLEAN 1U     // every log was empty

@@ -1,0 +1,48 @@
+#include "platforms/linux/intf_uses.h"
+
+#include "platforms/linux/life.h"
+
+namespace mfwd6::lnx {
+
+namespace {
+
+constexpr mrib_attrib_entry_type uses_mif =
+    MRIB_INTF_ACCEPT | MRIB_INTF_FORWARD | MRIB_INTF_NEGATE_SIGNAL;
+
+bool is_use(const intf_extension &e) {
+    return e.run == self().run;
+}
+
+}  // namespace
+
+cerrno settle_use(table &t, ipv4mc_intf_entry_st &entry, bool must_exist) {
+    if ((entry.attributes & uses_mif) == 0 || entry.intf_type != IPV4MC_INTF_ORDINARY) {
+        end_use(t, entry);
+        return 0;
+    }
+    intf_extension &e = extension(entry);
+    const bool first = !is_use(e);
+    uint32_t mif = e.mif;
+    cerrno failed = first ? take_mif(t, entry.ifh, must_exist, &mif) : 0;
+    if (failed == 0 && (entry.attributes & MRIB_INTF_ACCEPT) != 0) {
+        failed = rule_mif(t, mif);
+        if (failed != 0 && first) {
+            give_mif(t, mif);
+        }
+    }
+    if (failed == 0) {
+        e.mif = mif;
+        e.run = self().run;
+    }
+    return failed;
+}
+
+void end_use(table &t, ipv4mc_intf_entry_st &entry) {
+    intf_extension &e = extension(entry);
+    if (is_use(e)) {
+        e.run = 0;
+        give_mif(t, e.mif);
+    }
+}
+
+}  // namespace mfwd6::lnx
