@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <string>
@@ -156,8 +157,12 @@ int fail(const char *what, cerrno code) {
 int start(const std::string &run_dir) {
     keeper::link keeper;
     cerrno code = keeper.open();
+    if (code == ENOENT) {
+        say("it is started by `mfwd6d run`, not by hand");
+        return 1;
+    }
     if (code != 0) {
-        return fail("it is started by `mfwd6d run`, not by hand", code);
+        return fail("no connection to the keeper", code);
     }
     int channel = -1;
     code = keeper.flow_channel(&channel);
