@@ -28,7 +28,7 @@ int take_descriptor(msghdr *head) {
 
 }  // namespace
 
-cerrno send_message(int socket, const message &m, int fd) {
+cerrno send_message(int socket, const message &m, int fd, bool wait) {
     message copy = m;
     iovec part{&copy, sizeof(copy)};
     control_room room{};
@@ -45,7 +45,7 @@ cerrno send_message(int socket, const message &m, int fd) {
         std::memcpy(CMSG_DATA(c), &fd, sizeof(fd));
     }
     for (;;) {
-        if (sendmsg(socket, &head, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0) {
+        if (sendmsg(socket, &head, MSG_NOSIGNAL | (wait ? 0 : MSG_DONTWAIT)) >= 0) {
             return 0;
         }
         if (errno != EINTR) {

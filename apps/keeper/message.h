@@ -30,8 +30,8 @@ struct message {
 };
 static_assert(sizeof(message) == 8);
 
-// Sends with a descriptor, or none with -1. Does not wait: EAGAIN.
-cerrno send_message(int socket, const message &m, int fd);
+// Sends with a descriptor, or none with -1. EAGAIN: the other end does not read (unless `wait`).
+cerrno send_message(int socket, const message &m, int fd, bool wait = false);
 
 // Receives; `*fd` is -1 when none came. EAGAIN: nothing there (unless `wait`), EPIPE: the other end
 // has gone, EPROTO: no such message.

@@ -12,7 +12,7 @@ namespace {
 
 // What may follow one command: its subcommands, and its options besides those of all commands.
 struct entry {
-    std::string path;  // "show routes"
+    std::string path;                                        // "show routes"
     std::vector<std::pair<std::string, std::string>> words;  // and what they mean
     std::string with_value;  // options that take a value, "|--vrf|--group|"
     bool takes_file = false;
@@ -71,7 +71,8 @@ std::vector<entry> entries_of(const CLI::App &program) {
 }
 
 // Both scripts find the command that the line names by taking words as long as they lead further.
-constexpr const char *bash_begin = R"(# bash completion for mfwd6ctl; put into a folder of bash-completion, or source it.
+constexpr const char *bash_begin =
+    R"(# bash completion for mfwd6ctl; put into a folder of bash-completion, or source it.
 _mfwd6ctl() {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]} path= next word words values file
     COMPREPLY=()
@@ -174,7 +175,8 @@ std::string zsh_script(const std::vector<entry> &all) {
 
 void add_completion(CLI::App &program) {
     auto shell = std::make_shared<std::string>();
-    CLI::App *command = program.add_subcommand("completion", "Print a completion script for a shell");
+    CLI::App *command =
+        program.add_subcommand("completion", "Print a completion script for a shell");
     command->add_option("shell", *shell, "bash or zsh")
         ->required()
         ->check(CLI::IsMember({"bash", "zsh"}))

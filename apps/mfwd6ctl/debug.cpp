@@ -1,5 +1,7 @@
 // debug: classes of debug lines, per program. No window is needed; a program that does not run yet
 // finds its classes when it starts.
+#include "services/diag/debug.h"
+
 #include <fmt/format.h>
 
 #include <memory>
@@ -9,7 +11,6 @@
 #include "apps/mfwd6ctl/output/output.h"
 #include "apps/mfwd6ctl/output/text_table.h"
 #include "apps/mfwd6ctl/output/words.h"
-#include "services/diag/debug.h"
 #include "services/diag/errors.h"
 #include "services/diag/run_dir.h"
 
@@ -26,8 +27,7 @@ void check(cerrno code, const std::string &what) {
         throw failure(exit_code::forbidden, "not permitted to " + what);
     }
     if (code != 0) {
-        throw failure(exit_code::failed,
-                      fmt::format("cannot {}: {}", what, cerr_strerror(code)));
+        throw failure(exit_code::failed, fmt::format("cannot {}: {}", what, cerr_strerror(code)));
     }
 }
 
@@ -42,7 +42,8 @@ uint64_t mask_of(const std::vector<std::string> &classes) {
         if (name == "all") {
             mask = ~uint64_t{0};
         } else if (number < 0) {
-            throw CLI::ValidationError("CLASS", name + " is no debug class: see mfwd6ctl debug show");
+            throw CLI::ValidationError("CLASS",
+                                       name + " is no debug class: see mfwd6ctl debug show");
         } else {
             mask |= uint64_t{1} << number;
         }
@@ -120,7 +121,8 @@ void add_switch(CLI::App &debug, const options &how, bool on) {
 }  // namespace
 
 void add_debug(CLI::App &program, const options &how) {
-    CLI::App *debug = program.add_subcommand("debug", "Debug lines: show classes, switch on and off");
+    CLI::App *debug =
+        program.add_subcommand("debug", "Debug lines: show classes, switch on and off");
     debug->require_subcommand(1);
     debug->footer(
         "Debug lines go to the standard error of the program and to its trace of kind \"debug\".\n"

@@ -10,12 +10,12 @@ namespace ctl {
 // Exit codes of the program. They are documented in mfwd6ctl(8) and do not change.
 enum class exit_code : int {
     good = 0,
-    failed = 1,       // the operation was refused, or failed in part
-    usage = 2,        // arguments that make no sense
-    absent = 3,       // no window (yet), or no owner answers
-    unusable = 4,     // there is a window, and this program cannot use it
-    forbidden = 5,    // not permitted
-    interrupted = 130,  // ^C, as shells number it
+    failed = 1,           // the operation was refused, or failed in part
+    usage = 2,            // arguments that make no sense
+    absent = 3,           // no window (yet), or no owner answers
+    unusable = 4,         // there is a window, and this program cannot use it
+    forbidden = 5,        // not permitted
+    interrupted = 130,    // ^C, as shells number it
     output_closed = 141,  // nobody reads the output any more, as shells number it
 };
 

@@ -40,12 +40,13 @@ void add_global_options(CLI::App &program, options &how) {
         ->type_name("FOLDER");
     program
         .add_option("--platform", how.platform,
-                    "Platform of the owner, asked for counters: linux, sim, ...", true)
+                    "Platform of the owner, asked for counters: linux, sim, ...")
+        ->capture_default_str()
         ->envname("MFWD6_PLATFORM")
         ->type_name("NAME");
     program.add_flag("--json,-j", how.json, "Write JSON instead of a table");
-    program
-        .add_option("--timeout", how.timeout_s, "Seconds to wait for an answer of the owner", true)
+    program.add_option("--timeout", how.timeout_s, "Seconds to wait for an answer of the owner")
+        ->capture_default_str()
         ->check(CLI::Range(0.01, 86400.0))
         ->type_name("SECONDS");
 }
@@ -112,7 +113,8 @@ int run(CLI::App &program, int argc, char **argv) {
 int main(int argc, char **argv) {
     watch_interrupts();
     options how;
-    CLI::App program("Shows and changes the IPv6 multicast forwarding state of mfwd6d.", "mfwd6ctl");
+    CLI::App program("Shows and changes the IPv6 multicast forwarding state of mfwd6d.",
+                     "mfwd6ctl");
     program.require_subcommand(1);
     program.fallthrough();
     program.set_version_flag("--version", fmt::format("mfwd6ctl, window layout {}.{}",

@@ -251,8 +251,8 @@ void trace(const options &how, const request &r) {
 
 void add_trace(CLI::App &program, const options &how) {
     auto r = std::make_shared<request>();
-    CLI::App *command = program.add_subcommand(
-        "trace", "Trace records of all processes, also of those that died");
+    CLI::App *command =
+        program.add_subcommand("trace", "Trace records of all processes, also of those that died");
     command->add_flag("--follow,-f", r->follow, "Go on with what comes, until ^C");
     command->add_option("--last,-n", r->last, "Only the latest so many")->type_name("COUNT");
     command->add_option("--id", r->ids, "Only records with this id; may be repeated")

@@ -8,6 +8,12 @@
 #include "apps/mfwd6ctl/output/words.h"
 
 namespace ctl {
+namespace {
+
+// Larger words are addresses, handles and bits: hexadecimal.
+constexpr uint64_t readable_words = 65536;
+
+}  // namespace
 
 std::vector<std::string> ring_files(const std::string &folder) {
     std::vector<std::string> paths;
@@ -38,7 +44,7 @@ std::string text_of(const ltrace_record &record) {
     std::string text = hex(record.id);
     for (uint32_t n = 0; n < record.words; ++n) {
         const uint64_t word = record.word[n];
-        text += word < 65536 ? fmt::format(" {}", word) : " " + hex(word);
+        text += word < readable_words ? fmt::format(" {}", word) : fmt::format(" {:#x}", word);
     }
     if (record.length != 0) {
         text += " ";

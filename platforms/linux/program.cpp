@@ -88,12 +88,20 @@ cerrno remove_own(table &t, ipv4mc_route_entry_st &route) {
     return noted(kernel_delete_entry(t.fd, key_of(route)));
 }
 
-// An (S,G) that accepts from several interfaces now: its entry becomes the flow that it is.
+// An (S,G) that accepts from several interfaces now: its entry becomes the flow that it is. The
+// kernel reports packets from the wrong interface once in three seconds and entry; an entry that
+// has seen some is made afresh, so that the first packet from the new way is reported. What comes
+// between the two calls waits in the kernel's queue for the second.
 cerrno turn_to_flow(table &t, ipv4mc_route_entry_st &route) {
     route_extension &e = extension(route);
+    const counters seen = counted(t, key_of(route));
+    set_local_copy(t, route.group, &e.local_mif_plus_1, no_mif);
+    if (seen.wrong_interface != 0) {
+        const cerrno failed = remove_own(t, route);
+        return failed != 0 ? failed : make_flow(t, key_of(route), e.parent, &route);
+    }
     count_entry(t, e.outputs, -1);
     e.has_entry = 0;
-    set_local_copy(t, route.group, &e.local_mif_plus_1, no_mif);
     return make_flow(t, key_of(route), e.parent, &route);
 }
 

@@ -47,7 +47,7 @@ cerrno route_action(ipv4mc_action_type action, table *t, ipv4mc_route_entry_st &
 
 cerrno commit_intf(table &t, ipv4mc_route_entry_st &route, ipv4mc_intf_entry_st &entry,
                    int is_new) {
-    cerrno failed = settle_use(t, entry, false);
+    cerrno failed = settle_use(t, entry, is_new != 0);
     if (failed == 0 && extension(route).committed != 0) {
         failed = program_route(t, route, false);
     }

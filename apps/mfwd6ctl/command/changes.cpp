@@ -52,7 +52,9 @@ void add_key(CLI::App *command, const std::shared_ptr<request> &r) {
     command->add_option("group", r->group, "Group, or range of groups for any source")
         ->required()
         ->type_name("GROUP[/LENGTH]");
-    command->add_option("--vrf", r->vrf, "VRF of the route", true)->type_name("NAME");
+    command->add_option("--vrf", r->vrf, "VRF of the route")
+        ->capture_default_str()
+        ->type_name("NAME");
 }
 
 // ---- routes
@@ -181,8 +183,8 @@ json args_of(const interface_request &r, bool has_ttl) {
         args["boundary"] = json::array();
         for (const std::string &text : r.boundary) {
             const prefix group = group_of(text);
-            args["boundary"].push_back(fmt::format("{}/{}", address_text(group.address),
-                                                   group.length));
+            args["boundary"].push_back(
+                fmt::format("{}/{}", address_text(group.address), group.length));
         }
     }
     if (args.size() == 1) {

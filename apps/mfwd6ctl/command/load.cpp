@@ -91,9 +91,7 @@ class loader {
   private:
     using batch = std::vector<uint64_t>;  // numbers of its lines
 
-    bool is_done() const {
-        return source_.at_end() && source_.lines.empty() && under_way_.empty();
-    }
+    bool is_done() const { return source_.at_end() && source_.lines.empty() && under_way_.empty(); }
     bool wants_lines() const {
         return !source_.at_end() && source_.lines.size() < lines_of_request;
     }
@@ -164,10 +162,11 @@ class loader {
             return;
         }
         bar_.end();
-        throw failure(exit_code::absent,
-                      fmt::format("mfwd6d has not answered for {} s. {} lines are done; from line {} "
-                                  "on it is not known",
-                                  timeout_s_, done_, under_way_.front().front()));
+        throw failure(
+            exit_code::absent,
+            fmt::format("mfwd6d has not answered for {} s. {} lines are done; from line {} "
+                        "on it is not known",
+                        timeout_s_, done_, under_way_.front().front()));
     }
 
     void draw() {
@@ -175,14 +174,12 @@ class loader {
                                                       static_cast<double>(source_.size())
                                                 : -1;
         const double seconds = seconds_since(begin_);
-        bar_.draw(part, fmt::format("{} lines  {:.0f}/s  {} failed", done_,
-                                    seconds > 0 ? static_cast<double>(done_) / seconds : 0,
-                                    failed_));
+        bar_.draw(part,
+                  fmt::format("{} lines  {:.0f}/s  {} failed", done_,
+                              seconds > 0 ? static_cast<double>(done_) / seconds : 0, failed_));
     }
 
-    double rate() const {
-        return seconds_ > 0 ? static_cast<double>(accepted_) / seconds_ : 0;
-    }
+    double rate() const { return seconds_ > 0 ? static_cast<double>(accepted_) / seconds_ : 0; }
 
     json to_json() const {
         json j;
@@ -206,8 +203,8 @@ class loader {
             fmt::print(stderr, "{} more lines failed; --json tells of all\n",
                        failures_.size() - shown_failures);
         }
-        put(fmt::format("{} lines accepted, {} failed, in {:.2f} s ({:.0f} a second){}\n", accepted_,
-                        failed_, seconds_, rate(),
+        put(fmt::format("{} lines accepted, {} failed, in {:.2f} s ({:.0f} a second){}\n",
+                        accepted_, failed_, seconds_, rate(),
                         stopped_ ? "; interrupted: the rest was not sent" : ""));
     }
 
@@ -237,8 +234,10 @@ void add_load(CLI::App &program, const options &how) {
     command->add_flag("--progress", r->progress, "Draw a bar, terminal or not");
     command->add_flag("--no-progress", r->no_progress, "Draw no bar");
     command->footer(
-        "The lines are those of mfwd6d.conf(5). Each is taken or refused by itself; those that were\n"
-        "refused are listed at the end, by file and line. ^C sends no more lines and waits for the\n"
+        "The lines are those of mfwd6d.conf(5). Each is taken or refused by itself; those that "
+        "were\n"
+        "refused are listed at the end, by file and line. ^C sends no more lines and waits for "
+        "the\n"
         "answers that are due; a second ^C ends at once.\n\n"
         "Examples:\n"
         "  mfwd6ctl load routes.conf\n"

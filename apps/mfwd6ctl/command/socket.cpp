@@ -168,8 +168,8 @@ void command_socket::read_some() {
 answer command_socket::parse(const std::string &line) const {
     const json j = json::parse(line, nullptr, false);
     if (!j.is_object() || !j.contains("code") || !j["code"].is_number()) {
-        throw failure(exit_code::failed, "mfwd6d answered with something that is no answer: " +
-                                             line.substr(0, 200));
+        throw failure(exit_code::failed,
+                      "mfwd6d answered with something that is no answer: " + line.substr(0, 200));
     }
     answer a;
     a.id = j.contains("id") && j["id"].is_number_unsigned() ? j["id"].get<uint64_t>() : 0;
@@ -183,9 +183,9 @@ json ask_owner(const options &how, const std::string &action, const json &args) 
     command_socket socket(how);
     const answer a = socket.ask(action, args);
     if (a.code != 0) {
-        throw failure(a.code == EPERM || a.code == EACCES ? exit_code::forbidden
-                                                          : exit_code::failed,
-                      a.text.empty() ? cerr_strerror(a.code) : a.text);
+        throw failure(
+            a.code == EPERM || a.code == EACCES ? exit_code::forbidden : exit_code::failed,
+            a.text.empty() ? cerr_strerror(a.code) : a.text);
     }
     return a.result;
 }

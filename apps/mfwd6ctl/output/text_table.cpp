@@ -12,8 +12,8 @@ constexpr const char *gap = "  ";
 
 // Characters, of UTF-8.
 size_t width_of(const std::string &text) {
-    return static_cast<size_t>(std::count_if(text.begin(), text.end(),
-                                             [](char c) { return (c & 0xc0) != 0x80; }));
+    return static_cast<size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
 }
 
 }  // namespace

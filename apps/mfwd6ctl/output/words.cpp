@@ -184,7 +184,7 @@ std::string bytes_text(uint64_t bytes) {
     static constexpr const char *units[] = {"KiB", "MiB", "GiB", "TiB"};
     double value = static_cast<double>(bytes) / step;
     size_t unit = 0;
-    while (value >= 10 * step && unit + 1 < std::size(units)) {
+    while (value >= step && unit + 1 < std::size(units)) {
         value /= step;
         ++unit;
     }
@@ -201,7 +201,7 @@ std::string wall_time_text(uint64_t ns) {
 }
 
 uint64_t seconds_since(const struct timespec &then) {
-    struct timespec now{};
+    struct timespec now {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec > then.tv_sec ? static_cast<uint64_t>(now.tv_sec - then.tv_sec) : 0;
 }

@@ -12,7 +12,8 @@
 
 namespace ctl {
 
-// Names of the bits that are set in an attribute word, lowest first; "bit-9" for one without a name.
+// Names of the bits that are set in an attribute word, lowest first; "bit-9" for one without a
+// name.
 std::vector<std::string> route_attribute_names(uint64_t attributes);
 std::vector<std::string> intf_attribute_names(uint64_t attributes);
 

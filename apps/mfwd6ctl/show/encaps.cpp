@@ -76,8 +76,8 @@ std::vector<encap_copy> read_encaps(const window &w) {
 }
 
 std::string type_of(uint32_t type) {
-    static constexpr const char *names[REGDB_TYPES] = {"none", "lsm", "te", "gre", "mofrr",
-                                                       "next-hop"};
+    static constexpr const char *names[REGDB_TYPES] = {"none", "lsm",   "te",
+                                                       "gre",  "mofrr", "next-hop"};
     return type < REGDB_TYPES ? names[type] : fmt::format("type-{}", type);
 }
 

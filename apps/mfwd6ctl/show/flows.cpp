@@ -105,9 +105,8 @@ json to_json(const flow_world &world, const linux_flow_entry &flow) {
     if (flow.held != 0) {
         j["route"] = nullptr;
     } else {
-        j["route"] = {{"source", is_any(flow.route_source)
-                                     ? json(nullptr)
-                                     : json(address_text(flow.route_source))},
+        j["route"] = {{"source", is_any(flow.route_source) ? json(nullptr)
+                                                           : json(address_text(flow.route_source))},
                       {"group", address_text(flow.route_group)},
                       {"group_length", std::min<uint32_t>(flow.route_pfx_len, 128)}};
     }
@@ -117,10 +116,10 @@ json to_json(const flow_world &world, const linux_flow_entry &flow) {
 
 std::vector<std::string> row_of(const flow_world &world, const linux_flow_entry &flow) {
     const std::vector<std::string> to = outputs_of(world, flow);
-    const std::string route =
-        flow.held != 0 ? "-"
-                       : fmt::format("({}, {})", source_text(flow.route_source),
-                                     group_text(flow.route_group, flow.route_pfx_len));
+    const std::string route = flow.held != 0
+                                  ? "-"
+                                  : fmt::format("({}, {})", source_text(flow.route_source),
+                                                group_text(flow.route_group, flow.route_pfx_len));
     return {table_of(world, flow),
             address_text(flow.source),
             address_text(flow.group),
@@ -154,7 +153,8 @@ void add_show_flows(CLI::App &show, const options &how) {
     CLI::App *command =
         show.add_subcommand("flows", "Kernel entries of single flows (platform linux)");
     command->footer(
-        "\"derived\" entries forward a flow for a route that has no entry of its own; \"held\" ones\n"
+        "\"derived\" entries forward a flow for a route that has no entry of its own; \"held\" "
+        "ones\n"
         "keep a flow that no route takes from the kernel's queue of unresolved flows.\n\n"
         "Examples:\n  mfwd6ctl show flows\n  mfwd6ctl show flows --json");
     command->callback([&how] { show_flows(how); });

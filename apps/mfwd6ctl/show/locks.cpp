@@ -65,9 +65,8 @@ void show_locks(const options &how) {
     }
     text_table table({"LOCK", "HOLDER", "READERS", "WAITING", ">DEATHS", "LAST TAKEN AT"});
     for (const lock_copy &lock : locks) {
-        const std::string waiting = lock.waiters.empty() && lock.contended
-                                        ? "somebody"
-                                        : text_of(lock.waiters);
+        const std::string waiting =
+            lock.waiters.empty() && lock.contended ? "somebody" : text_of(lock.waiters);
         table.add({lock.name, text_of(lock.holders), text_of(lock.readers), waiting,
                    std::to_string(lock.deaths), lock.where.empty() ? "-" : lock.where});
     }
@@ -83,7 +82,8 @@ std::string activity_of(const shmwin_process &p) {
     std::string stat;
     std::getline(file, stat);
     const size_t name_end = stat.rfind(')');
-    switch (name_end != std::string::npos && name_end + 2 < stat.size() ? stat[name_end + 2] : '?') {
+    switch (name_end != std::string::npos && name_end + 2 < stat.size() ? stat[name_end + 2]
+                                                                        : '?') {
         case 'R':
             return "running";
         case 'T':
@@ -119,8 +119,8 @@ void show_clients(const options &how) {
     }
     text_table table({">PID", "NAME", "ROLE", "ACTIVITY", "SINCE"});
     for (const shmwin_process &p : processes) {
-        table.add({std::to_string(p.pid), p.name, p.owner != 0 ? "owner" : "client",
-                   activity_of(p), wall_time_text(p.opened_at)});
+        table.add({std::to_string(p.pid), p.name, p.owner != 0 ? "owner" : "client", activity_of(p),
+                   wall_time_text(p.opened_at)});
     }
     table.end();
 }

@@ -51,8 +51,7 @@ memory read_memory(const window &w) {
         m.types[type].counted = ipmc_shmwin_live_blocks(&header, type);
     }
     // Untyped blocks are counted under one number and marked with another.
-    m.types[IPMC_SHMWIN_ALLOC_UNTYPED].counted =
-        m.types[IPMC_SHMWIN_ALLOC_UNTYPED_COUNT].counted;
+    m.types[IPMC_SHMWIN_ALLOC_UNTYPED].counted = m.types[IPMC_SHMWIN_ALLOC_UNTYPED_COUNT].counted;
     m.types[IPMC_SHMWIN_ALLOC_UNTYPED_COUNT] = {};
     if (const ipmc_shmwin_pool_bucket_st *pool = header.buffer_pool; pool != nullptr) {
         for (uint32_t n = 0; n < IPMC_SHMWIN_POOL_BUCKETS; ++n) {

@@ -56,7 +56,8 @@ using clusters = std::map<std::string, cluster>;
 void draw(cluster &c, const std::string &prefix, const route_copy &route,
           std::set<std::string> &sources) {
     const std::string group = group_text(route.key.group, route.key.length);
-    const std::string source = is_any(route.key.source) ? "any source" : address_text(route.key.source);
+    const std::string source =
+        is_any(route.key.source) ? "any source" : address_text(route.key.source);
     const std::string router = prefix + "router";
     const std::vector<std::string> from = names_with(route, MRIB_INTF_ACCEPT);
     sources.insert(source);
@@ -75,10 +76,10 @@ void draw(cluster &c, const std::string &prefix, const route_copy &route,
 }
 
 std::string text_of(const cluster &c, const std::string &prefix, size_t number) {
-    std::string text = fmt::format("  subgraph cluster_{} {{\n    label={};\n    {} [label={}, "
-                                   "shape=box, style=bold];\n",
-                                   number, quoted("VRF " + c.name), quoted(prefix + "router"),
-                                   quoted(c.name));
+    std::string text = fmt::format(
+        "  subgraph cluster_{} {{\n    label={};\n    {} [label={}, "
+        "shape=box, style=bold];\n",
+        number, quoted("VRF " + c.name), quoted(prefix + "router"), quoted(c.name));
     for (const std::string &name : c.in) {
         text += fmt::format("    {} [label={}];\n", quoted(prefix + "in " + name), quoted(name));
     }
@@ -98,11 +99,12 @@ struct line_set {
     const char *last;
     const char *along;
     const char *blank;
-    const char *arrow;
+    const char *output;
+    const char *last_output;
     const char *into;
 };
-constexpr line_set unicode_lines = {"├─ ", "└─ ", "│  ", "   ", "──▶ ", " ──▶ "};
-constexpr line_set ascii_lines = {"|- ", "`- ", "|  ", "   ", "--> ", " --> "};
+constexpr line_set unicode_lines = {"├─ ", "└─ ", "│  ", "   ", "├──▶ ", "└──▶ ", " ──▶ "};
+constexpr line_set ascii_lines = {"|- ", "`- ", "|  ", "   ", "|--> ", "`--> ", " --> "};
 
 // What one branch says about packets: "120 packets", or nothing.
 std::string packets_of(const route_copy &route) {
@@ -145,8 +147,8 @@ std::string branch_of(const route_copy &route, bool last, const std::string &ind
     const std::string below = indent + (last ? lines.blank : lines.along);
     const std::vector<std::string> out = out_of(route);
     for (size_t n = 0; n < out.size(); ++n) {
-        text += fmt::format("{}{}{}{}\n", below, n + 1 == out.size() ? lines.last : lines.branch,
-                            lines.arrow, out[n]);
+        text += fmt::format("{}{}{}\n", below,
+                            n + 1 == out.size() ? lines.last_output : lines.output, out[n]);
     }
     return text;
 }
@@ -180,8 +182,8 @@ std::string groups_of(const std::vector<drawn_route> &routes, size_t first, size
         text += fmt::format("{}{}\n", last ? lines.last : lines.branch,
                             group_text(key.group, key.length));
         for (size_t n = at; n < next; ++n) {
-            text += branch_of(routes[n].route, n + 1 == next, last ? lines.blank : lines.along,
-                              lines);
+            text +=
+                branch_of(routes[n].route, n + 1 == next, last ? lines.blank : lines.along, lines);
         }
         at = next;
     }
@@ -199,8 +201,9 @@ std::string dot_of(const std::vector<drawn_route> &routes) {
         c.name = name;
         draw(c, name + " ", r.route, sources);
     }
-    std::string text = "digraph mfwd6 {\n  rankdir=LR;\n  node [shape=ellipse, fontsize=10];\n"
-                       "  edge [fontsize=9];\n";
+    std::string text =
+        "digraph mfwd6 {\n  rankdir=LR;\n  node [shape=ellipse, fontsize=10];\n"
+        "  edge [fontsize=9];\n";
     for (const std::string &source : sources) {
         text += fmt::format("  {} [label={}, shape=plaintext];\n", quoted("source " + source),
                             quoted(source));

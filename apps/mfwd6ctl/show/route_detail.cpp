@@ -141,11 +141,11 @@ found_route find(const options &how, const request &r, const route_key &key) {
     interface_names names;
     std::optional<route_copy> route = find_route(w, table.tid, key, r.match, names);
     if (!route) {
-        throw failure(exit_code::failed,
-                      r.match ? fmt::format("no route takes ({}, {}) in VRF {}", r.source, r.group,
-                                            r.vrf)
-                              : fmt::format("there is no route ({}, {}) in VRF {}", r.source,
-                                            r.group, r.vrf));
+        throw failure(
+            exit_code::failed,
+            r.match
+                ? fmt::format("no route takes ({}, {}) in VRF {}", r.source, r.group, r.vrf)
+                : fmt::format("there is no route ({}, {}) in VRF {}", r.source, r.group, r.vrf));
     }
     return {table, *route};
 }
@@ -173,7 +173,9 @@ void add_show_route(CLI::App &show, const options &how) {
     command->add_option("group", r->group, "Group, or range of groups")
         ->required()
         ->type_name("GROUP[/LENGTH]");
-    command->add_option("--vrf", r->vrf, "VRF of the route", true)->type_name("NAME");
+    command->add_option("--vrf", r->vrf, "VRF of the route")
+        ->capture_default_str()
+        ->type_name("NAME");
     command->add_flag("--match", r->match, "The route that a packet from SOURCE to GROUP takes");
     command->add_flag("--no-history", r->no_history, "Do not search traces for the route");
     command->footer(

@@ -71,8 +71,8 @@ std::vector<std::string> other_interfaces(const route_copy &route) {
     std::vector<std::string> names;
     for (const intf_entry_copy &e : route.interfaces) {
         if ((e.attributes & (MRIB_INTF_ACCEPT | MRIB_INTF_FORWARD)) == 0) {
-            names.push_back(fmt::format("{}[{}]", name_of(e),
-                                        joined(intf_attribute_names(e.attributes), ",")));
+            names.push_back(
+                fmt::format("{}[{}]", name_of(e), joined(intf_attribute_names(e.attributes), ",")));
         }
     }
     return names;
@@ -129,8 +129,8 @@ void write_routes(const window &w, const request &r, bool as_json) {
         list.end();
         return;
     }
-    text_table table({"VRF", "SOURCE", "GROUP", "FROM", "TO", "FLAGS", ">PACKETS", ">BYTES",
-                      ">AGE"});
+    text_table table(
+        {"VRF", "SOURCE", "GROUP", "FROM", "TO", "FLAGS", ">PACKETS", ">BYTES", ">AGE"});
     each_route(w, r, route_kind::routes,
                [&](const table_copy &t, const route_copy &route) { table.add(row_of(t, route)); });
     table.end();
@@ -168,8 +168,11 @@ std::vector<std::string> signal_row(const table_copy &table, const route_copy &r
     for (const intf_entry_copy &e : route.interfaces) {
         names.push_back(e.name);
     }
-    return {name_of(table), source_text(route.key.source), address_text(route.key.group),
-            or_dash(joined(names, ",")), route.has_packet ? "yes" : "no",
+    return {name_of(table),
+            source_text(route.key.source),
+            address_text(route.key.group),
+            or_dash(joined(names, ",")),
+            route.has_packet ? "yes" : "no",
             duration_text(seconds_since(route.created))};
 }
 

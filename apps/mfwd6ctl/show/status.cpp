@@ -28,8 +28,7 @@ json window_status(const options &how) {
     j["owner_pid"] = owner != 0 ? json(owner) : json(nullptr);
     j["clients"] = static_cast<uint32_t>(std::count_if(
         processes.begin(), processes.end(), [](const shmwin_process &p) { return p.alive != 0; }));
-    j["layout_version"] =
-        fmt::format("{}.{}", w.header().version_major, w.header().version_minor);
+    j["layout_version"] = fmt::format("{}.{}", w.header().version_major, w.header().version_minor);
     j["generation"] = usage.generation;
     j["owners_ever"] = usage.opened;
     j["changes_run_back"] = usage.undone;

@@ -25,6 +25,10 @@ namespace {
 
 constexpr int attach_only = 1;
 
+// Of mfwd6d: its platform tells the default table by them, in this process too.
+constexpr uint32_t default_tid = 0xe0800000;
+constexpr uint32_t default_vrf_id = 0x60000000;
+
 // Where no file can be made: rings and masks of this process are private memory then.
 constexpr const char *no_folder = "/dev/null/mfwd6ctl";
 
@@ -60,14 +64,16 @@ failure cannot_attach(const std::string &folder, cerrno code) {
                                 "belongs to the running mfwd6d",
                                 file)};
         case SHMWIN_ERR_BASE:
-            return {exit_code::unusable,
-                    fmt::format("{} was made for another base address: this mfwd6ctl was built with "
-                                "other settings than mfwd6d",
-                                file)};
+            return {
+                exit_code::unusable,
+                fmt::format("{} was made for another base address: this mfwd6ctl was built with "
+                            "other settings than mfwd6d",
+                            file)};
         case SHMWIN_ERR_BASE_TAKEN:
-            return {exit_code::unusable,
-                    "something else is mapped where the window belongs in this process (a preloaded "
-                    "library?)"};
+            return {
+                exit_code::unusable,
+                "something else is mapped where the window belongs in this process (a preloaded "
+                "library?)"};
         case SHMWIN_ERR_PERMISSION:
         case EACCES:
         case EPERM:
@@ -76,8 +82,9 @@ failure cannot_attach(const std::string &folder, cerrno code) {
         case SHMWIN_ERR_FILE_TYPE:
             return {exit_code::unusable, fmt::format("{} is no regular file", file)};
         case SHMWIN_ERR_PEERS_FULL:
-            return {exit_code::unusable,
-                    fmt::format("all places for processes in {} are taken by live processes", file)};
+            return {
+                exit_code::unusable,
+                fmt::format("all places for processes in {} are taken by live processes", file)};
         case SHMWIN_ERR_SPACE:
         case ENOMEM:
             return {exit_code::unusable,
@@ -139,11 +146,6 @@ window::window(const options &how, need what) {
     const std::string folder = how.folder();
     check_folder(folder);
     diag_set_run_dir(no_folder);
-    try {
-        apps::load_platform(how.platform);
-    } catch (const std::runtime_error &e) {
-        throw failure(exit_code::usage, e.what());
-    }
     shmwin_set_wait_limit(patience_ms);
     if (const cerrno code = open_window(); code != 0) {
         ip6mc_shmwin_close();
@@ -169,21 +171,29 @@ window::~window() {
         shmwin_reader_leave(id(), reader_);
     }
     if (platform_started_) {
-        ip6mc_platform_lib_terminate(attach_only, IPV4MC_TERMINATE_END);
+        if (auto *terminate = apps::loaded<decltype(ip6mc_platform_lib_terminate)>(
+                "ip6mc_platform_lib_terminate")) {
+            terminate(attach_only, IPV4MC_TERMINATE_END);
+        }
     }
     ip6mc_shmwin_close();
 }
 
-void window::start_library(const std::string &folder, const options &) {
+void window::start_library(const std::string &folder, const options &how) {
+    try {
+        apps::load_platform(how.platform);
+    } catch (const std::runtime_error &e) {
+        throw failure(exit_code::usage, e.what());
+    }
     if (auto *set_folder = apps::loaded<cerrno(const char *)>("linux_set_folder")) {
         set_folder(folder.c_str());
     }
     if (auto *attach = apps::loaded<cerrno(const char *)>("linux_ledger_attach")) {
         attach(folder.c_str());  // without a ledger there are no counters, and nothing else is lost
     }
-    const cerrno code = ip6mc_lib_init(nullptr, nullptr, attach_only, 0, 0, 0, 0,
-                                       IPMC_NODE_ROLE_LAST_RP + 1, nullptr, nullptr, nullptr,
-                                       nullptr, 0);
+    const cerrno code =
+        ip6mc_lib_init(nullptr, nullptr, attach_only, 0, 0, default_tid, default_vrf_id,
+                       IPMC_NODE_ROLE_LAST_RP + 1, nullptr, nullptr, nullptr, nullptr, 0);
     if (code != 0) {
         throw cannot_attach(folder, code);
     }
@@ -198,8 +208,8 @@ void window::start_library(const std::string &folder, const options &) {
 void window::enter_reader() {
     if (const cerrno code = shmwin_reader_enter(id(), &reader_); code != 0) {
         reader_ = 0;
-        throw failure(exit_code::unusable, fmt::format("cannot read beside the owner: {}",
-                                                       cerr_strerror(code)));
+        throw failure(exit_code::unusable,
+                      fmt::format("cannot read beside the owner: {}", cerr_strerror(code)));
     }
     shmwin_reader_idle(id(), reader_);
 }

@@ -9,6 +9,7 @@
 #include "apps/mfwd6ctl/interrupts.h"
 #include "apps/mfwd6ctl/output/words.h"
 #include "apps/mfwd6ctl/window/step.h"
+#include "apps/platform/platform_choice.h"
 #include "ipv4/multicast/lib/ip6mc_encap.h"
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "services/trees/avl.h"
@@ -159,17 +160,32 @@ std::vector<intf_entry_copy> copy_interfaces(ipv4mc_route_entry_st *route, inter
     return entries;
 }
 
+using counter_question = decltype(ip6mc_platform_get_hw_in_stats) *;
+
+// The counters of the platform that was loaded.
+struct counter_questions {
+    counter_question in_packets = ask("ip6mc_platform_get_hw_in_stats");
+    counter_question in_bytes = ask("ip6mc_platform_get_hw_in_stats_bytes");
+    counter_question out_packets = ask("ip6mc_platform_get_hw_eg_stats");
+    counter_question out_bytes = ask("ip6mc_platform_get_hw_eg_stats_bytes");
+
+    static counter_question ask(const char *name) {
+        return apps::loaded<decltype(ip6mc_platform_get_hw_in_stats)>(name);
+    }
+};
+
 std::optional<route_counters> read_counters(ipv4mc_table_st *table, ipv4mc_route_entry_st *route) {
+    static const counter_questions questions;
     route_counters c;
-    const auto ask = [&](auto question, uint64_t *answer) {
-        return question(table, &route->source, &route->group, route->pfx_len, route, answer) == 0;
+    const auto ask = [&](counter_question question, uint64_t *answer) {
+        return question != nullptr &&
+               question(table, &route->source, &route->group, route->pfx_len, route, answer) == 0;
     };
-    if (!ask(ip6mc_platform_get_hw_in_stats, &c.in_packets) ||
-        !ask(ip6mc_platform_get_hw_in_stats_bytes, &c.in_bytes)) {
+    if (!ask(questions.in_packets, &c.in_packets) || !ask(questions.in_bytes, &c.in_bytes)) {
         return std::nullopt;
     }
-    ask(ip6mc_platform_get_hw_eg_stats, &c.out_packets);
-    ask(ip6mc_platform_get_hw_eg_stats_bytes, &c.out_bytes);
+    ask(questions.out_packets, &c.out_packets);
+    ask(questions.out_bytes, &c.out_bytes);
     return c;
 }
 

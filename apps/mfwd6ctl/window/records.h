@@ -18,9 +18,9 @@
 namespace ctl {
 
 struct table_copy {
-    std::string name;      // of the VRF, empty if unknown
-    uint32_t tid = 0;      // 0: the table has no table id yet
-    uint32_t vrf_id = 0;   // 0 if unknown
+    std::string name;     // of the VRF, empty if unknown
+    uint32_t tid = 0;     // 0: the table has no table id yet
+    uint32_t vrf_id = 0;  // 0 if unknown
     bool active = false;
     uint32_t routes = 0;
     uint32_t signals = 0;

@@ -96,7 +96,7 @@ void take_back(ipv4mc_route_entry_st *route, const std::vector<step> &steps) {
 outcome refused(cerrno code, const route_id &id, const interface *i) {
     std::string what = route_text(id);
     if (i != nullptr) {
-        what += ", interface " + i->name;
+        what = fmt::format("{}, interface {}", what, i->name);
     }
     outcome o = failure_of(code, std::move(what));
     if (code == ENOSPC && i != nullptr) {
@@ -120,9 +120,9 @@ std::string route_text(const route_id &id) {
         inet_ntop(AF_INET6, id.source.bytes, source, sizeof(source));
     }
     inet_ntop(AF_INET6, id.group.bytes, group_text, sizeof(group_text));
-    const bool whole = id.length >= IPV4MC_ROUTE_PFX_LEN_STAR_G;
-    return fmt::format("({},{}{})", source, group_text,
-                       whole ? std::string() : "/" + std::to_string(id.length));
+    return id.length >= IPV4MC_ROUTE_PFX_LEN_STAR_G
+               ? fmt::format("({},{})", source, group_text)
+               : fmt::format("({},{}/{})", source, group_text, id.length);
 }
 
 uint64_t route_attributes(const route_id &id, uint8_t flags) {

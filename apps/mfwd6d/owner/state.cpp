@@ -87,6 +87,9 @@ outcome state::load_settings() {
 outcome state::finish_start() {
     outcome first;
     interfaces_.each([&](interface &i) {
+        if (i.index != 0) {
+            memberships_.appeared(i);
+        }
         if (i.has_settings() && i.index != 0) {
             outcome o = interfaces_.apply_settings(i);
             if (o.failed()) {
