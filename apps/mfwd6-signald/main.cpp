@@ -36,6 +36,7 @@ class packet_path {
 
     // Until it is told to end; the exit code.
     int run() {
+        hear_keeper();  // what it told while this process asked for the channel
         while (!ended_ && !post_->should_restart()) {
             wait();
             tell_of_drops();

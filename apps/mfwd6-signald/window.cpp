@@ -83,8 +83,11 @@ void window::idle() const {
 void window::tell(cerrno code) {
     if (code != told_) {
         told_ = code;
-        say(code == 0 ? "attached to the window" : "cannot attach to the window in %s: %s",
-            run_dir_.c_str(), cerr_strerror(code));
+        if (code == 0) {
+            say("attached to the window in %s", run_dir_.c_str());
+        } else {
+            say("cannot attach to the window in %s: %s", run_dir_.c_str(), cerr_strerror(code));
+        }
     }
 }
 

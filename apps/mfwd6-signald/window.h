@@ -45,7 +45,8 @@ class window {
     uint32_t reader_ = 0;
     bool reading_ = false;
     uint64_t generation_ = 0;
-    cerrno told_ = 0;
+    static constexpr cerrno nothing_told = UINT32_MAX;
+    cerrno told_ = nothing_told;
 };
 
 }  // namespace mfwd6::signald
