@@ -4,6 +4,7 @@
 #include <sys/poll.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 
 #include "apps/mfwd6-signald/log.h"
@@ -186,35 +187,36 @@ bool poster::next(entry *e) {
 
 // What the report is about in the library's words; no table when it is there no more.
 poster::subject poster::find_subject(const linux_flow &flow) {
-    subject where;
-    uint32_t tid = 0;
+    subject what;
     for (int attempt = 0; attempt < 2; ++attempt) {
-        cerrno code = linux_mif_handle(flow.kernel_table, flow.mif, &where.ifh);
-        code = code != 0 ? code : linux_table_tid(flow.kernel_table, &tid);
-        if (code == 0) {
-            where.table = ip6mc_table_lookup_by_tbl_id(tid);
+        uint32_t tid = 0;
+        cerrno code = linux_table_tid(flow.kernel_table, &tid);
+        ipv4mc_table_st *const table = code == 0 ? ip6mc_table_lookup_by_tbl_id(tid) : nullptr;
+        if (table != nullptr) {
+            code = linux_report_interface(table, &flow, &what.ifh);
+            what.table = code == 0 ? table : nullptr;
         }
         if (code != ESTALE) {
             break;
         }
         linux_ledger_attach(run_dir_.c_str());
     }
-    return where;
+    return what;
 }
 
 void poster::post(const entry &e) {
-    const subject where = find_subject(e.flow);
-    if (where.table == nullptr) {
+    const subject what = find_subject(e.flow);
+    if (what.table == nullptr) {
         return count(&poster_counts::failed);
     }
-    if (linux_report_signals(where.table, &e.flow, where.ifh) == 0) {
+    if (linux_report_signals(what.table, &e.flow, what.ifh) == 0) {
         return count(&poster_counts::unwanted);
     }
     ipv4mc_route_entry_st *route = nullptr;
     int is_new = 0;
     int exists = 0;
-    const cerrno code = ip6mc_signal_add_mutex(where.table, &e.flow.source, &e.flow.group,
-                                               where.ifh, &route, &is_new, &exists);
+    const cerrno code = ip6mc_signal_add_mutex(what.table, &e.flow.source, &e.flow.group, what.ifh,
+                                               &route, &is_new, &exists);
     if (code != 0) {
         return count(&poster_counts::failed);
     }
@@ -227,9 +229,9 @@ void poster::post(const entry &e) {
 }
 
 void poster::keep(const linux_flow &flow, const uint8_t *bytes, size_t size) {
-    const subject where = find_subject(flow);
-    void *const handle = where.table == nullptr ? nullptr : store_.keep(bytes, size);
-    if (handle != nullptr && name_packet(where.table, flow, handle)) {
+    const subject what = find_subject(flow);
+    void *const handle = what.table == nullptr ? nullptr : store_.keep(bytes, size);
+    if (handle != nullptr && name_packet(what.table, flow, handle)) {
         count(&poster_counts::packets);
     }
 }
