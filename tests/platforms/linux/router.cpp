@@ -13,6 +13,7 @@
 #include <stdexcept>
 
 #include "services/diag/errors.h"
+#include "services/window/window.h"
 
 namespace bed {
 namespace {
@@ -107,7 +108,10 @@ owner::~owner() {
 }
 
 void owner::leave() {
+    uint32_t window = 0;
+    ip6mc_shmwin_get_id(&window);
     library_->terminate(3);
+    shmwin_close(window, 1);  // the library leaves it mapped for a process that ends
     left_ = true;
 }
 
@@ -239,9 +243,10 @@ void router::start() {
 }
 
 void router::restart() {
-    o->leave();
-    o.reset();
-    ip6mc_shmwin_close();
+    if (o != nullptr) {
+        o->leave();
+        o.reset();
+    }
     o = std::make_unique<owner>(dir.path());
     table = ip6mc_table_lookup_by_tbl_id(kit::default_tid);
 }

@@ -129,6 +129,7 @@ TEST(LinuxRoutes, InheritAcceptTakesPacketsFromTheParentsInterfaces) {
     ASSERT_EQ(r.o->add(r.table, any("ff3e::", 64), {{3, A}}, MRIB_ROUTE_IF), 0U);
     EXPECT_EQ(r.forward(3, S1, G1), list{2});
     EXPECT_EQ(r.forward(1, S1, G1), list{});
+    ASSERT_EQ(r.o->change(r.table, any("ff3e::", 64), 0), 0U);  // gives its children back
     ASSERT_EQ(r.o->remove(r.table, any("ff3e::", 64)), 0U);
     EXPECT_EQ(r.forward(1, S1, G1), list{2});
 }
