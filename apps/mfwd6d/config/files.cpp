@@ -69,8 +69,8 @@ std::string read_file(const std::string &path, std::string *text) {
     if (file.fd() < 0 || fstat(file.fd(), &st) != 0) {
         return std::strerror(errno);
     }
-    if (!S_ISREG(st.st_mode) && !S_ISFIFO(st.st_mode)) {
-        return "not a regular file";
+    if (S_ISDIR(st.st_mode)) {
+        return "a folder, not a file";
     }
     text->clear();
     char part[65536];

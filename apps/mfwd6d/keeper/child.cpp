@@ -99,10 +99,15 @@ outcome child::start(uint64_t now_ms) {
     return {};
 }
 
-void child::ended(int status, uint64_t now_ms) {
-    const pid_t pid = pid_;
+void child::ended() {
     pid_ = -1;
     close_link();
+    due_ms_ = 0;
+}
+
+void child::died(int status, uint64_t now_ms) {
+    const pid_t pid = pid_;
+    ended();
     uint64_t delay = 0;
     if (ready_) {
         ever_ready_ = true;

@@ -35,10 +35,12 @@ class child {
     void close_link();
     void signal(int number) const;
 
+    // Its end was learnt of, and was asked for.
+    void ended();
     // Its end was learnt of: says so, and decides when it is to be started again. At once after a
     // death of a child that worked, unless that happens too often; later and later after failed
     // starts.
-    void ended(int status, uint64_t now_ms);
+    void died(int status, uint64_t now_ms);
     // When it is to be started, in the clock of `now_ms`; 0: not.
     uint64_t due_ms() const { return due_ms_; }
     void do_not_restart() { due_ms_ = 0; }

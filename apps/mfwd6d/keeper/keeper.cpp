@@ -94,7 +94,6 @@ class keeper_process {
     void after_owner();
     void look_at_time();
     int wait_ms() const;
-    std::string ready_text() const;
 
     const options &options_;
     run_folder folder_;
@@ -106,7 +105,6 @@ class keeper_process {
     int signal_fd_ = -1;
     phase phase_ = phase::working;
     bool keep_ = false;
-    bool first_start_ = true;
     uint64_t until_ms_ = 0;  // a child that ends late is ended then
     int exit_code_ = 0;
 };
@@ -280,25 +278,16 @@ void keeper_process::on_death(pid_t pid, int status) {
         on_link(*c);
     }
     const bool hopeless = WIFEXITED(status) && WEXITSTATUS(status) == exit_hopeless;
-    const bool never_worked = !c->was_ready();
-    if (phase_ == phase::working) {
-        if (c == &owner_ && hopeless && never_worked) {
-            exit_code_ = exit_error;  // it has said why
-            c->ended(status, now_ms());
-            c->do_not_restart();
-            begin_end(false);
-            return;
-        }
-        c->ended(status, now_ms());
-        return;
-    }
-    c->ended(status, now_ms());
-    c->do_not_restart();
-    until_ms_ = 0;
-    if (c == &packet_path_) {
-        end_owner();
+    if (phase_ == phase::working && c == &owner_ && hopeless && !c->was_ready()) {
+        exit_code_ = exit_error;  // it has said why
+        c->ended();
+        begin_end(false);
+    } else if (phase_ == phase::working) {
+        c->died(status, now_ms());
     } else {
-        after_owner();
+        c->ended();
+        until_ms_ = 0;
+        c == &packet_path_ ? end_owner() : after_owner();
     }
 }
 

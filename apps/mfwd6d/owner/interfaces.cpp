@@ -246,27 +246,27 @@ outcome interfaces::tell(interface &i, ipv4mc_idb_op what, const char *text) {
     return rc == 0 ? outcome{} : failure_of(rc, fmt::format("interface {}: {}", i.name, text));
 }
 
+outcome interfaces::apply_boundary(interface &i) {
+    return i.boundary.empty() ? outcome{} : set_boundary(i, i.boundary);
+}
+
 outcome interfaces::apply_settings(interface &i) {
     if (i.record == nullptr) {
         return need_record(i);
     }
-    const config::switch_word enabled = i.enabled;
-    const uint8_t ttl = i.ttl;
     outcome first = set_table(i, i.vrf, i.vrf_tid);
     const auto note = [&first](outcome o) {
         if (!first.failed()) {
             first = std::move(o);
         }
     };
-    if (enabled != config::switch_word::none) {
-        note(set_enabled(i, enabled));
+    if (i.enabled != config::switch_word::none) {
+        note(set_enabled(i, i.enabled));
     }
-    if (ttl != 0) {
-        note(set_ttl(i, ttl));
+    if (i.ttl != 0) {
+        note(set_ttl(i, i.ttl));
     }
-    if (!i.boundary.empty()) {
-        note(set_boundary(i, i.boundary));
-    }
+    note(apply_boundary(i));
     return first;
 }
 

@@ -81,6 +81,7 @@ class interfaces {
     // Tells the platform the settings of an interface, those that differ from none. The first
     // failure.
     outcome apply_settings(interface &i);
+    outcome apply_boundary(interface &i);
     outcome set_enabled(interface &i, config::switch_word enabled);
     outcome set_ttl(interface &i, uint8_t ttl);
     outcome set_boundary(interface &i, std::vector<config::prefix> boundary);

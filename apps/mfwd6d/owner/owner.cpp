@@ -79,9 +79,7 @@ outcome owner_process::start() {
         o = follow_links();
     }
     if (!o.failed()) {
-        o = start_platform();
-    }
-    if (!o.failed()) {
+        start_platform();
         apply_configuration();
         o = changed_routes_.start();
     }
@@ -155,21 +153,20 @@ outcome owner_process::follow_links() {
     return rc == 0 ? outcome{} : failure_of(rc, "the kernel's list of interfaces");
 }
 
-outcome owner_process::start_platform() {
-    state_->finish_start();
+// A platform that does not take all is no reason to stop: commands can mend it.
+void owner_process::start_platform() {
+    state_->before_resync();
+    outcome o;
     if (platform_.is_linux()) {
         const cerrno rc = platform_.resync(&resync_);
-        if (rc != 0) {
-            say(weight::error, "the kernel does not take all routes of the window: {}",
-                cerr_strerror(rc));
-        }
-        return {};
+        o = rc == 0 ? o : failure_of(rc, "the kernel does not take all routes of the window");
+    } else {
+        o = resynchronise(platform_, &resync_);
     }
-    const outcome o = resynchronise(platform_, &resync_);
     if (o.failed()) {
         say(weight::error, "{}", o.text);
     }
-    return {};
+    state_->after_resync();
 }
 
 // A configuration with a mistake changes nothing: what is in force goes on.

@@ -34,7 +34,7 @@ class owner_process {
 
   private:
     outcome open_window();
-    outcome start_platform();
+    void start_platform();
     outcome follow_links();
     outcome take_from_keeper();
     outcome start_timer();

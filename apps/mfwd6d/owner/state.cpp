@@ -19,6 +19,12 @@ bool has_stamp(const std::string &text) {
     return text.starts_with(stamp());
 }
 
+void tell_failure(const outcome &o) {
+    if (o.failed()) {
+        say(weight::error, "{}", o.text);
+    }
+}
+
 config::vrf_wish vrf_wish_of(const table &t) {
     config::vrf_wish wish;
     wish.table_id = t.tid;
@@ -84,21 +90,21 @@ outcome state::load_settings() {
     return {};
 }
 
-outcome state::finish_start() {
-    outcome first;
+// What decides the contents of entries comes before they are compared; the platform learns of its
+// tables by the comparison, so what names them comes behind it.
+void state::before_resync() {
+    interfaces_.each([&](interface &i) { tell_failure(interfaces_.apply_boundary(i)); });
+}
+
+void state::after_resync() {
     interfaces_.each([&](interface &i) {
         if (i.index != 0) {
             memberships_.appeared(i);
         }
-        if (i.has_settings() && i.index != 0) {
-            outcome o = interfaces_.apply_settings(i);
-            if (o.failed()) {
-                say(weight::error, "{}", o.text);
-                first = first.failed() ? first : std::move(o);
-            }
+        if (i.index != 0 && i.has_settings()) {
+            tell_failure(interfaces_.apply_settings(i));
         }
     });
-    return first;
 }
 
 outcome state::save_settings() const {

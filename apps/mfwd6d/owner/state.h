@@ -36,10 +36,11 @@ class state {
           run_dir_(std::move(run_dir)) {}
 
     // Takes over what the window and the files hold. With `is_new_window` the files are of an
-    // earlier one and go. Behind it links are told, then `finish_start` is called.
+    // earlier one and go. Behind it links are told.
     outcome start(bool is_new_window);
-    // Tells the platform the settings that it forgot with the last process.
-    outcome finish_start();
+    // Tell the platform the settings that it forgot with the last process.
+    void before_resync();
+    void after_resync();
 
     // News of the kernel's links.
     void appeared(uint32_t index, const char *name);
