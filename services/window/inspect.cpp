@@ -16,7 +16,10 @@ namespace {
 shmwin_block describe(const open_window &w, const located &l) {
     shmwin_block b = {};
     b.address = slot_address(w, l.index, l.slot);
-    b.size = block_bytes(l);
+    // No more than there is memory for, whatever a damaged descriptor says.
+    const uint32_t committed = journal::observe(w.super->heap.committed);
+    const uint32_t behind = committed > l.index ? committed - l.index : 1;
+    b.size = std::min(block_bytes(l), size_t{behind} << span_shift);
     b.live = l.live ? 1 : 0;
     if (l.live) {
         std::memcpy(b.words, b.address, sizeof(b.words));
@@ -119,7 +122,10 @@ cerrno shmwin_get_usage(uint32_t id, shmwin_usage *usage) {
     usage->generation = journal::observe(s.generation);
     usage->opened = journal::observe(s.opened);
     for (const journal::log *l : w->env.logs) {
-        usage->undone += journal::observe(l->undone);
+        const uint64_t undone = journal::observe(l->undone);
+        usage->undone += undone;
+        usage->changes += undone + journal::observe(l->commits);
+        usage->open += journal::observe(l->used) != 0 ? 1U : 0U;
     }
     return 0;
 }

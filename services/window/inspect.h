@@ -14,6 +14,8 @@ typedef struct shmwin_usage {
     uint64_t generation;  // goes up when the window is made or reset: pointers of before are void
     uint64_t opened;      // successful opens by an owner
     uint64_t undone;      // changes run back since the window was made, over all logs
+    uint64_t changes;     // changes finished or run back, over all logs; goes up with each one
+    uint32_t open;        // logs that hold a change which is neither
 } shmwin_usage;
 
 MFWD6_EXPORT cerrno shmwin_get_usage(uint32_t id, shmwin_usage *usage);
