@@ -54,7 +54,7 @@ class walk {
                 slab(at, s);
                 return 1;
             case span_kind::large:
-                show({&s, at, 0, true});
+                show({&s, at, 0, !is_held(w_, at, 0)});
                 return run_length(s);
             case span_kind::free:
                 show({&s, at, 0, false});
@@ -73,7 +73,8 @@ class walk {
         const uint32_t slots = slots_of(s.cls % class_count);
         for (uint32_t slot = 0; slot < slots && !ended_; ++slot) {
             const uint64_t bits = journal::observe(s.bits[slot / 64]);
-            show({&s, at, slot, ((bits >> (slot % 64)) & 1U) != 0});
+            const bool taken = ((bits >> (slot % 64)) & 1U) != 0;
+            show({&s, at, slot, taken && !is_held(w_, at, slot)});
         }
     }
 
@@ -199,6 +200,18 @@ cerrno shmwin_get_processes(uint32_t id, shmwin_process *list, uint32_t room, ui
         ++n;
     }
     *count = n;
+    return 0;
+}
+
+cerrno shmwin_get_mutex_deaths(uint32_t id, uint32_t *deaths) {
+    const open_window *w = find(id);
+    if (w == nullptr) {
+        return SHMWIN_ERR_BAD_ID;
+    }
+    if (deaths == nullptr) {
+        return EINVAL;
+    }
+    *deaths = journal::observe(w->super->window_mutex.deaths);
     return 0;
 }
 

@@ -23,7 +23,7 @@ MFWD6_EXPORT cerrno shmwin_get_usage(uint32_t id, shmwin_usage *usage);
 typedef struct shmwin_block {
     void *address;      // as shmwin_malloc gave it
     size_t size;        // bytes handed out, not less than what was asked for
-    int live;           // 0 for free memory
+    int live;           // 0 for free memory, also while readers keep it from reuse
     uint64_t words[4];  // the first 32 bytes of a live block, so that callers see their guard
 } shmwin_block;
 
@@ -51,6 +51,9 @@ typedef struct shmwin_process {
 // Writes up to `room` processes that have the window open; *count is how many there are.
 MFWD6_EXPORT cerrno shmwin_get_processes(uint32_t id, shmwin_process *list, uint32_t room,
                                          uint32_t *count);
+
+// How often the window mutex was left behind by a holder that died.
+MFWD6_EXPORT cerrno shmwin_get_mutex_deaths(uint32_t id, uint32_t *deaths);
 
 // How shmwin_open_win found the window.
 #define SHMWIN_FOUND_NEW 0U       // it was made, or a half-made one was made anew
