@@ -45,6 +45,13 @@ bool claim(open_window &w, reader_slot &r) {
     return std::atomic_ref<uint32_t>(r.peer).compare_exchange_strong(holder, w.env.self);
 }
 
+// A new epoch: whoever announces it has begun after all that was unlinked ahead of this call. Any
+// process may ask for one.
+uint64_t begin_epoch(open_window &w) {
+    return std::atomic_ref<uint64_t>(w.super->epochs.now).fetch_add(1, std::memory_order_seq_cst) +
+           1;
+}
+
 // The oldest epoch that a live reader still stands in; dead readers in the way are taken off.
 uint64_t oldest_reader(open_window &w, uint64_t none) {
     uint64_t oldest = none;
@@ -136,6 +143,27 @@ void each_chunk(const open_window &w, Visit visit) {
 
 }  // namespace
 
+// A dead reader counts until the block is asked for again: to tell, the kernel must be asked.
+bool has_readers(const open_window &w) {
+    // What led to the block was taken away ahead of this look, as in `announce`.
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    for (reader_slot &r : w.super->readers) {
+        if (journal::observe(r.peer) != 0 &&
+            std::atomic_ref<uint64_t>(r.epoch).load(std::memory_order_seq_cst) != 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+uint32_t reuse_held(open_window &w) {
+    if (journal::observe(w.super->heap.held) == 0) {
+        return 0;
+    }
+    const uint64_t now = begin_epoch(w);
+    return heap_reuse_held(w, oldest_reader(w, now), 0);
+}
+
 }  // namespace mfwd6::window
 
 using namespace mfwd6;
@@ -204,7 +232,7 @@ cerrno shmwin_defer(uint32_t id, void *block) {
     }
     epoch_state &e = w->super->epochs;
     // Beyond what counts: nobody sees the entry before the count says so.
-    e.last->entries[e.filled] = {reinterpret_cast<uint64_t>(block), e.now};
+    e.last->entries[e.filled] = {reinterpret_cast<uint64_t>(block), journal::observe(e.now)};
     store(e.filled, e.filled + 1);
     store(e.count, e.count + 1);
     return 0;
@@ -221,16 +249,15 @@ cerrno shmwin_reclaim(uint32_t id, uint32_t most, shmwin_final_fn final, void *c
     }
     epoch_state &e = w->super->epochs;
     uint32_t done = 0;
-    if (e.first != nullptr) {
-        // A new epoch: whoever announces it has begun after all that is deferred now was unlinked.
-        const uint64_t now = e.now + 1;
-        std::atomic_ref<uint64_t>(e.now).store(now, std::memory_order_seq_cst);
+    if (e.first != nullptr || journal::observe(w->super->heap.held) != 0) {
+        const uint64_t now = begin_epoch(*w);
         const uint64_t oldest = oldest_reader(*w, now);
         while (e.first != nullptr && (most == 0 || done < most) &&
                e.first->entries[e.taken].epoch < oldest) {
             end_oldest(*w, final, context);
             ++done;
         }
+        heap_reuse_held(*w, oldest, most);
     }
     if (ended != nullptr) {
         *ended = done;
@@ -286,7 +313,8 @@ cerrno shmwin_get_epochs(uint32_t id, shmwin_epoch_state *state) {
         return EINVAL;
     }
     const epoch_state &e = w->super->epochs;
-    *state = {journal::observe(e.now), journal::observe(e.count), 0, 0};
+    *state = {journal::observe(e.now), journal::observe(e.count), 0, 0,
+              journal::observe(w->super->heap.held)};
     const uint64_t oldest = e.first != nullptr ? e.first->entries[e.taken].epoch : 0;
     for (const reader_slot &r : w->super->readers) {
         const uint32_t holder = journal::observe(r.peer);

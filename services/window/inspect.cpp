@@ -17,7 +17,10 @@ namespace {
 shmwin_block describe(const open_window &w, const located &l) {
     shmwin_block b = {};
     b.address = slot_address(w, l.index, l.slot);
-    b.size = block_bytes(l);
+    // No more than there is memory for, whatever a damaged descriptor says.
+    const uint32_t committed = journal::observe(w.super->heap.committed);
+    const uint32_t behind = committed > l.index ? committed - l.index : 1;
+    b.size = std::min(block_bytes(l), size_t{behind} << span_shift);
     b.live = l.live ? 1 : 0;
     if (l.live) {
         std::memcpy(b.words, b.address, sizeof(b.words));
@@ -52,7 +55,7 @@ class walk {
                 slab(at, s);
                 return 1;
             case span_kind::large:
-                show({&s, at, 0, true});
+                show({&s, at, 0, !is_held(w_, at, 0)});
                 return run_length(s);
             case span_kind::free:
                 show({&s, at, 0, false});
@@ -71,7 +74,8 @@ class walk {
         const uint32_t slots = slots_of(s.cls % class_count);
         for (uint32_t slot = 0; slot < slots && !ended_; ++slot) {
             const uint64_t bits = journal::observe(s.bits[slot / 64]);
-            show({&s, at, slot, ((bits >> (slot % 64)) & 1U) != 0});
+            const bool taken = ((bits >> (slot % 64)) & 1U) != 0;
+            show({&s, at, slot, taken && !is_held(w_, at, slot)});
         }
     }
 
@@ -133,7 +137,10 @@ cerrno shmwin_get_usage(uint32_t id, shmwin_usage *usage) {
     usage->generation = journal::observe(s.generation);
     usage->opened = journal::observe(s.opened);
     for (const journal::log *l : w->env.logs) {
-        usage->undone += journal::observe(l->undone);
+        const uint64_t undone = journal::observe(l->undone);
+        usage->undone += undone;
+        usage->changes += undone + journal::observe(l->commits);
+        usage->open += journal::observe(l->used) != 0 ? 1U : 0U;
     }
     return 0;
 }
@@ -223,6 +230,18 @@ cerrno shmwin_get_locks(uint32_t id, shmwin_lock_state *list) {
     list[1] = lock_state("recovery", s.recovery_lock);
     list[2] = lock_state("window", s.window_mutex);
     list[3] = lock_state("packet client", s.packet_mutex);
+    return 0;
+}
+
+cerrno shmwin_get_mutex_deaths(uint32_t id, uint32_t *deaths) {
+    const open_window *w = find(id);
+    if (w == nullptr) {
+        return SHMWIN_ERR_BAD_ID;
+    }
+    if (deaths == nullptr) {
+        return EINVAL;
+    }
+    *deaths = journal::observe(w->super->window_mutex.deaths);
     return 0;
 }
 
