@@ -102,6 +102,9 @@ cerrno linux_set_interface_table(ifhtype ifh, uint32_t tid) {
 }
 
 cerrno linux_set_boundary(ifhtype ifh, const linux_prefix *prefixes, uint32_t count) {
+    if (!owner_started()) {
+        return EBADF;
+    }
     if (ifh == 0 || (prefixes == nullptr && count != 0)) {
         return EINVAL;
     }
@@ -111,6 +114,7 @@ cerrno linux_set_boundary(ifhtype ifh, const linux_prefix *prefixes, uint32_t co
     }
     const cerrno failed = set_prefixes(*i, prefixes, count);
     if (failed == 0) {
+        publish_boundaries();
         reprogram_all();
     }
     return failed;

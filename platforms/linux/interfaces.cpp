@@ -141,6 +141,26 @@ void set_boundary_acl(interface &i, ipv6_acl_handle_t acl) {
     count_boundary(i, before);
 }
 
+void publish_boundaries() {
+    book().begin_boundaries();
+    for (uint32_t n = 0; n < known.count; ++n) {
+        const interface &i = *known.all[n];
+        for (uint32_t prefix = 0; prefix < i.prefix_count; ++prefix) {
+            book().add_boundary({i.ifh, i.prefixes[prefix].length, i.prefixes[prefix].group});
+        }
+    }
+}
+
+bool inside_published_boundary(uint32_t ifh, const ip_maddr_st &group) {
+    for (uint32_t n = 0; book().opened() && n < book().boundaries(); ++n) {
+        const boundary_slot &b = book().boundary(n);
+        if (b.ifh == ifh && b.length <= 128 && in_prefix(group, b.group, b.length)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 bool in_prefix(const ip_maddr_st &address, const ip_maddr_st &prefix, uint32_t length) {
     const uint32_t whole = length / 8;
     if (std::memcmp(address.bytes, prefix.bytes, whole) != 0) {

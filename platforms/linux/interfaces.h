@@ -42,6 +42,10 @@ void set_boundary_acl(interface &i, ipv6_acl_handle_t acl);
 // True when packets of the group neither come in nor go out here.
 bool inside_boundary(uint32_t ifh, const ip_maddr_st &group);
 
+// Writes the prefixes of all interfaces into the ledger, for other processes; and what they ask.
+void publish_boundaries();
+bool inside_published_boundary(uint32_t ifh, const ip_maddr_st &group);
+
 // True when `address` is in the prefix.
 bool in_prefix(const ip_maddr_st &address, const ip_maddr_st &prefix, uint32_t length);
 

@@ -10,7 +10,7 @@ constexpr mrib_attrib_entry_type uses_mif =
     MRIB_INTF_ACCEPT | MRIB_INTF_FORWARD | MRIB_INTF_NEGATE_SIGNAL;
 
 bool is_use(const intf_extension &e) {
-    return e.run == self().run;
+    return e.counted_by(self().run);
 }
 
 }  // namespace
@@ -22,7 +22,7 @@ cerrno settle_use(table &t, ipv4mc_intf_entry_st &entry, bool must_exist) {
     }
     intf_extension &e = extension(entry);
     const bool first = !is_use(e);
-    uint32_t mif = e.mif;
+    uint32_t mif = e.mif();
     cerrno failed = first ? take_mif(t, entry.ifh, must_exist, &mif) : 0;
     if (failed == 0 && (entry.attributes & MRIB_INTF_ACCEPT) != 0) {
         failed = rule_mif(t, mif);
@@ -31,8 +31,7 @@ cerrno settle_use(table &t, ipv4mc_intf_entry_st &entry, bool must_exist) {
         }
     }
     if (failed == 0) {
-        e.mif = mif;
-        e.run = self().run;
+        e.set(self().run, mif);
     }
     return failed;
 }
@@ -40,8 +39,9 @@ cerrno settle_use(table &t, ipv4mc_intf_entry_st &entry, bool must_exist) {
 void end_use(table &t, ipv4mc_intf_entry_st &entry) {
     intf_extension &e = extension(entry);
     if (is_use(e)) {
-        e.run = 0;
-        give_mif(t, e.mif);
+        const uint32_t mif = e.mif();
+        e = {};
+        give_mif(t, mif);
     }
 }
 

@@ -19,8 +19,8 @@ namespace {
 
 constexpr uint64_t ledger_magic = 0x6d66776436206c64;  // "mfwd6 ld"
 constexpr uint32_t ledger_version = 1;
-constexpr uint32_t ledger_layout =
-    sizeof(flow_slot) + 1000 * sizeof(mif_slot) + 100000 * tables_max + flow_heads + flows_max;
+constexpr uint32_t ledger_layout = sizeof(flow_slot) + 1000 * sizeof(mif_slot) +
+                                   100000 * tables_max + flow_heads + flows_max + boundaries_max;
 constexpr size_t fixed_bytes = offsetof(ledger_map, flows);
 constexpr uint32_t grow_by = 4096;  // flow slots
 
@@ -153,10 +153,6 @@ cerrno ledger::open_owner(const char *folder) {
     if (map_->head.magic == 0) {
         map_->head.version = ledger_version;
         map_->head.layout = ledger_layout;
-        // Epochs begin where no record of an earlier ledger can have one.
-        timespec now = {};
-        (void)clock_gettime(CLOCK_REALTIME, &now);
-        map_->head.last_epoch = static_cast<uint32_t>(now.tv_sec) << 4;
         std::atomic_signal_fence(std::memory_order_seq_cst);
         map_->head.magic = ledger_magic;
     }
@@ -240,7 +236,18 @@ void ledger::drop_table(uint32_t slot) {
 }
 
 void ledger::begin_epoch(uint32_t slot) {
-    table(slot).epoch = ++map_->head.last_epoch;
+    table(slot).epoch = next_stamp();
+}
+
+// Time in steps of 32 ns: a ledger that was lost had smaller ones, and records may have them.
+uint64_t ledger::next_stamp() {
+    timespec now = {};
+    (void)clock_gettime(CLOCK_REALTIME, &now);
+    const uint64_t stamp =
+        (static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec)) >> 5;
+    uint64_t &last = map_->head.last_stamp;
+    last = stamp > last ? stamp : last + 1;
+    return last;
 }
 
 // ---- recent keys --------------------------------------------------------------------------------
@@ -260,6 +267,14 @@ void ledger::note(uint32_t kernel_table, const entry_key &key) {
 void ledger::forget_recent() {
     for (recent_key &place : map_->recent) {
         place.kernel_table = 0;
+    }
+}
+
+void ledger::add_boundary(const boundary_slot &boundary) {
+    const uint32_t place = map_->head.boundaries;
+    if (place < boundaries_max) {
+        map_->boundaries[place] = boundary;
+        publish(map_->head.boundaries, place + 1);
     }
 }
 

@@ -22,6 +22,7 @@ inline constexpr uint32_t tables_max = 256;
 inline constexpr uint32_t flows_max = 1U << 18;
 inline constexpr uint32_t flow_heads = 1U << 16;
 inline constexpr uint32_t recent_keys = 256;
+inline constexpr uint32_t boundaries_max = 1024;
 inline constexpr size_t link_name_bytes = 16;  // IFNAMSIZ
 
 enum mif_states : uint32_t { mif_free = 0, mif_interface = 1, mif_register = 2 };
@@ -40,8 +41,7 @@ static_assert(sizeof(mif_slot) == 32);
 struct table_slot {
     uint32_t kernel_table;  // 0: free
     uint32_t tid;
-    uint32_t epoch;  // of the kernel's state: a new one whenever it began empty
-    uint32_t reserved;
+    uint64_t epoch;  // of the kernel's state: a new one whenever it began empty
     mif_slot mifs[mifs_of_table];
 };
 
@@ -77,22 +77,32 @@ struct flow_slot {
 };
 static_assert(sizeof(flow_slot) == 136);
 
+// A prefix of groups that neither come in nor go out by an interface; for who reads reports.
+struct boundary_slot {
+    uint32_t ifh;
+    uint32_t length;
+    ip_maddr_st group;
+};
+
 struct ledger_head {
     uint64_t magic;
     uint32_t version;
     uint32_t layout;   // sizes, as one number
     uint32_t retired;  // 1: another file has taken its place
-    uint32_t last_epoch;
-    uint32_t recent_next;
-    uint32_t flow_room;  // slots that the file really has
-    uint32_t flow_used;  // slots ever taken: none beyond
     uint32_t reserved;
+    uint64_t last_stamp;
+    uint32_t recent_next;
+    uint32_t flow_room;   // slots that the file really has
+    uint32_t flow_used;   // slots ever taken: none beyond
+    uint32_t boundaries;  // in use
+    uint32_t reserved_2;
 };
 
 struct ledger_map {
     ledger_head head;
     table_slot tables[tables_max];
     recent_key recent[recent_keys];
+    boundary_slot boundaries[boundaries_max];
     uint32_t heads[chains][flow_heads];
     flow_slot flows[flows_max];
 };
@@ -120,13 +130,20 @@ class ledger {
     // A new epoch for a table whose kernel side is empty.
     void begin_epoch(uint32_t slot);
 
-    // A number that no earlier start had; never 0.
-    uint32_t next_run() { return ++map_->head.last_epoch; }
+    // A number that nobody had before, with this ledger or another one; below 2^56, never 0.
+    uint64_t next_stamp();
 
     // ---- recent keys ----
     void note(uint32_t kernel_table, const entry_key &key);
     const recent_key &recent(uint32_t n) const { return map_->recent[n]; }
     void forget_recent();
+
+    // ---- boundaries ----
+    // Writes all of them anew; what does not fit is left out: a signal more.
+    void begin_boundaries() { publish(map_->head.boundaries, 0); }
+    void add_boundary(const boundary_slot &boundary);
+    uint32_t boundaries() const { return load(map_->head.boundaries); }
+    const boundary_slot &boundary(uint32_t n) const { return map_->boundaries[n]; }
 
     // ---- flows ----
     uint32_t flows_used() const { return load(map_->head.flow_used); }

@@ -14,7 +14,7 @@ struct life {
     bool owner = false;
     bool resynced = false;  // uses of mifs are known: what nobody uses may go
     char folder[256] = {};  // of the ledger; empty: none
-    uint32_t run = 0;       // this start of the platform, never 0: marks what it counted
+    uint64_t run = 0;       // this start of the platform, never 0: marks what it counted
     uint32_t now = 0;       // seconds, as of the last call of linux_age or report
     uint32_t held_seconds = LINUX_HELD_SECONDS;
     uint32_t idle_seconds = LINUX_IDLE_SECONDS;

@@ -93,7 +93,8 @@ typedef struct linux_prefix {
 
 // The groups that neither come in nor go out by this interface; replaces those set before. Entries
 // in the kernel are changed at once. Beside it the interface's boundary access list counts, where
-// it has one (IPV4MC_IDB_OP_BOUNDARY_UPDATE): a group that it denies stays inside. EINVAL, ENOMEM.
+// it has one (IPV4MC_IDB_OP_BOUNDARY_UPDATE): a group that it denies stays inside. EINVAL, ENOMEM;
+// EBADF before the start.
 MFWD6_EXPORT cerrno linux_set_boundary(ifhtype ifh, const linux_prefix *prefixes, uint32_t count);
 
 // Lifetimes in seconds, for tests and for operators; 0 is the default again.
@@ -168,8 +169,9 @@ MFWD6_EXPORT cerrno linux_report_interface(ipv4mc_table_st *table, const linux_f
                                            ifhtype *ifh);
 
 // 1 when the control plane is to hear of the flow as a signal, 0 when not: nothing matches in
-// `table` (the table-id side), or the route that matches signals packets from this interface. Needs
-// the library started in this process, owner or attached.
+// `table` (the table-id side), or the route that matches signals packets from this interface; never
+// a group inside a boundary of linux_set_boundary. Needs the library started in this process, owner
+// or attached.
 MFWD6_EXPORT int linux_report_signals(ipv4mc_table_st *table, const linux_flow *flow, ifhtype ifh);
 
 // ---- the ledger, in any process -----------------------------------------------------------------

@@ -19,7 +19,7 @@ const ipv4mc_intf_entry_st *leaving = nullptr;
 // The mif that an entry of a route stands for, no_mif when it has none.
 uint32_t mif_of_entry(const table &t, ipv4mc_intf_entry_st &entry) {
     const intf_extension &e = extension(entry);
-    return e.run == self().run ? e.mif : mif_of(t, entry.ifh);
+    return e.counted_by(self().run) ? e.mif() : mif_of(t, entry.ifh);
 }
 
 void add_inherited(const table &t, ipv4mc_route_entry_st &route, const ip_maddr_st &group,
@@ -94,6 +94,7 @@ cerrno remove_own(table &t, ipv4mc_route_entry_st &route) {
 // between the two calls waits in the kernel's queue for the second.
 cerrno turn_to_flow(table &t, ipv4mc_route_entry_st &route) {
     route_extension &e = extension(route);
+    book().note(t.kernel_table, key_of(route));
     const counters seen = counted(t, key_of(route));
     set_local_copy(t, route.group, &e.local_mif_plus_1, no_mif);
     if (seen.wrong_interface != 0) {
@@ -155,6 +156,20 @@ void program_child(table &t, ipv4mc_route_entry_st &child) {
     if (extension(child).committed != 0) {
         (void)program_route(t, child, false);
     }
+}
+
+// Routes that inherit from this one. Some may still do when its flag is gone: an owner may die
+// between taking the flag and turning them away.
+void tell_children(table &t, ipv4mc_route_entry_st &route, const legs &l) {
+    route_extension &e = extension(route);
+    const bool is_parent = (route.attributes & MRIB_ROUTE_IF) != 0;
+    if ((is_parent || e.has_children != 0) && (e.accepts != l.own_accepts || boundaries_set())) {
+        const uint64_t children = each_child(t, route, program_child);
+        e.has_children = is_parent || children != 0 ? 1 : 0;
+    } else if (is_parent) {
+        e.has_children = 1;
+    }
+    e.accepts = l.own_accepts;
 }
 
 bool names(const table &t, ipv4mc_route_entry_st &route, uint32_t mif) {
@@ -254,11 +269,7 @@ cerrno program_route(table &t, ipv4mc_route_entry_st &route, bool force) {
         return failed;
     }
     e.epoch = epoch_of(t);
-    const bool parent_of_others = (route.attributes & MRIB_ROUTE_IF) != 0;
-    if (parent_of_others && (e.accepts != l.own_accepts || boundaries_set())) {
-        each_child(t, route, program_child);
-    }
-    e.accepts = l.own_accepts;
+    tell_children(t, route, l);
     turn_flows_of(t, route, &route, force);
     return 0;
 }

@@ -34,11 +34,12 @@ ipv4mc_route_entry_st *matching_route(ipv4mc_table_st *record, const entry_key &
     return route;
 }
 
-void each_child(table &t, ipv4mc_route_entry_st &parent, child_fn fn) {
+uint64_t each_child(table &t, ipv4mc_route_entry_st &parent, child_fn fn) {
     ipv4mc_table_st *record = parent.table;
     if (record == nullptr || ipv4mc_desc->state != IPV4MC_LIB_STATE_READY) {
-        return;
+        return 0;
     }
+    uint64_t count = 0;
     const ip_maddr_st any = {};
     for (ipv4mc_route_entry_st *route =
              ip6mc_route_first_key(record, &any, &parent.group, parent.pfx_len);
@@ -46,8 +47,10 @@ void each_child(table &t, ipv4mc_route_entry_st &parent, child_fn fn) {
          route = ip6mc_route_next(record, route)) {
         if (route != &parent && route->IF_parent == &parent) {
             fn(t, *route);
+            ++count;
         }
     }
+    return count;
 }
 
 }  // namespace mfwd6::lnx

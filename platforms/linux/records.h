@@ -11,22 +11,28 @@ namespace mfwd6::lnx {
 // Behind a route. Zero in a new one. `epoch` is that of the table when the rest was written: with
 // another one the kernel has nothing of the route.
 struct route_extension {
-    uint32_t epoch;
+    uint64_t epoch;
     mif_set outputs;  // of its own entry
     mif_set accepts;  // interfaces of the route itself that accept
     uint8_t parent;   // of its own entry
     uint8_t committed;
     uint8_t has_entry;         // of its own
     uint8_t local_mif_plus_1;  // where it holds a membership of this node, 0: nowhere
-    uint64_t packets;          // beside those that its entries count now: of entries that are gone
+    uint8_t has_children;      // routes may take their accepting interfaces from here
+    uint8_t reserved[3];
+    uint64_t packets;  // beside those that its entries count now: of entries that are gone
     uint64_t bytes;
 };
-static_assert(sizeof(route_extension) == 32);
+static_assert(sizeof(route_extension) == 40);
 
-// Behind an interface entry: the use of a mif that it counts for, of the run that it is of.
+// Behind an interface entry: the mif that it counts as a use of, of the run that counted it. One
+// word.
 struct intf_extension {
-    uint32_t run;
-    uint32_t mif;
+    uint64_t run_and_mif;  // the run in the upper 56 bits; 0: none
+
+    bool counted_by(uint64_t run) const { return run_and_mif >> 8 == run; }
+    uint32_t mif() const { return static_cast<uint32_t>(run_and_mif & 0xff); }
+    void set(uint64_t run, uint32_t mif_number) { run_and_mif = run << 8 | mif_number; }
 };
 static_assert(sizeof(intf_extension) == 8);
 
@@ -60,9 +66,9 @@ ipv4mc_route_entry_st *exact_route(ipv4mc_table_st *record, const entry_key &key
 // The route that takes packets of a flow, or nullptr.
 ipv4mc_route_entry_st *matching_route(ipv4mc_table_st *record, const entry_key &key);
 
-// Called for each route that takes its accepting interfaces from `parent`.
+// Called for each route that takes its accepting interfaces from `parent`. How many there are.
 using child_fn = void (*)(table &t, ipv4mc_route_entry_st &child);
-void each_child(table &t, ipv4mc_route_entry_st &parent, child_fn fn);
+uint64_t each_child(table &t, ipv4mc_route_entry_st &parent, child_fn fn);
 
 }  // namespace mfwd6::lnx
 

@@ -143,6 +143,9 @@ int linux_report_signals(ipv4mc_table_st *record, const linux_flow *flow, ifhtyp
     if (record == nullptr || flow == nullptr) {
         return 0;
     }
+    if (inside_published_boundary(ifh, flow->group)) {
+        return 0;
+    }
     const entry_key key = {flow->source, flow->group};
     ipv4mc_route_entry_st *route = matching_route(record, key);
     if (route == nullptr) {

@@ -61,7 +61,8 @@ cerrno start_owner(void *evm) {
         book().close();
         return failed;
     }
-    self().run = book().next_run();
+    self().run = book().next_stamp();
+    publish_boundaries();  // none yet: the program says them again
     self().resynced = ledger_is_empty();
     self().now = seconds_now();
     return 0;

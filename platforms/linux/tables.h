@@ -28,7 +28,7 @@ table *table_at(uint32_t n);  // n from 0; nullptr at the end
 inline mif_slot &mif_at(const table &t, uint32_t mif) {
     return book().table(t.slot).mifs[mif];
 }
-inline uint32_t epoch_of(const table &t) {
+inline uint64_t epoch_of(const table &t) {
     return book().table(t.slot).epoch;
 }
 

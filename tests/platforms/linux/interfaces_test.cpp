@@ -189,6 +189,11 @@ TEST(LinuxInterfaces, AGroupInsideABoundaryNeitherComesInNorGoesOut) {
     EXPECT_EQ(r.forward(1, S1, "ff35::1"), list{});
     EXPECT_EQ(r.forward(1, S1, "ff35::2"), list{});
     EXPECT_EQ(r.forward(1, S1, "ff35::4"), list{});
+    ASSERT_EQ(r.o->remove(r.table, any("ff35::", 16)), 0U);
+    EXPECT_EQ(r.forward(1, S1, "ff35::5"), list{});
+    ASSERT_EQ(r.reports.size(), 1U);
+    EXPECT_EQ(r.reports[0].signals, 0);  // not even a signal
+    ASSERT_EQ(r.o->add(r.table, any("ff35::", 16), {{1, A}, {2, F}, {3, F}}), 0U);
     EXPECT_EQ(r.forward(1, S1, "ff3e::1"), (list{2, 3}));
     ASSERT_EQ(linux_set_boundary(net::network::handle(1), nullptr, 0), 0U);
     ASSERT_EQ(linux_set_boundary(net::network::handle(2), nullptr, 0), 0U);

@@ -186,6 +186,20 @@ std::string line_of(const std::string &source, const std::string &group, const s
     return line + " State: resolved";
 }
 
+std::string describe(const ipv4mc_route_entry_st &route) {
+    std::ostringstream text;
+    text << net::text_of(route.source) << " " << net::text_of(route.group) << "/" << route.pfx_len
+         << " " << route.attributes;
+    for (const ipv4mc_intf_entry_st *entry = route.intf_list; entry != nullptr;
+         entry = entry->next_intf) {
+        text << " " << link_name(entry->ifh) << ":" << entry->attributes;
+    }
+    if (route.IF_parent != nullptr) {
+        text << " below " << describe(*route.IF_parent);
+    }
+    return text.str();
+}
+
 struct expectation {
     ipv4mc_table_st *table;
     uint32_t kernel_table;
@@ -221,11 +235,13 @@ cerrno expect_flow(const linux_flow_entry *flow, void *context) {
     }
     const std::string source = net::text_of(flow->source);
     const std::string group = net::text_of(flow->group);
-    EXPECT_EQ(e.own.count(source + " " + group), 0U) << "a flow of a route that has an entry";
     ifhtype parent = 0;
     EXPECT_EQ(linux_mif_handle(flow->kernel_table, flow->parent_mif, &parent), 0U);
     ipv4mc_route_entry_st *route = nullptr;
     ip6mc_lookup(e.table, &flow->source, &flow->group, 0, &route, nullptr);
+    EXPECT_EQ(e.own.count(source + " " + group), 0U)
+        << "a flow of a route that has an entry: " << source << " " << group << " "
+        << (route != nullptr ? describe(*route) : "none");
     EXPECT_EQ(flow->held == 1, route == nullptr) << source << " " << group;
     std::set<std::string> outputs;
     if (route != nullptr) {
@@ -300,6 +316,7 @@ int take_over(held_sockets &sockets, const std::string &folder, uint32_t seed) {
     EXPECT_EQ(again.removed, 0U);
     EXPECT_EQ(again.failed, 0U);
     // And it can go on.
+    SCOPED_TRACE("after more work");
     worker more(o, seed);
     for (int n = 0; n < 50; ++n) {
         more.step();

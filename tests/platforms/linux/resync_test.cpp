@@ -193,7 +193,7 @@ TEST(LinuxResync, TwoOwnersOfALedgerAreRefused) {
         // The ledger alone: the window refuses a second owner by itself.
         ipv4mc_descriptor_struct descriptor = {};
         (void)ip6mc_platform_lib_terminate(1, 3);
-        plat_params.route_extension_size = 32;
+        plat_params.route_extension_size = 40;
         plat_params.intf_extension_size = 8;
         _exit(ip6mc_platform_lib_init(nullptr, 0, &descriptor) == EBUSY ? 0 : 1);
     }
