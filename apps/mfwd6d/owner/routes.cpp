@@ -4,6 +4,8 @@
 
 #include "apps/mfwd6d/config/scan.h"
 #include "apps/mfwd6d/say.h"
+#include "ipv4/multicast/lib/ip6mc_objid.h"
+#include "ipv4/multicast/lib/ip6mc_platform_wrappers.h"
 #include "services/journal/journal.h"
 
 namespace mfwd6::daemon {
@@ -55,6 +57,20 @@ cerrno alter(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st *entry, ipv4mc_i
 
 cerrno leave(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st *entry) {
     return operate(IPV4MC_ACTION_DELETE, route, entry->ifh, nullptr, &entry, entry->attributes, 0);
+}
+
+// Ends a leaf that was never committed. DELETE is for routes that are found.
+void undo_create(const route_id &id, ipv4mc_route_entry_st *route) {
+    while (route->intf_list != nullptr) {
+        if (leave(route, route->intf_list) != 0) {
+            break;
+        }
+    }
+    ipv4mc_route_entry_st *same = route;
+    ip6mc_platform_route_operation_wrapper(IPV4MC_ACTION_DELETE, id.table, &id.source, &id.group,
+                                           id.length, &same, 0, 0, 0);
+    ipmc_object_ida_free(&route->obj_id);
+    ip6mc_route_oper_create_fail_cleanup(id.table, &route, id.table->ingress_gtrie);
 }
 
 ipv4mc_intf_entry_st *entry_of(ipv4mc_route_entry_st *route, ifhtype ifh) {
@@ -179,9 +195,7 @@ outcome routes::create(const route_id &id, ipv4mc_route_entry_st *route, uint64_
     if (rc == 0) {
         return {};
     }
-    is_new = 0;
-    route->attributes = 0;
-    operate(IPV4MC_ACTION_DELETE, id, &route, 0, &is_new);
+    undo_create(id, route);
     return refused(rc, id, at_fault);
 }
 
