@@ -36,4 +36,10 @@ void stop_if_interrupted() {
     }
 }
 
+bool take_interrupt() {
+    const bool was = interrupted();
+    noted = 0;
+    return was;
+}
+
 }  // namespace ctl

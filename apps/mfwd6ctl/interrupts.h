@@ -14,6 +14,10 @@ bool interrupted();
 // Throws failure(exit_code::interrupted) then.
 void stop_if_interrupted();
 
+// The command deals with the first one in its own way, and goes on: what it has still to say is not
+// cut off. True if there was one.
+bool take_interrupt();
+
 }  // namespace ctl
 
 #endif

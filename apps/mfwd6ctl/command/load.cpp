@@ -54,17 +54,13 @@ class loader {
 
     void run() {
         while (!is_done()) {
-            if (interrupted() && !stopped_) {
+            if (take_interrupt()) {
                 stopped_ = true;
                 source_.stop();
             }
             while (wants_lines() && source_.read_some()) {
             }
-            while (can_send()) {
-                send_batch();
-            }
-            socket_.exchange(slice_ms, wants_lines() ? source_.descriptor() : -1);
-            take_answers();
+            exchange();
             check_patience();
             draw();
         }
@@ -97,6 +93,29 @@ class loader {
     }
     bool can_send() const {
         return !source_.lines.empty() && under_way_.size() < requests_under_way;
+    }
+
+    // Bytes both ways. An owner that goes away is told of with what it had answered until then.
+    void exchange() {
+        try {
+            while (can_send()) {
+                send_batch();
+            }
+            socket_.exchange(slice_ms, wants_lines() ? source_.descriptor() : -1);
+            take_answers();
+        } catch (const failure &f) {
+            bar_.end();
+            take_answers();
+            throw failure(f.code(), fmt::format("{}. {}", f.what(), extent()));
+        }
+    }
+
+    // How far the load has come.
+    std::string extent() const {
+        return under_way_.empty()
+                   ? fmt::format("{} lines are done", done_)
+                   : fmt::format("{} lines are done; from line {} on it is not known", done_,
+                                 under_way_.front().front());
     }
 
     void send_batch() {
@@ -162,11 +181,8 @@ class loader {
             return;
         }
         bar_.end();
-        throw failure(
-            exit_code::absent,
-            fmt::format("mfwd6d has not answered for {} s. {} lines are done; from line {} "
-                        "on it is not known",
-                        timeout_s_, done_, under_way_.front().front()));
+        throw failure(exit_code::absent,
+                      fmt::format("mfwd6d has not answered for {} s. {}", timeout_s_, extent()));
     }
 
     void draw() {

@@ -167,7 +167,11 @@ void command_socket::read_some() {
 
 answer command_socket::parse(const std::string &line) const {
     const json j = json::parse(line, nullptr, false);
-    if (!j.is_object() || !j.contains("code") || !j["code"].is_number()) {
+    const auto is = [&](const char *name, bool (json::*type)() const noexcept, bool must) {
+        return j.contains(name) ? (j[name].*type)() : !must;
+    };
+    if (!j.is_object() || !is("code", &json::is_number_unsigned, true) ||
+        !is("text", &json::is_string, false)) {
         throw failure(exit_code::failed,
                       "mfwd6d answered with something that is no answer: " + line.substr(0, 200));
     }

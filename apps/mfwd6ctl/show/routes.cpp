@@ -137,6 +137,7 @@ void write_routes(const window &w, const request &r, bool as_json) {
 }
 
 void show_routes(const options &how, const request &r) {
+    wish_of(r);  // what makes no sense is told of without a window
     const window w(how, need::library);
     if (r.count) {
         write_count(w, r, route_kind::routes, how.json);
@@ -177,6 +178,7 @@ std::vector<std::string> signal_row(const table_copy &table, const route_copy &r
 }
 
 void show_signals(const options &how, const request &r) {
+    wish_of(r);
     const window w(how, need::library);
     if (r.count) {
         write_count(w, r, route_kind::signals, how.json);

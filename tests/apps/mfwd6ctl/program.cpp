@@ -32,7 +32,7 @@ ends make_pipe() {
     return {fds[0], fds[1]};
 }
 
-void become(const words &arguments, int in, int out, int err) {
+void become(const words &arguments, uid_t user, int in, int out, int err) {
     dup2(in, STDIN_FILENO);
     dup2(out, STDOUT_FILENO);
     dup2(err, STDERR_FILENO);
@@ -47,6 +47,9 @@ void become(const words &arguments, int in, int out, int err) {
     for (const int number : {SIGINT, SIGPIPE, SIGTERM}) {
         ::signal(number, SIG_DFL);
     }
+    if (user != 0 && (setgid(user) != 0 || setuid(user) != 0)) {
+        _exit(126);
+    }
     execv(MFWD6CTL, argv.data());
     _exit(127);
 }
@@ -60,13 +63,13 @@ void close_if_open(int &fd) {
 
 }  // namespace
 
-program::program(const words &arguments) {
+program::program(const words &arguments, uid_t user) {
     ends in = make_pipe();
     ends out = make_pipe();
     ends err = make_pipe();
     pid_ = fork();
     if (pid_ == 0) {
-        become(arguments, in.read, out.write, err.write);
+        become(arguments, user, in.read, out.write, err.write);
     }
     close(in.read);
     close(out.write);

@@ -23,8 +23,8 @@ struct ended {
 // One run of the program. Its environment says nothing of run dirs, and it speaks in C.UTF-8.
 class program {
   public:
-    // Arguments without the program's name.
-    explicit program(const words &arguments);
+    // Arguments without the program's name. With a `user` other than 0 it runs as that one.
+    explicit program(const words &arguments, uid_t user = 0);
     ~program();  // kills it if it still runs
     program(const program &) = delete;
     program &operator=(const program &) = delete;
