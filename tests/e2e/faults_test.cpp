@@ -237,7 +237,7 @@ TEST_F(Start, AWindowOfAnotherVersionThatIsInUseIsNamedAndLeftAlone) {
         netlab::run_program(netlab::network_namespace(), netlab::program_folder() + "/mfwd6ctl",
                             {"--run-dir", dir, "show", "routes"});
     EXPECT_NE(shown.code, 0);
-    EXPECT_NE(shown.err.find("window"), std::string::npos) << shown.err;
+    EXPECT_NE(shown.err.find("another version"), std::string::npos) << shown.err;
     other.tell();
     EXPECT_EQ(other.wait(), 0);  // what was in it is still there
     netlab::network_namespace().shell("rm -r " + dir);
