@@ -24,8 +24,8 @@ class bvi_walk {
         walk_mappings();
         for (const auto &[entry, facts] : all_.entries) {
             if (load(entry->bvi_if) != nullptr && !facts.tied) {
-                w_.wrong(about(entry), "bvi_if",
-                         "names a tie that is in no tree: " + hex(load(entry->bvi_if)));
+                w_.missing(about(entry), "bvi_if",
+                           "names a tie that is in no tree: " + hex(load(entry->bvi_if)));
             }
         }
     }
@@ -50,7 +50,7 @@ class bvi_walk {
         }
         const ipv4mc_route_entry_st *route = load(tie->route);
         if (route == nullptr || all_.routes.count(route) == 0) {
-            return w_.wrong(self, "route", "names no known route: " + hex(route));
+            return w_.missing(self, "route", "names no known route: " + hex(route));
         }
         for (const ipv4mc_intf_entry_st *entry = first_entry(route); entry != nullptr;
              entry = next_entry(entry)) {
@@ -59,7 +59,7 @@ class bvi_walk {
                 return;
             }
         }
-        w_.wrong(self, "route", "has no interface that is tied by it");
+        w_.missing(self, "route", "has no interface that is tied by it");
     }
 
     // The lists of routes were proved, as far as they are known.

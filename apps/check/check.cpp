@@ -43,7 +43,14 @@ void check_heap(walk &w) {
     }
 }
 
+shmwin_usage usage_now() {
+    shmwin_usage usage{};
+    shmwin_get_usage(ipv4mc_desc->shmwin_id, &usage);
+    return usage;
+}
+
 report walk_once(const options &how) {
+    const shmwin_usage before = usage_now();
     walk w(ipv4mc_desc->shmwin_id, ipv4mc_desc->shmwin_info, how.live, how.most_findings);
     const processes found = look_for_processes(w.window());
     w.result().owner = found.owner;
@@ -64,7 +71,10 @@ report walk_once(const options &how) {
     for (const auto &[record, count] : w.counts()) {
         w.result().walked[record] += count;
     }
+    const shmwin_usage after = usage_now();
     w.result().rounds = 1;
+    w.result().open_changes = after.open;
+    w.result().quiet = before.changes == after.changes && before.open == 0 && after.open == 0;
     return std::move(w.result());
 }
 
@@ -88,15 +98,21 @@ void keep_common(report &first, const report &again) {
     keep_common(first.leftovers, again.leftovers);
     first.more_findings = std::min(first.more_findings, again.more_findings);
     first.more_leftovers = std::min(first.more_leftovers, again.more_leftovers);
-    std::set<uint64_t> orphans;
-    for (const orphan &each : again.orphans) {
-        orphans.insert(each.address);
-    }
-    std::erase_if(first.orphans,
-                  [&](const orphan &each) { return orphans.count(each.address) == 0; });
 }
 
-void count_orphans(report &found) {
+// What a walk beside changes cannot know.
+void forget_absences(report &found) {
+    std::erase_if(found.findings, [](const finding &each) { return each.absence; });
+    found.more_findings = 0;
+}
+
+void keep_orphans(report &found, const std::vector<orphan> &also) {
+    std::set<uint64_t> known;
+    for (const orphan &each : also) {
+        known.insert(each.address);
+    }
+    std::erase_if(found.orphans,
+                  [&](const orphan &each) { return known.count(each.address) == 0; });
     for (blocks_of_type &each : found.blocks) {
         each.orphans = 0;
         each.orphan_bytes = 0;
@@ -107,15 +123,31 @@ void count_orphans(report &found) {
     }
 }
 
-// Walks until nothing is left to confirm, or `rounds` walks agree on what is.
+// What a quiet walk finds is so. A block that nothing leads to, however, may be in the hands of a
+// live process: no quiet walk may find it led to.
 report walk_beside_others(const options &how) {
     report found = walk_once(how);
-    while (found.rounds < how.rounds && !(found.clean() && found.orphans.empty())) {
+    uint32_t quiet = found.quiet ? 1 : 0;
+    uint32_t round = 1;
+    for (; round < how.rounds && !(found.quiet && found.orphans.empty()); ++round) {
         std::this_thread::sleep_for(std::chrono::milliseconds(how.pause_ms));
-        keep_common(found, walk_once(how));
-        ++found.rounds;
+        report again = walk_once(how);
+        quiet += again.quiet ? 1U : 0U;
+        if (found.quiet && again.quiet) {
+            keep_orphans(found, again.orphans);
+        } else if (again.quiet) {
+            found = std::move(again);
+        } else if (!found.quiet) {
+            keep_common(found, again);
+        }
     }
-    count_orphans(found);
+    if (!found.quiet) {
+        forget_absences(found);
+    }
+    if (quiet < 2) {
+        keep_orphans(found, {});
+    }
+    found.rounds = round;
     return found;
 }
 

@@ -35,9 +35,11 @@
 namespace mfwd6::check {
 
 struct options {
-    // Others change the window meanwhile: a finding is reported only when `rounds` walks in a row
-    // find it, and so is an orphan. Counts of a moving window agree by chance only; those that go
-    // on moving are left out. `pause_ms` lies between two walks.
+    // Others may change the window meanwhile. A walk during which nobody did says the truth. If
+    // there is none among `rounds` walks, `pause_ms` apart, a finding is reported when all of them
+    // have it, unless it says that something was not met, which a walk beside changes cannot know.
+    // Orphans are those that all quiet walks agree on, if there are two or more: a live process may
+    // hold a block that nothing in the window leads to yet.
     bool live = false;
     uint32_t rounds = 4;
     uint32_t pause_ms = 20;
@@ -54,6 +56,7 @@ struct finding {
                            // table 0xe0800001"
     std::string field;     // member of the record, as in the headers
     std::string what;      // a sentence
+    bool absence = false;  // of something that was not met where it should be
 };
 
 // A live block that nothing leads to.
@@ -93,10 +96,13 @@ struct report {
     // How many records of each kind were walked, by the name that findings use.
     std::map<std::string, uint64_t> walked;
 
-    uint32_t owner = 0;      // pid of the live owner, 0 when there is none
-    uint32_t processes = 0;  // live ones that have the window open, this one included
-    uint32_t rounds = 0;     // walks that were made
-    uint64_t ns = 0;         // that they took
+    uint32_t owner = 0;         // pid of the live owner, 0 when there is none
+    uint32_t processes = 0;     // live ones that have the window open, this one included
+    uint32_t rounds = 0;        // walks that were made
+    bool quiet = true;          // nobody changed anything during the walk that this tells of
+    uint32_t open_changes = 0;  // begun and not finished: of a live process, or of a dead one,
+                                // whose change the next owner runs back
+    uint64_t ns = 0;            // that they took
 
     // Nothing is wrong. Orphans are no fault: a killed owner may leave some.
     bool clean() const { return findings.empty() && more_findings == 0; }

@@ -187,11 +187,11 @@ class encap_walk {
     void check_leaf(const encap_leaf *leaf, int lists) {
         const subject self = about_leaf(leaf);
         if ((lists & on_encap) == 0) {
-            w_.wrong(self, "encap_entry", "is on the list of no encap");
+            w_.missing(self, "encap_entry", "is on the list of no encap");
         }
         // A leaf without a transport is allowed.
         if ((lists & on_transport) == 0 && load(leaf->regdb_entry) != nullptr) {
-            w_.wrong(self, "regdb_entry", "names a transport that does not list it");
+            w_.missing(self, "regdb_entry", "names a transport that does not list it");
         }
     }
 
@@ -201,8 +201,8 @@ class encap_walk {
                   static_cast<const transport *>(load(w_.header().idle_regdb_head)),
                   [&](const transport *each) {
                       if (all_.transports.count(each) == 0) {
-                          w_.wrong(header, "idle_regdb_head",
-                                   "lists a transport that is not in the tree: " + hex(each));
+                          w_.missing(header, "idle_regdb_head",
+                                     "lists a transport that is not in the tree: " + hex(each));
                       }
                   });
     }

@@ -73,7 +73,7 @@ class idb_walk {
             w_.follow(header, "fint_idb",
                       static_cast<const ipv4mc_idb_st *>(load(w_.header().fint_idb)), kinds::idb);
         if (fabric != nullptr && all_.idbs.count(fabric) == 0) {
-            w_.wrong(header, "fint_idb", "names a record that is in no tree of interfaces");
+            w_.missing(header, "fint_idb", "names a record that is in no tree of interfaces");
         }
     }
 
@@ -89,18 +89,18 @@ class idb_walk {
 
     void check_threads(const ipv4mc_idb_st *idb, const idb_facts &facts, const subject &self) {
         if (!facts.global) {
-            w_.wrong(self, "node", "is in some tree, and not in the one by handle");
+            w_.missing(self, "node", "is in some tree, and not in the one by handle");
         }
         const bool flag = (load(idb->tree_flags) & IPV4MC_IDB_TREE_NAME) != 0;
         if (facts.named != flag) {
-            w_.wrong(self, "tree_flags",
-                     flag ? "says that it is in the tree of names, and it is not"
-                          : "does not say that it is in the tree of names");
+            w_.missing(self, "tree_flags",
+                       flag ? "says that it is in the tree of names, and it is not"
+                            : "does not say that it is in the tree of names");
         }
         const ipv4mc_table_st *table = all_.name_vrf(self, "vtable", load(idb->vtable));
         if (table != facts.table) {
-            w_.wrong(self, "vtable",
-                     "names " + hex(table) + ", it stands in the tree of " + hex(facts.table));
+            w_.missing(self, "vtable",
+                       "names " + hex(table) + ", it stands in the tree of " + hex(facts.table));
         }
     }
 

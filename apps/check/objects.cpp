@@ -277,7 +277,7 @@ class id_walk {
         const kind &what = is_route ? kinds::route : kinds::entry;
         const std::string id = "index " + std::to_string(index);
         if (!w_.is(slot.object, what)) {
-            return w_.wrong(
+            return w_.missing(
                 self_, "pages",
                 id + " stands for " + hex(slot.object) + ", which is no " + what.record);
         }

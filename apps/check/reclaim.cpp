@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <unordered_map>
 
 #include "apps/check/check.h"
 #include "apps/check/walk.h"
@@ -18,21 +19,6 @@ namespace {
 using journal::store;
 
 constexpr uint32_t most_processes = 1024;
-
-ipmc_shmwin_guard_st *guard_of(const orphan &each) {
-    return reinterpret_cast<ipmc_shmwin_guard_st *>(each.address) - 1;
-}
-
-// Still the block that was found.
-bool unchanged(const orphan &each) {
-    shmwin_block found{};
-    if (shmwin_find_block(guard_of(each), &found) != 0 || found.address != guard_of(each)) {
-        return false;
-    }
-    const ipmc_shmwin_guard_st *guard = guard_of(each);
-    return guard->magic == IPMC_SHMWIN_MAGIC_LIVE && guard->type == each.type &&
-           guard->size == each.bytes;
-}
 
 // Whether others may have search keys here, or be in the middle of something.
 cerrno check_alone() {
@@ -131,7 +117,29 @@ class own_key {
 
 // Untyped blocks are the client's own: that nothing in the window leads to one says nothing.
 bool may_free(const orphan &each) {
-    return each.type != IPMC_SHMWIN_ALLOC_UNTYPED && unchanged(each);
+    return each.type != IPMC_SHMWIN_ALLOC_UNTYPED;
+}
+
+bool same(const orphan &a, const orphan &b) {
+    return a.address == b.address && a.bytes == b.bytes && a.type == b.type;
+}
+
+// What was found and is an orphan still. Nobody else is here: of all search keys only this
+// process's is in use.
+std::vector<orphan> still_there(const report &found, const report &now) {
+    std::unordered_map<uint64_t, orphan> before;
+    for (const std::vector<orphan> *list : {&found.orphans, &found.keys}) {
+        for (const orphan &each : *list) {
+            before.emplace(each.address, each);
+        }
+    }
+    std::vector<orphan> left = now.orphans;
+    left.insert(left.end(), now.keys.begin(), now.keys.end());
+    std::erase_if(left, [&](const orphan &each) {
+        const auto known = before.find(each.address);
+        return known == before.end() || !same(each, known->second);
+    });
+    return left;
 }
 
 }  // namespace
@@ -146,9 +154,11 @@ cerrno reclaim(const report &found, uint64_t *blocks, uint64_t *bytes) {
     if (const cerrno rc = check_alone(); rc != 0) {
         return rc;
     }
-    // Nobody else is here: of all search keys only this process's is in use.
-    std::vector<orphan> blocks_to_free = found.orphans;
-    blocks_to_free.insert(blocks_to_free.end(), found.keys.begin(), found.keys.end());
+    const report now = check_window();
+    if (!now.clean()) {
+        return EINVAL;
+    }
+    const std::vector<orphan> blocks_to_free = still_there(found, now);
     const own_key own(blocks_to_free);
     uint64_t freed = 0;
     uint64_t freed_bytes = 0;

@@ -109,6 +109,8 @@ void to_json(nlohmann::json &out, const report &from) {
            {"owner", from.owner},
            {"processes", from.processes},
            {"rounds", from.rounds},
+           {"quiet", from.quiet},
+           {"open_changes", from.open_changes},
            {"ns", from.ns}};
 }
 

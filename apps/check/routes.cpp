@@ -211,8 +211,8 @@ class route_walk {
                           const auto *e = static_cast<const entry *>(record);
                           const auto found = all_.entries.find(e);
                           if (found == all_.entries.end() || found->second.route != r) {
-                              w_.wrong(about(e), "avl_node",
-                                       "is in the tree of a route on whose list it is not");
+                              w_.missing(about(e), "avl_node",
+                                         "is in the tree of a route on whose list it is not");
                           }
                       });
         w_.equal(self, "intf_tree", in_tree, listed, "entries on the list");
@@ -245,7 +245,7 @@ class route_walk {
                         const route_facts &facts) {
         const bool says = load(e->on_idb_list) != 0;
         if (says && known.idb == nullptr) {
-            w_.wrong(self, "on_idb_list", "is set, and no interface has it on its list");
+            w_.missing(self, "on_idb_list", "is set, and no interface has it on its list");
         }
         // A signal holds no interface.
         if (!facts.signal && !says) {
@@ -305,7 +305,7 @@ class route_walk {
     void check_lists(const route *r, const subject &self, const route_facts &facts) {
         if (!facts.changed &&
             (load(r->change_next) != nullptr || load(r->change_prev) != nullptr)) {
-            w_.wrong(self, "change_next", "or `change_prev` is set, and the route is not listed");
+            w_.missing(self, "change_next", "or `change_prev` is set, and the route is not listed");
         }
         check_mark(self, "mdt_candidate", load(r->mdt_candidate) != 0,
                    facts.listed[IPMC_ROUTE_LIST_MDT_CAND]);
@@ -318,13 +318,13 @@ class route_walk {
             const list_shape<route> &shape = route_lists[which];
             if (!facts.listed[which] &&
                 (load(*shape.next(r)) != nullptr || load(*shape.prev(r)) != nullptr)) {
-                w_.wrong(self, shape.next_field, "is set, and the route is not on this list");
+                w_.missing(self, shape.next_field, "is set, and the route is not on this list");
             }
         }
         for (uint32_t index = 0; index < IPV4MC_VRF_LINKS; ++index) {
             if (!facts.on_memd[index] &&
                 (load(r->memd_next[index]) != nullptr || load(r->memd_prev[index]) != nullptr)) {
-                w_.wrong(self, "memd_next", "is set, and the route is on no list of core routes");
+                w_.missing(self, "memd_next", "is set, and the route is on no list of core routes");
             }
         }
     }
@@ -357,7 +357,7 @@ class route_walk {
         }
         const auto known = all_.routes.find(parent);
         if (known == all_.routes.end() || !known->second.published) {
-            return w_.wrong(self, "IF_parent", "names no published route: " + hex(parent));
+            return w_.missing(self, "IF_parent", "names no published route: " + hex(parent));
         }
         if (known->second.table != facts.table || known->second.signal) {
             return w_.wrong(self, "IF_parent", "names a route of another table");
@@ -373,12 +373,12 @@ class route_walk {
     void check_encap(const route *r, const subject &self, const route_facts &facts) {
         const ipv4mc_encap_entry_st *encap = load(r->encap);
         if (encap != nullptr && all_.encaps.count(encap) == 0) {
-            w_.wrong(self, "encap", "names no encap in the trie of encaps: " + hex(encap));
+            w_.missing(self, "encap", "names no encap in the trie of encaps: " + hex(encap));
         }
         if ((encap != nullptr) != facts.on_encap) {
-            w_.wrong(self, "encap",
-                     encap != nullptr ? "is set, and the encap does not list the route"
-                                      : "is null, and an encap lists the route");
+            w_.missing(self, "encap",
+                       encap != nullptr ? "is set, and the encap does not list the route"
+                                        : "is null, and an encap lists the route");
         }
     }
 
@@ -388,7 +388,7 @@ class route_walk {
             return;
         }
         if (all_.transports.count(transport) == 0) {
-            w_.wrong(self, "regdb_entry", "names no transport in its tree: " + hex(transport));
+            w_.missing(self, "regdb_entry", "names no transport in its tree: " + hex(transport));
         } else if (load(transport->core_info.core_route) != r) {
             w_.wrong(self, "regdb_entry", "names a transport that rides on another route");
         }
@@ -409,17 +409,22 @@ class route_walk {
         for (const auto &[e, facts] : all_.entries) {
             const subject self = about(e);
             if (facts.route == nullptr) {
-                w_.wrong(self, "route", "is on the list of an interface, and on that of no route");
+                w_.missing(self, "route",
+                           "is on the list of an interface, and on that of no route");
             }
             const bool output = (load(e->intf_flags) & IPV4MC_INTF_FLAG_ENCAP_OLE) != 0;
             if (output != facts.output) {
-                w_.wrong(self, "intf_flags",
-                         output ? "says that it is an encap output, and its route does not list it"
-                                : "does not say that it is an encap output");
+                w_.missing(self, "intf_flags",
+                           output
+                               ? "says that it is an encap output, and its route does not list it"
+                               : "does not say that it is an encap output");
+            }
+            if ((load(e->attributes) & MRIB_INTF_REGDB) != 0 && !facts.on_transport) {
+                w_.leftover(self, "regdb_entry", "names a transport that does not list the entry");
             }
             const bool linked = load(e->list_next) != nullptr || load(e->list_prev) != nullptr;
             if (linked && !facts.output && !facts.on_transport) {
-                w_.wrong(self, "list_next", "is set, and the entry is on no such list");
+                w_.missing(self, "list_next", "is set, and the entry is on no such list");
             }
             if (load(e->obj_id) < IPMC_OBJ_ID_NONE && load(w_.header().obj_id_domain) == nullptr) {
                 w_.wrong(self, "obj_id", "is set, and there is no domain of object ids");

@@ -99,12 +99,13 @@ class table_walk {
         const threads in = threads_[table];
         const bool has_name = load(table->vrf_name[0]) != '\0';
         if (in.by_name && !has_name) {
-            w_.wrong(self, "vrf_name", "is empty in the tree of names");
+            w_.missing(self, "vrf_name", "is empty in the tree of names");
         } else if (!in.by_name && has_name && !is_taken(table->vrf_name)) {
-            w_.wrong(self, "vrf_name", "is in no tree of names");
+            w_.missing(self, "vrf_name", "is in no tree of names");
         }
         if (in.by_id != (load(table->vrf_id) != 0)) {
-            w_.wrong(self, "vrf_id", in.by_id ? "is 0 in the tree of ids" : "is in no tree of ids");
+            w_.missing(self, "vrf_id",
+                       in.by_id ? "is 0 in the tree of ids" : "is in no tree of ids");
         }
         const ipv4mc_table_st *tid = all_.name_tid(self, "tid_table", load(table->tid_table));
         if (tid != nullptr && load(tid->vtable) != table) {
@@ -215,7 +216,7 @@ void walk_tables(records &all) {
 const ipv4mc_table_st *records::name_tid(const subject &from, const char *field,
                                          const ipv4mc_table_st *table) {
     if (table != nullptr && tables.count(table) == 0) {
-        w.wrong(from, field, "names no table in the tree of tables: " + hex(table));
+        w.missing(from, field, "names no table in the tree of tables: " + hex(table));
         return nullptr;
     }
     return table;
@@ -224,7 +225,7 @@ const ipv4mc_table_st *records::name_tid(const subject &from, const char *field,
 const ipv4mc_table_st *records::name_vrf(const subject &from, const char *field,
                                          const ipv4mc_table_st *table) {
     if (table != nullptr && vrfs.count(table) == 0) {
-        w.wrong(from, field, "names no VRF table in the trees: " + hex(table));
+        w.missing(from, field, "names no VRF table in the trees: " + hex(table));
         return nullptr;
     }
     return table;

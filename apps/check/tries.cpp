@@ -49,25 +49,21 @@ class node_walk {
     node_walk(walk &w, const trie *t, std::unordered_map<uint32_t, tries::leaves> &found)
         : w_(w), trie_(t), found_(found) {}
 
-    bool run() {
+    void run() {
         const node *root = w_.follow(
             about(trie_), "root", static_cast<const node *>(load(trie_->root)), kinds::trie_node);
         if (root == nullptr) {
-            w_.wrong(about(trie_), "root", "there is none");
-            return false;
+            return w_.wrong(about(trie_), "root", "there is none");
         }
         below(root, nullptr, 0);
-        return whole_;
     }
 
     uint64_t leaves() const { return leaves_; }
 
-  private:
-    void wrong(const subject &about, const char *field, const std::string &what) {
-        w_.wrong(about, field, what);
-        whole_ = false;
-    }
+    // Leaves that say that they wait for a slot of the index.
+    uint64_t waiting() const { return waiting_; }
 
+  private:
     // Its memory is as large as it says, so that all entries may be read.
     bool check_size(const node *n) {
         const node_kind shape = load(n->kind);
@@ -75,7 +71,7 @@ class node_walk {
             shape == node_kind::small || shape == node_kind::wide || shape == node_kind::side;
         const block *of = w_.heap().at(reinterpret_cast<uint64_t>(n));
         if (!known || of == nullptr || of->bytes < gtrie::node_bytes(shape, load(n->capacity))) {
-            wrong(about(n), "kind", "the node is larger than its block");
+            w_.wrong(about(n), "kind", "the node is larger than its block");
             return false;
         }
         return true;
@@ -84,21 +80,29 @@ class node_walk {
     const node *side_of(const node *n) {
         const auto *side = reinterpret_cast<const node *>(load(gtrie::wide_of(n)->side));
         side = w_.follow(about(n), "side", side, kinds::trie_node);
-        if (side != nullptr && (!check_size(side) || load(side->kind) != node_kind::side)) {
+        if (side != nullptr && load(side->kind) != node_kind::side) {
+            w_.wrong(about(side), "kind", "is not that of a side node");
             return nullptr;
         }
-        return side;
+        return side != nullptr && check_size(side) ? side : nullptr;
     }
 
     void below(const node *n, const node *parent, unsigned depth) {
         if (!nodes_.insert(n).second || depth > max_depth) {
-            return wrong(about(n), "up", "is reached twice, or lies too deep");
+            return w_.wrong(about(n), "up", "is reached twice, or lies too deep");
         }
         if (load(n->up) != parent) {
-            wrong(about(n), "up", "is " + hex(load(n->up)) + ", the parent is " + hex(parent));
+            w_.wrong(about(n), "up", "is " + hex(load(n->up)) + ", the parent is " + hex(parent));
         }
-        if (!check_size(n) || load(n->kind) == node_kind::side) {
+        if (!check_size(n)) {
             return;
+        }
+        if (load(n->kind) == node_kind::side) {
+            return w_.wrong(about(n), "kind", "is that of a side node");
+        }
+        if (load(n->pos) % gtrie::stride != 0 || load(n->pos) > gtrie::max_length ||
+            load(n->from) > load(n->pos)) {
+            return w_.wrong(about(n), "pos", "is no place in a key");
         }
         w_.count("trie node");
         const bool wide = load(n->kind) == node_kind::wide;
@@ -107,8 +111,6 @@ class node_walk {
         if (wide && load(gtrie::wide_of(n)->side) != 0) {
             if (const node *side = side_of(n); side != nullptr) {
                 visit(n, gtrie::entries_of(side), load(side->capacity), depth);
-            } else {
-                whole_ = false;
             }
         }
     }
@@ -126,8 +128,6 @@ class node_walk {
                            kinds::trie_node);
                        child != nullptr) {
                 below(child, n, depth + 1);
-            } else {
-                whole_ = false;
             }
         }
     }
@@ -135,23 +135,23 @@ class node_walk {
     void visit_leaf(const node *n, const leaf *l) {
         l = w_.follow(about(n), "entries", l, kinds::trie_leaf);
         if (l == nullptr) {
-            whole_ = false;
             return;
         }
         if (load(l->magic) != gtrie::leaf_magic) {
-            return wrong(about(l), "magic", "is " + hex(load(l->magic)) + ", no leaf's");
+            return w_.wrong(about(l), "magic", "is " + hex(load(l->magic)) + ", no leaf's");
         }
         if (load(l->owner) != trie_) {
-            return wrong(about(l), "owner",
-                         "is " + hex(load(l->owner)) + ", found in " + hex(trie_));
+            return w_.wrong(about(l), "owner",
+                            "is " + hex(load(l->owner)) + ", found in " + hex(trie_));
         }
         const block *of = w_.heap().at(reinterpret_cast<uint64_t>(l));
         if (of == nullptr || of->bytes < sizeof(leaf) + uint64_t{load(l->size)}) {
-            return wrong(
+            return w_.wrong(
                 about(l), "size",
                 "is " + std::to_string(load(l->size)) + ", more than its block has room for");
         }
         ++leaves_;
+        waiting_ += load(l->waiting_at) != nullptr ? 1U : 0U;
         found_[load(l->table)].push_back(l);
     }
 
@@ -160,7 +160,7 @@ class node_walk {
     std::unordered_map<uint32_t, tries::leaves> &found_;
     std::unordered_set<const node *> nodes_;
     uint64_t leaves_ = 0;
-    bool whole_ = true;
+    uint64_t waiting_ = 0;
 };
 
 // What the index must have before anybody may look into it.
@@ -168,23 +168,25 @@ class index_walk {
   public:
     index_walk(walk &w, const trie *t) : w_(w), trie_(t) {}
 
-    bool run() {
+    void run() {
         const gtrie::directory *d = w_.follow(
             about(trie_), "segments", static_cast<const gtrie::directory *>(load(trie_->segments)),
             kinds::trie_index);
         if (d == nullptr) {
-            return false;
+            return;
         }
         const uint64_t buckets = gtrie::buckets_of(load(trie_->shape));
         const block *of = w_.heap().at(reinterpret_cast<uint64_t>(d));
         const uint64_t room = (of->bytes - sizeof(*d)) / sizeof(uint64_t);
         if (load(d->capacity) > room || buckets == 0 ||
+            load(trie_->shape) != gtrie::index_shape(buckets) ||
             gtrie::segment_count(buckets) > load(d->capacity)) {
-            w_.wrong(about(trie_), "shape",
-                     std::to_string(buckets) + " buckets do not fit the index");
-            return false;
+            return w_.wrong(about(trie_), "shape",
+                            std::to_string(buckets) + " buckets do not fit the index");
         }
-        return segments(d, gtrie::segment_count(buckets)) && waiting(buckets);
+        if (segments(d, gtrie::segment_count(buckets))) {
+            waiting(buckets);
+        }
     }
 
   private:
@@ -210,7 +212,7 @@ class index_walk {
     }
 
     // Lists of leaves that found no slot: every link leads to a leaf and back.
-    bool waiting(uint64_t buckets) {
+    void waiting(uint64_t buckets) {
         uint64_t met = 0;
         for (uint64_t i = 0; i < buckets; ++i) {
             const bucket *b = gtrie::bucket_at(trie_, i);
@@ -219,18 +221,15 @@ class index_walk {
                  word = load(*at) & gtrie::address_mask) {
                 const auto *l = reinterpret_cast<const leaf *>(word);
                 if (!w_.is(l, kinds::trie_leaf) || load(l->magic) != gtrie::leaf_magic) {
-                    w_.wrong(about(trie_), "waiting", "names no leaf: " + hex(l));
-                    return false;
+                    return w_.wrong(about(trie_), "waiting", "names no leaf: " + hex(l));
                 }
                 if (load(l->waiting_at) != at || ++met > load(trie_->leaves)) {
-                    w_.wrong(about(l), "waiting_at", "is not where the list comes from");
-                    return false;
+                    return w_.wrong(about(l), "waiting_at", "is not where the list comes from");
                 }
                 at = &l->waiting_next;
             }
         }
         w_.equal(about(trie_), "waiting", load(trie_->waiting), met, "leaves that wait for a slot");
-        return met == load(trie_->waiting);
     }
 
     walk &w_;
@@ -262,7 +261,7 @@ const tries::leaves *tries::open(const subject &owner, const char *field, void *
     }
     const auto listed = seen->handles.find(h);
     if (listed == seen->handles.end()) {
-        w_.wrong(about(h), "next", "is not on the list of the handles of its trie");
+        w_.missing(about(h), "next", "is not on the list of the handles of its trie");
     } else if (listed->second) {
         w_.wrong(owner, field, "names a handle that another table has as well");
     } else {
@@ -276,11 +275,11 @@ const tries::leaves *tries::open(const subject &owner, const char *field, void *
 
 void tries::walk_trie(const subject &owner, const char *field, const trie *t, view &seen) {
     w_.count("trie");
-    // Each part is looked at, whatever the others say.
-    const bool handles = walk_handles(t, seen);
-    const bool nodes = walk_nodes(t, seen);
-    const bool index = walk_index(t);
-    if (!handles || !nodes || !index || w_.live() || seen.handles.empty()) {
+    const uint64_t before = w_.faults();
+    walk_handles(t, seen);
+    walk_nodes(t, seen);
+    index_walk(w_, t).run();
+    if (w_.live() || w_.faults() != before || seen.handles.empty()) {
         return;
     }
     // All that the trie's own proof follows is there.
@@ -290,30 +289,22 @@ void tries::walk_trie(const subject &owner, const char *field, const trie *t, vi
     }
 }
 
-bool tries::walk_handles(const trie *t, view &seen) {
-    bool whole = true;
+void tries::walk_handles(const trie *t, view &seen) {
     walk_list(w_, about(t), handles_of_trie, static_cast<const handle *>(load(t->handles)),
               [&](const handle *h) {
                   seen.handles.emplace(h, false);
                   if (load(h->magic) != gtrie::handle_magic || load(h->on) != t) {
                       w_.wrong(about(h), "on", "is not that of the trie which lists the handle");
-                      whole = false;
                   }
               });
-    return whole;
 }
 
-bool tries::walk_nodes(const trie *t, view &seen) {
+void tries::walk_nodes(const trie *t, view &seen) {
     node_walk nodes(w_, t, seen.of_table);
-    const bool whole = nodes.run();
-    if (whole) {
-        w_.equal(about(t), "leaves", load(t->leaves), nodes.leaves(), "leaves in the nodes");
-    }
-    return whole && nodes.leaves() == load(t->leaves);
-}
-
-bool tries::walk_index(const trie *t) {
-    return index_walk(w_, t).run();
+    nodes.run();
+    w_.equal(about(t), "leaves", load(t->leaves), nodes.leaves(), "leaves in the nodes");
+    w_.equal(about(t), "waiting", load(t->waiting), nodes.waiting(),
+             "leaves that say they wait for a slot");
 }
 
 }  // namespace mfwd6::check

@@ -23,9 +23,6 @@ class tries {
     const leaves *open(const subject &owner, const char *field, void *handle,
                        const gtrie::handle **at);
 
-    // Trie that owns a leaf which is in none of the lists: 0 when it says nonsense.
-    static const gtrie::trie *owner_of(const gtrie::leaf *leaf) { return load(leaf->owner); }
-
   private:
     struct view {
         std::unordered_map<uint32_t, leaves> of_table;
@@ -33,9 +30,8 @@ class tries {
     };
 
     void walk_trie(const subject &owner, const char *field, const gtrie::trie *trie, view &seen);
-    bool walk_handles(const gtrie::trie *trie, view &seen);
-    bool walk_nodes(const gtrie::trie *trie, view &seen);
-    bool walk_index(const gtrie::trie *trie);
+    void walk_handles(const gtrie::trie *trie, view &seen);
+    void walk_nodes(const gtrie::trie *trie, view &seen);
 
     walk &w_;
     std::unordered_map<const gtrie::trie *, std::unique_ptr<view>> seen_;

@@ -109,6 +109,13 @@ void walk::wrong(const subject &about, const char *field, const std::string &wha
     keep(result_.findings, &result_.more_findings, about, field, what);
 }
 
+void walk::missing(const subject &about, const char *field, const std::string &what) {
+    wrong(about, field, what);
+    if (!result_.findings.empty() && result_.more_findings == 0) {
+        result_.findings.back().absence = true;
+    }
+}
+
 void walk::leftover(const subject &about, const char *field, const std::string &what) {
     keep(result_.leftovers, &result_.more_leftovers, about, field, what);
 }

@@ -111,6 +111,12 @@ class walk {
     // Something does not agree.
     void wrong(const subject &about, const char *field, const std::string &what);
 
+    // Something that was not met where it should be: which beside others' changes says little.
+    void missing(const subject &about, const char *field, const std::string &what);
+
+    // How many findings there were so far.
+    uint64_t faults() const { return result_.findings.size() + result_.more_findings; }
+
     // Something that the death of an owner in the middle of an operation may leave, and that goes
     // with the end of the record.
     void leftover(const subject &about, const char *field, const std::string &what);

@@ -431,12 +431,12 @@ void *take(open_window &w, size_t size) {
 
 void *slot_address(const open_window &w, uint32_t index, uint32_t slot) {
     const span &s = w.spans[index];
-    const size_t at = slot != 0 ? size_t{slot} * class_sizes[s.cls] : 0;
+    const size_t at = slot != 0 ? size_t{slot} * class_sizes[s.cls % class_count] : 0;
     return w.heap + (size_t{index} << span_shift) + at;
 }
 
 size_t block_bytes(const located &l) {
-    return kind_of(*l.of) == span_kind::slab ? class_sizes[l.of->cls]
+    return kind_of(*l.of) == span_kind::slab ? class_sizes[l.of->cls % class_count]
                                              : size_t{l.of->length} << span_shift;
 }
 

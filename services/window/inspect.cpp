@@ -17,7 +17,10 @@ namespace {
 shmwin_block describe(const open_window &w, const located &l) {
     shmwin_block b = {};
     b.address = slot_address(w, l.index, l.slot);
-    b.size = block_bytes(l);
+    // No more than there is memory for, whatever a damaged descriptor says.
+    const uint32_t committed = journal::observe(w.super->heap.committed);
+    const uint32_t behind = committed > l.index ? committed - l.index : 1;
+    b.size = std::min(block_bytes(l), size_t{behind} << span_shift);
     b.live = l.live ? 1 : 0;
     if (l.live) {
         std::memcpy(b.words, b.address, sizeof(b.words));
@@ -134,7 +137,10 @@ cerrno shmwin_get_usage(uint32_t id, shmwin_usage *usage) {
     usage->generation = journal::observe(s.generation);
     usage->opened = journal::observe(s.opened);
     for (const journal::log *l : w->env.logs) {
-        usage->undone += journal::observe(l->undone);
+        const uint64_t undone = journal::observe(l->undone);
+        usage->undone += undone;
+        usage->changes += undone + journal::observe(l->commits);
+        usage->open += journal::observe(l->used) != 0 ? 1U : 0U;
     }
     return 0;
 }
@@ -211,18 +217,6 @@ cerrno shmwin_get_processes(uint32_t id, shmwin_process *list, uint32_t room, ui
     return 0;
 }
 
-cerrno shmwin_get_mutex_deaths(uint32_t id, uint32_t *deaths) {
-    const open_window *w = find(id);
-    if (w == nullptr) {
-        return SHMWIN_ERR_BAD_ID;
-    }
-    if (deaths == nullptr) {
-        return EINVAL;
-    }
-    *deaths = journal::observe(w->super->window_mutex.deaths);
-    return 0;
-}
-
 cerrno shmwin_get_locks(uint32_t id, shmwin_lock_state *list) {
     const open_window *w = find(id);
     if (w == nullptr) {
@@ -236,6 +230,18 @@ cerrno shmwin_get_locks(uint32_t id, shmwin_lock_state *list) {
     list[1] = lock_state("recovery", s.recovery_lock);
     list[2] = lock_state("window", s.window_mutex);
     list[3] = lock_state("packet client", s.packet_mutex);
+    return 0;
+}
+
+cerrno shmwin_get_mutex_deaths(uint32_t id, uint32_t *deaths) {
+    const open_window *w = find(id);
+    if (w == nullptr) {
+        return SHMWIN_ERR_BAD_ID;
+    }
+    if (deaths == nullptr) {
+        return EINVAL;
+    }
+    *deaths = journal::observe(w->super->window_mutex.deaths);
     return 0;
 }
 

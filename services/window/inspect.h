@@ -14,6 +14,8 @@ typedef struct shmwin_usage {
     uint64_t generation;  // goes up when the window is made or reset: pointers of before are void
     uint64_t opened;      // successful opens by an owner
     uint64_t undone;      // changes run back since the window was made, over all logs
+    uint64_t changes;     // changes finished or run back, over all logs; goes up with each one
+    uint32_t open;        // logs that hold a change which is neither
 } shmwin_usage;
 
 MFWD6_EXPORT cerrno shmwin_get_usage(uint32_t id, shmwin_usage *usage);
@@ -50,9 +52,6 @@ typedef struct shmwin_process {
 MFWD6_EXPORT cerrno shmwin_get_processes(uint32_t id, shmwin_process *list, uint32_t room,
                                          uint32_t *count);
 
-// How often the window mutex was left behind by a holder that died.
-MFWD6_EXPORT cerrno shmwin_get_mutex_deaths(uint32_t id, uint32_t *deaths);
-
 // The locks of a window.
 typedef struct shmwin_lock_state {
     const char *name;     // "allocator", "recovery", "window", "packet client"; static
@@ -68,6 +67,9 @@ typedef struct shmwin_lock_state {
 
 // Writes the state of each lock to `list`, which has room for SHMWIN_LOCKS.
 MFWD6_EXPORT cerrno shmwin_get_locks(uint32_t id, shmwin_lock_state *list);
+
+// How often the window mutex was left behind by a holder that died.
+MFWD6_EXPORT cerrno shmwin_get_mutex_deaths(uint32_t id, uint32_t *deaths);
 
 // How shmwin_open_win found the window.
 #define SHMWIN_FOUND_NEW 0U       // it was made, or a half-made one was made anew

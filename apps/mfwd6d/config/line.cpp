@@ -244,7 +244,9 @@ bool read_mroute(reader &r) {
     if (l.source.length != 0 && l.group.length != whole_address) {
         return r.fail("a route with a source needs a group without a length");
     }
-    if (r.in.end() && (l.remove || (l.flags & (line_drop | line_signal)) != 0)) {
+    // A range without outputs is there for routes that inherit its accepting interfaces.
+    const bool range = l.group.length != whole_address;
+    if (r.in.end() && (l.remove || range || (l.flags & (line_drop | line_signal)) != 0)) {
         return true;
     }
     return expect(r, "to") && read_interfaces(r, false, &l.to) && expect_end(r);

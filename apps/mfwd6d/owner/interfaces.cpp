@@ -243,7 +243,7 @@ bool interfaces::move_routes(uint32_t most) {
 
 outcome interfaces::tell(interface &i, ipv4mc_idb_op what, const char *text) {
     const cerrno rc = ip6mc_platform_idb_operation_wrapper(what, i.record, nullptr, nullptr);
-    return rc == 0 ? outcome{} : failure_of(rc, fmt::format("interface {}: {}", i.name, text));
+    return rc == 0 ? outcome{} : intf_failure_of(rc, fmt::format("interface {}: {}", i.name, text));
 }
 
 outcome interfaces::apply_boundary(interface &i) {

@@ -29,6 +29,15 @@ inline outcome failure_of(cerrno code, std::string what) {
     return {code, std::move(what) + ": " + cerr_strerror(code)};
 }
 
+// The same for an interface that the platform refused: a full table is said with its limit.
+inline outcome intf_failure_of(cerrno code, std::string what) {
+    outcome o = failure_of(code, std::move(what));
+    if (code == ENOSPC) {
+        o.text += " (a kernel table routes between 32 interfaces at most)";
+    }
+    return o;
+}
+
 }  // namespace mfwd6::daemon
 
 #endif

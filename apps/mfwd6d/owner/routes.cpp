@@ -108,17 +108,10 @@ void take_back(ipv4mc_route_entry_st *route, const std::vector<step> &steps) {
     }
 }
 
-// The code of a full platform says more when it is said with its limit.
 outcome refused(cerrno code, const route_id &id, const interface *i) {
-    std::string what = route_text(id);
-    if (i != nullptr) {
-        what = fmt::format("{}, interface {}", what, i->name);
-    }
-    outcome o = failure_of(code, std::move(what));
-    if (code == ENOSPC && i != nullptr) {
-        o.text += " (a kernel table routes between 32 interfaces at most)";
-    }
-    return o;
+    return i == nullptr
+               ? failure_of(code, route_text(id))
+               : intf_failure_of(code, fmt::format("{}, interface {}", route_text(id), i->name));
 }
 
 }  // namespace
