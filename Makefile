@@ -15,8 +15,8 @@ build: setup     ## build everything (release)
 	@cmake --preset release -DMFWD6_WERROR=$(WERROR) >/dev/null
 	cmake --build --preset release -j $(JOBS)
 
-run: build       ## a process is killed in the middle of its work; the next one shows what survived
-	build/release/bin/mfwd6-survive
+run: build       ## real packets through a router made of namespaces, whose processes are killed in mid-stream
+	build/release/bin/mfwd6-demo
 
 test: test-release test-asan test-tsan  ## all tests: release, address+undefined, thread sanitizer
 

@@ -16,8 +16,8 @@ ipv4mc_table_st *record_of(const table &t) {
     return ip6mc_table_lookup_by_tbl_id(t.tid);
 }
 
-uint32_t flow_parent(uint32_t slot) {
-    return book().flow(slot).parent;
+uint32_t flow_arrival(uint32_t slot) {
+    return book().flow(slot).arrival;
 }
 
 struct derived {
@@ -29,6 +29,7 @@ struct derived {
 derived derive(const table &t, const flow_slot &flow, ipv4mc_route_entry_st *route) {
     derived d = {flow, false};
     d.content.state = flow_held;
+    d.content.parent = flow.arrival;
     d.content.outputs = 0;
     d.content.route = {};
     d.content.route_len = 0;
@@ -40,7 +41,7 @@ derived derive(const table &t, const flow_slot &flow, ipv4mc_route_entry_st *rou
     d.content.route = key_of(*route);
     d.content.route_len = static_cast<uint16_t>(length_of(*route));
     // Packets from elsewhere are dropped by the entry, which stands for the way that is right.
-    if ((l.accepts & mif_bit(flow.parent)) == 0 && l.accepts != 0) {
+    if ((l.accepts & mif_bit(flow.arrival)) == 0 && l.accepts != 0) {
         d.content.parent = static_cast<uint8_t>(std::countr_zero(l.accepts));
     }
     d.content.outputs = outputs_of(t, *route, l, d.content.parent);
@@ -80,11 +81,12 @@ void set_local(const table &t, flow_slot &flow, bool wanted) {
 bool turn_to(table &t, uint32_t slot, ipv4mc_route_entry_st *route, uint32_t arrival, bool force) {
     flow_slot &flow = book().flow(slot);
     flow_slot arriving = flow;
-    arriving.parent = static_cast<uint8_t>(arrival);
+    arriving.arrival = static_cast<uint8_t>(arrival);
     derived d = derive(t, arriving, route);
     const bool routed_anew = !same_route(flow, d.content);
     const bool told = force || d.content.parent != flow.parent || d.content.outputs != flow.outputs;
     if (!routed_anew && !told) {
+        flow.arrival = arriving.arrival;
         set_local(t, flow, d.local_copy);
         return false;
     }
@@ -124,7 +126,7 @@ void adopt_from_group(table &t, ipv4mc_route_entry_st &route) {
         const uint32_t next = book().next_in(by_group, slot);
         const flow_slot &flow = book().flow(slot);
         if (flow.kernel_table == t.kernel_table && better_for(flow, route)) {
-            turn_to(t, slot, &route, flow_parent(slot), false);
+            turn_to(t, slot, &route, flow_arrival(slot), false);
         }
         slot = next;
     }
@@ -135,7 +137,7 @@ void adopt_from_all(table &t, ipv4mc_route_entry_st &route) {
         const flow_slot &flow = book().flow(slot);
         if (flow.state != flow_free && flow.kernel_table == t.kernel_table &&
             better_for(flow, route)) {
-            turn_to(t, slot, &route, flow_parent(slot), false);
+            turn_to(t, slot, &route, flow_arrival(slot), false);
         }
     }
 }
@@ -156,7 +158,7 @@ cerrno make_flow(table &t, const entry_key &key, uint32_t parent, ipv4mc_route_e
     flow_slot flow = {};
     flow.kernel_table = t.kernel_table;
     flow.key = key;
-    flow.parent = static_cast<uint8_t>(parent);
+    flow.arrival = static_cast<uint8_t>(parent);
     flow.made = self().now;
     flow.checked = self().now;
     const derived d = derive(t, flow, route);
@@ -181,7 +183,7 @@ cerrno make_flow(table &t, const entry_key &key, uint32_t parent, ipv4mc_route_e
 
 bool move_flow(table &t, uint32_t slot, uint32_t arrival) {
     ipv4mc_route_entry_st *route = matching_route(record_of(t), book().flow(slot).key);
-    if (route == nullptr || arrival == flow_parent(slot) ||
+    if (route == nullptr || arrival == book().flow(slot).parent ||
         (legs_of(t, *route, book().flow(slot).key.group).accepts & mif_bit(arrival)) == 0) {
         return false;
     }
@@ -195,7 +197,7 @@ bool turn_flow(table &t, uint32_t slot, bool force) {
         give_flow_to_route(t, *route);
         return false;
     }
-    return turn_to(t, slot, route, flow_parent(slot), force);
+    return turn_to(t, slot, route, flow_arrival(slot), force);
 }
 
 void turn_flows_of(table &t, ipv4mc_route_entry_st &route, ipv4mc_route_entry_st *route_then,
@@ -206,7 +208,7 @@ void turn_flows_of(table &t, ipv4mc_route_entry_st &route, ipv4mc_route_entry_st
         const uint32_t next = book().next_in(by_route, slot);
         if (flow_of(book().flow(slot), t.kernel_table, route)) {
             if (route_then != nullptr) {
-                turn_to(t, slot, route_then, flow_parent(slot), force);
+                turn_to(t, slot, route_then, flow_arrival(slot), force);
             } else {
                 turn_flow(t, slot, force);
             }
@@ -222,7 +224,7 @@ void adopt_flows(table &t, ipv4mc_route_entry_st &route) {
     if (exact_source(route)) {
         const uint32_t slot = book().find_flow(t.kernel_table, key_of(route));
         if (slot != no_slot) {
-            turn_to(t, slot, &route, flow_parent(slot), false);
+            turn_to(t, slot, &route, flow_arrival(slot), false);
         }
     } else if (route.pfx_len == IPV4MC_ROUTE_PFX_LEN_STAR_G) {
         adopt_from_group(t, route);

@@ -412,6 +412,7 @@ void ledger::change_flow(uint32_t slot, const flow_slot &content) {
     unlink(by_route, slot);
     --counts_[f.state];
     f.parent = content.parent;
+    f.arrival = content.arrival;
     f.route_len = content.route_len;
     f.route = content.route;
     f.outputs = content.outputs;

@@ -59,7 +59,7 @@ enum flow_chains : uint32_t { by_key = 0, by_group = 1, by_route = 2, chains = 3
 
 struct flow_slot {
     uint8_t state;  // one of flow_states
-    uint8_t parent;
+    uint8_t parent;  // where the entry takes packets from
     uint16_t route_len;  // of a derived one
     uint32_t kernel_table;
     entry_key key;
@@ -70,7 +70,8 @@ struct flow_slot {
     uint32_t next[chains];
     uint32_t previous[chains];
     uint8_t local_mif_plus_1;  // where it holds a membership of this node, 0: nowhere
-    uint8_t reserved[3];
+    uint8_t arrival;           // where its packets come in, as reported last
+    uint8_t reserved[2];
     uint64_t base_packets;  // counted before it was this route's
     uint64_t base_bytes;
     uint64_t seen_packets;

@@ -16,17 +16,6 @@ leaf *leaf_in(uint64_t word) {
 
 }  // namespace
 
-uint64_t segment_bytes(uint64_t segment) {
-    const uint64_t buckets = segment == 0                  ? first_buckets
-                             : segment < doubling_segments ? first_buckets << (segment - 1)
-                                                           : segment_buckets;
-    return buckets * sizeof(bucket) + 56;
-}
-
-uint64_t segment_count(uint64_t buckets) {
-    return position_of(buckets - 1).segment + 1;
-}
-
 leaf *find_elsewhere(const trie *t, const key &k, uint64_t hash) {
     uint64_t number = bucket_number(hash, journal::observe(t->shape));
     while (true) {

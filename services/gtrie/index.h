@@ -122,9 +122,16 @@ void index_grow(trie *t, const memory &m);
 void index_add(trie *t, leaf *l, uint64_t hash);
 void index_remove(trie *t, leaf *l, uint64_t hash);
 
-// Segments and the directory, for the checker.
-uint64_t segment_count(uint64_t buckets);
-uint64_t segment_bytes(uint64_t segment);
+// Segments that so many buckets need, and bytes of the block of one.
+inline uint64_t segment_count(uint64_t buckets) {
+    return position_of(buckets - 1).segment + 1;
+}
+inline uint64_t segment_bytes(uint64_t segment) {
+    const uint64_t buckets = segment == 0                  ? first_buckets
+                             : segment < doubling_segments ? first_buckets << (segment - 1)
+                                                           : segment_buckets;
+    return buckets * sizeof(bucket) + 56;
+}
 
 }  // namespace mfwd6::gtrie
 

@@ -51,6 +51,14 @@ void release_last(log *l, void *block) {
     }
 }
 
+void retire_last(log *l, void *block) {
+    if (hooks != nullptr && hooks->retire != nullptr) {
+        hooks->retire(l, block);
+    } else {
+        release_last(l, block);
+    }
+}
+
 void undo_last(log *l) {
     const entry e = entries(l)[l->used - 1];
     switch (kind_at(e)) {
@@ -67,7 +75,7 @@ void undo_last(log *l) {
             put_back<uint64_t>(e);
             break;
         case kind::free_on_undo:
-            release_last(l, address_at(e));
+            retire_last(l, address_at(e));
             return;
         case kind::free_on_commit:
             // Recounted rather than decremented: a kill between the two stores would count it

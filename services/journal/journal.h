@@ -83,6 +83,9 @@ struct block_hooks {
     // the log shares with other processes. Entries for private memory are passed over in `recover`.
     // Null: all may.
     bool (*covers)(const log *l, const void *address) = nullptr;
+    // As `release`, for a block whose allocation is run back: readers without a lock may have found
+    // it while it was there, so it may have to be kept from reuse. Null: `release` does.
+    void (*retire)(log *outer, void *block) = nullptr;
 };
 
 // State of one thread. Treat as private; it is here so that the hot path can be inline.

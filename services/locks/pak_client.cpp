@@ -27,6 +27,11 @@ locks::mutex_options options_of(const locks::robust_mutex *m) {
     return {.window = m == &own_mutex ? nullptr : peers::env_of(m), .recursive = true};
 }
 
+locks::robust_mutex *mutex_in_use() {
+    locks::robust_mutex *m = bound.load(std::memory_order_acquire);
+    return m != nullptr ? m : &own_mutex;
+}
+
 cerrno unlock(locks::robust_mutex *m) {
     return locks::unlock(m, options_of(m));
 }
@@ -35,10 +40,7 @@ cerrno unlock(locks::robust_mutex *m) {
 
 cerrno pak_client_mutex_lock(void) {
     (void)after_fork;
-    locks::robust_mutex *m = bound.load(std::memory_order_acquire);
-    if (m == nullptr) {
-        m = &own_mutex;
-    }
+    locks::robust_mutex *m = mutex_in_use();
     switch (locks::lock(m, options_of(m))) {
         case locks::outcome::closed:
             return EBADF;
@@ -59,6 +61,10 @@ cerrno pak_client_mutex_unlock(void) {
     }
     // Taken before the window was opened.
     return unlock(&own_mutex);
+}
+
+uint32_t pak_client_mutex_deaths(void) {
+    return journal::observe(mutex_in_use()->deaths);
 }
 
 void ptd_set_mutex_block(void) {

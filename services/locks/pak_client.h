@@ -17,6 +17,9 @@ MFWD6_EXPORT cerrno pak_client_mutex_lock(void);
 // Gives up one hold. 0; EPERM (1) when the calling thread holds none.
 MFWD6_EXPORT cerrno pak_client_mutex_unlock(void);
 
+// How often the mutex was left behind by a holder that died.
+MFWD6_EXPORT uint32_t pak_client_mutex_deaths(void);
+
 // Bracket a wait for a mutex, and what is done under it, on a thread that could be cancelled:
 // between them pthread_cancel(3) stays pending. They nest; the state before the first is put back
 // by the last. An unset without a set does nothing.

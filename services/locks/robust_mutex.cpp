@@ -116,7 +116,6 @@ outcome acquire(robust_mutex *m, const mutex_options &how, bool wait) {
                 return taken(m, how, peer, outcome::taken_after_death);
             }
             if (seen == 0) {
-                count_death(m);
                 result = outcome::taken_after_death;
             }
             continue;
@@ -182,6 +181,7 @@ bool release_dead(robust_mutex *m, peers::peer_id dead) {
     uint64_t seen = w.load(std::memory_order_relaxed);
     while (seen != 0 && word::peer_of(seen) == dead) {
         if (w.compare_exchange_weak(seen, 0)) {
+            count_death(m);
             word::wake(m->word, word::everybody);
             return true;
         }

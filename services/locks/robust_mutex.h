@@ -26,7 +26,7 @@ struct alignas(16) robust_mutex {
     uint64_t
         word;  // peer id in the upper half; below it the thread id and, in bit 31, "somebody waits"
     uint32_t depth;   // of a recursive hold; only the holder reads or writes it
-    uint32_t deaths;  // times that it was taken from a dead holder
+    uint32_t deaths;  // times that it was taken from, or freed for, a dead holder
 };
 static_assert(sizeof(robust_mutex) == 16 && std::is_trivially_copyable_v<robust_mutex>);
 

@@ -14,20 +14,26 @@ namespace {
 class checker {
   public:
     checker(const open_window &w, char *why, size_t size)
-        : w_(w), h_(w.super->heap), why_(why), size_(size) {}
+        : w_(w), h_(w.super->heap), why_(why), why_size_(size) {}
 
-    bool run() { return spans() && counts() && partial_lists() && bins(); }
+    bool run() { return size() && spans() && counts() && partial_lists() && bins() && held(); }
 
   private:
     bool fail(const char *text, uint64_t a = 0, uint64_t b = 0) {
         if (why_ != nullptr) {
-            std::snprintf(why_, size_, text, static_cast<unsigned long>(a),
+            std::snprintf(why_, why_size_, text, static_cast<unsigned long>(a),
                           static_cast<unsigned long>(b));
         }
         return false;
     }
 
     static span_kind kind(const span &s) { return static_cast<span_kind>(s.kind); }
+
+    bool size() {
+        return h_.top <= h_.committed && h_.committed <= h_.span_count
+                   ? true
+                   : fail("%lu spans in use of %lu with memory", h_.top, h_.committed);
+    }
 
     bool spans() {
         uint32_t at = 0;
@@ -74,7 +80,10 @@ class checker {
                 return fail("slab %lu has a bit past its %lu slots", at, slots);
             }
         }
-        used_ += uint64_t{live} * class_sizes[s.cls];
+        if (!held_among(at, s.bits)) {
+            return false;
+        }
+        used_ += uint64_t{live - w_.held[at].count} * class_sizes[s.cls];
         listed_slabs_ += live < slots ? 1U : 0U;
         return live == s.live ? true : fail("slab %lu counts wrong, %lu are live", at, live);
     }
@@ -96,12 +105,47 @@ class checker {
                 }
             }
         }
+        const uint64_t one[bitmap_words] = {kind(s) == span_kind::large ? 1U : 0U};
+        for (uint32_t i = 0; i < s.length; ++i) {
+            static constexpr uint64_t none[bitmap_words] = {};
+            if (!held_among(at + i, i == 0 ? one : none)) {
+                return false;
+            }
+        }
         if (kind(s) == span_kind::large) {
-            used_ += uint64_t{s.length} * span_bytes;
+            used_ += w_.held[at].count == 0 ? uint64_t{s.length} * span_bytes : 0;
         } else {
             ++free_runs_;
         }
         return true;
+    }
+
+    // Only what is taken can be held.
+    bool held_among(uint32_t at, const uint64_t (&taken)[bitmap_words]) {
+        const held_span &h = w_.held[at];
+        uint32_t count = 0;
+        for (uint32_t i = 0; i < bitmap_words; ++i) {
+            count += static_cast<uint32_t>(std::popcount(h.bits[i]));
+            if ((h.bits[i] & ~taken[i]) != 0) {
+                return fail("span %lu holds a block that is not taken", at);
+            }
+        }
+        held_ += count;
+        held_spans_ += count != 0 ? 1U : 0U;
+        return count == h.count ? true : fail("span %lu counts %lu held blocks wrong", at, count);
+    }
+
+    bool held() {
+        uint32_t listed = 0;
+        for (uint32_t i = h_.held_first; i != 0; i = w_.held[i - 1].next) {
+            if (i > h_.top || w_.held[i - 1].count == 0 || ++listed > held_spans_) {
+                return fail("the list of held blocks goes wrong at span %lu", i - 1);
+            }
+        }
+        if (listed != held_spans_) {
+            return fail("%lu spans hold blocks, %lu are listed", held_spans_, listed);
+        }
+        return held_ == h_.held ? true : fail("%lu blocks are held, %lu counted", held_, h_.held);
     }
 
     bool counts() {
@@ -160,10 +204,12 @@ class checker {
     const open_window &w_;
     const heap_state &h_;
     char *why_;
-    size_t size_;
+    size_t why_size_;
     uint64_t used_ = 0;
     uint32_t listed_slabs_ = 0;
     uint32_t free_runs_ = 0;
+    uint32_t held_ = 0;
+    uint32_t held_spans_ = 0;
 };
 
 }  // namespace

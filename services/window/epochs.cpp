@@ -2,7 +2,10 @@
 
 #include <errno.h>
 
+#include <algorithm>
+
 #include "services/window/heap.h"
+#include "services/window/inspect.h"
 #include "services/window/window_table.h"
 
 namespace mfwd6::window {
@@ -40,6 +43,13 @@ bool claim(open_window &w, reader_slot &r) {
         return false;
     }
     return std::atomic_ref<uint32_t>(r.peer).compare_exchange_strong(holder, w.env.self);
+}
+
+// A new epoch: whoever announces it has begun after all that was unlinked ahead of this call. Any
+// process may ask for one.
+uint64_t begin_epoch(open_window &w) {
+    return std::atomic_ref<uint64_t>(w.super->epochs.now).fetch_add(1, std::memory_order_seq_cst) +
+           1;
 }
 
 // The oldest epoch that a live reader still stands in; dead readers in the way are taken off.
@@ -114,7 +124,46 @@ void end_oldest(open_window &w, shmwin_final_fn final, void *context) {
     }
 }
 
+// Calls `visit(chunk)` for each chunk until it gives false. Whoever looks may look at a damaged
+// window: a chunk is a live block that is large enough, and there are no more than their entries
+// need.
+template <class Visit>
+void each_chunk(const open_window &w, Visit visit) {
+    const epoch_state &e = w.super->epochs;
+    uint64_t left = journal::observe(e.count) / deferred_per_chunk + 2;
+    for (const deferred_chunk *c = journal::observe(e.first); c != nullptr && left > 0; --left) {
+        shmwin_block block{};
+        if (shmwin_find_block(c, &block) != 0 || block.address != c || block.size < sizeof(*c) ||
+            !visit(c)) {
+            return;
+        }
+        c = journal::observe(c->next);
+    }
+}
+
 }  // namespace
+
+// A dead reader counts until the block is asked for again: to tell, the kernel must be asked.
+bool has_readers(const open_window &w) {
+    // What led to the block was taken away ahead of this look, as in `announce`. An exchange, as
+    // the thread sanitizer knows no fences.
+    std::atomic_ref<uint64_t>(w.super->epochs.now).fetch_add(0, std::memory_order_seq_cst);
+    for (reader_slot &r : w.super->readers) {
+        if (journal::observe(r.peer) != 0 &&
+            std::atomic_ref<uint64_t>(r.epoch).load(std::memory_order_seq_cst) != 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+uint32_t reuse_held(open_window &w) {
+    if (journal::observe(w.super->heap.held) == 0) {
+        return 0;
+    }
+    const uint64_t now = begin_epoch(w);
+    return heap_reuse_held(w, oldest_reader(w, now), 0);
+}
 
 }  // namespace mfwd6::window
 
@@ -184,7 +233,7 @@ cerrno shmwin_defer(uint32_t id, void *block) {
     }
     epoch_state &e = w->super->epochs;
     // Beyond what counts: nobody sees the entry before the count says so.
-    e.last->entries[e.filled] = {reinterpret_cast<uint64_t>(block), e.now};
+    e.last->entries[e.filled] = {reinterpret_cast<uint64_t>(block), journal::observe(e.now)};
     store(e.filled, e.filled + 1);
     store(e.count, e.count + 1);
     return 0;
@@ -201,16 +250,15 @@ cerrno shmwin_reclaim(uint32_t id, uint32_t most, shmwin_final_fn final, void *c
     }
     epoch_state &e = w->super->epochs;
     uint32_t done = 0;
-    if (e.first != nullptr) {
-        // A new epoch: whoever announces it has begun after all that is deferred now was unlinked.
-        const uint64_t now = e.now + 1;
-        std::atomic_ref<uint64_t>(e.now).store(now, std::memory_order_seq_cst);
+    if (e.first != nullptr || journal::observe(w->super->heap.held) != 0) {
+        const uint64_t now = begin_epoch(*w);
         const uint64_t oldest = oldest_reader(*w, now);
         while (e.first != nullptr && (most == 0 || done < most) &&
                e.first->entries[e.taken].epoch < oldest) {
             end_oldest(*w, final, context);
             ++done;
         }
+        heap_reuse_held(*w, oldest, most);
     }
     if (ended != nullptr) {
         *ended = done;
@@ -227,15 +275,33 @@ cerrno shmwin_each_deferred(uint32_t id, int (*visit)(void *block, void *context
         return EINVAL;
     }
     const epoch_state &e = w->super->epochs;
-    uint32_t at = e.taken;
-    for (const deferred_chunk *c = e.first; c != nullptr; c = c->next, at = 0) {
-        const uint32_t end = c == e.last ? e.filled : deferred_per_chunk;
+    uint32_t at = journal::observe(e.taken);
+    each_chunk(*w, [&](const deferred_chunk *c) {
+        const uint32_t filled =
+            c == journal::observe(e.last) ? journal::observe(e.filled) : deferred_per_chunk;
+        const uint32_t end = std::min(filled, deferred_per_chunk);
         for (; at < end; ++at) {
-            if (visit(reinterpret_cast<void *>(c->entries[at].block), context) != 0) {
-                return 0;
+            void *block = reinterpret_cast<void *>(journal::observe(c->entries[at].block));
+            if (visit(block, context) != 0) {
+                return false;
             }
         }
+        at = 0;
+        return true;
+    });
+    return 0;
+}
+
+cerrno shmwin_each_deferred_list(uint32_t id, int (*visit)(const void *block, void *context),
+                                 void *context) {
+    open_window *w = find(id);
+    if (w == nullptr) {
+        return SHMWIN_ERR_BAD_ID;
     }
+    if (visit == nullptr) {
+        return EINVAL;
+    }
+    each_chunk(*w, [&](const deferred_chunk *c) { return visit(c, context) == 0; });
     return 0;
 }
 
@@ -248,7 +314,8 @@ cerrno shmwin_get_epochs(uint32_t id, shmwin_epoch_state *state) {
         return EINVAL;
     }
     const epoch_state &e = w->super->epochs;
-    *state = {journal::observe(e.now), journal::observe(e.count), 0, 0};
+    *state = {journal::observe(e.now), journal::observe(e.count), 0, 0,
+              journal::observe(w->super->heap.held)};
     const uint64_t oldest = e.first != nullptr ? e.first->entries[e.taken].epoch : 0;
     for (const reader_slot &r : w->super->readers) {
         const uint32_t holder = journal::observe(r.peer);

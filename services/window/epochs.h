@@ -5,6 +5,12 @@
 // those back that every live reader has passed. A dead reader is skipped. What is deferred lies in
 // the window: it survives the owner's death, and the next owner goes on with it.
 //
+// A block that a change took and made visible may be found by readers before the change is run
+// back, by its own process or, when that is killed, by another. Such a block is free from then on,
+// but as long as there are readers it is held: it keeps its contents and is not handed out again
+// before they have passed. Held blocks are looked at in shmwin_reclaim, when a window is opened by
+// its next owner, and when memory is short.
+//
 // Thread-safety: a reader handle belongs to one thread at a time. Defer and reclaim belong to the
 // owner's operation thread; both are journaled, so a block deferred in a group that does not commit
 // is not deferred.
@@ -43,20 +49,28 @@ typedef void (*shmwin_final_fn)(void *block, void *context);
 
 // Owner: ends up to `most` deferred blocks (0: no bound) that every live reader has passed, with
 // `final` or, if that is NULL, with shmwin_free. *ended, if not NULL, receives how many there were.
-// Never waits.
+// Lets up to as many held blocks be used again. Never waits.
 MFWD6_EXPORT cerrno shmwin_reclaim(uint32_t id, uint32_t most, shmwin_final_fn final, void *context,
                                    uint32_t *ended);
 
 // Visits every deferred block, oldest first: they are live and reachable from no record. Not beside
-// defer and reclaim, so by the owner's operation thread, or while there is no owner.
+// defer and reclaim, so by the owner's operation thread, or while there is no owner; beside them it
+// ends all the same, and may miss or repeat some.
 MFWD6_EXPORT cerrno shmwin_each_deferred(uint32_t id, int (*visit)(void *block, void *context),
                                          void *context);
+
+// Visits the blocks in which the deferred ones are noted: they belong to this service, have no
+// guard and are freed by it. Follows a link only to a live block; the same conditions as above.
+MFWD6_EXPORT cerrno shmwin_each_deferred_list(uint32_t id,
+                                              int (*visit)(const void *block, void *context),
+                                              void *context);
 
 typedef struct shmwin_epoch_state {
     uint64_t epoch;     // of the window
     uint64_t deferred;  // blocks that wait
     uint32_t readers;   // announced by live processes and not idle
     uint32_t waiting;   // of these, readers that keep the oldest deferred block waiting
+    uint64_t held;      // free blocks that are not used again yet
 } shmwin_epoch_state;
 
 MFWD6_EXPORT cerrno shmwin_get_epochs(uint32_t id, shmwin_epoch_state *state);

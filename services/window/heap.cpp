@@ -299,11 +299,10 @@ void *take_large(open_window &w, size_t size) {
     return slot_address(w, taken - 1, 0);
 }
 
-void give_slot(open_window &w, const located &l) {
+void reuse_slot(open_window &w, const located &l) {
     span &s = *l.of;
     uint32_t &head = w.super->heap.partial[s.cls];
     uint64_t &bits = s.bits[l.slot / 64];
-    store(w.super->heap.used, w.super->heap.used - class_sizes[s.cls]);
     store(bits, bits & ~(uint64_t{1} << (l.slot % 64)));
     if (s.live == slots_of(s.cls)) {
         link(w, head, l.index);
@@ -318,14 +317,48 @@ void give_slot(open_window &w, const located &l) {
     }
 }
 
-void give(open_window &w, const located &l) {
+// The memory of a block that is counted no more.
+void reuse(open_window &w, const located &l) {
     if (kind_of(*l.of) == span_kind::slab) {
-        give_slot(w, l);
+        reuse_slot(w, l);
         return;
     }
-    store(w.super->heap.used, w.super->heap.used - block_bytes(l));
     store(l.of->kind, kind_word(span_kind::none));
     give_spans(w, l.index, l.of->length);
+}
+
+void count_no_more(open_window &w, const located &l) {
+    store(w.super->heap.used, w.super->heap.used - block_bytes(l));
+}
+
+void give(open_window &w, const located &l) {
+    count_no_more(w, l);
+    reuse(w, l);
+}
+
+// The block is free and its memory stays as it is: a bit beside the descriptor, so that there is
+// room for every block.
+void hold(open_window &w, const located &l) {
+    heap_state &h = w.super->heap;
+    held_span &s = w.held[l.index];
+    uint64_t &bits = s.bits[l.slot / 64];
+    count_no_more(w, l);
+    store(bits, bits | (uint64_t{1} << (l.slot % 64)));
+    store(s.epoch, journal::observe(w.super->epochs.now));
+    if (s.count == 0) {
+        store(s.next, h.held_first);
+        store(h.held_first, l.index + 1);
+    }
+    store(s.count, s.count + 1);
+    store(h.held, h.held + 1);
+}
+
+uint32_t first_held_slot(const held_span &s) {
+    uint32_t word = 0;
+    while (word + 1 < bitmap_words && s.bits[word] == 0) {
+        ++word;
+    }
+    return word * 64 + static_cast<uint32_t>(std::countr_zero(s.bits[word]));
 }
 
 // The group open on another log of the same window, which an allocation belongs to.
@@ -344,16 +377,66 @@ void drop_entry(journal::log *outer) {
     store(outer->used, outer->used - 1);
 }
 
+// One held block of the span that `link` leads to; with the last one the span leaves the list.
+void reuse_first_held(open_window &w, uint32_t &link) {
+    const journal::group g(own_log(w), w.env.self);
+    const uint32_t index = link - 1;
+    held_span &s = w.held[index];
+    const uint32_t slot = first_held_slot(s);
+    uint64_t &bits = s.bits[slot / 64];
+    store(bits, bits & ~(uint64_t{1} << (slot % 64)));
+    store(s.count, s.count - 1);
+    store(w.super->heap.held, w.super->heap.held - 1);
+    if (s.count == 0) {
+        store(link, s.next);
+    }
+    reuse(w, {&w.spans[index], index, slot, false});
+}
+
+// How the last entry of `outer`, a block that goes back, is dropped.
+void end_block(journal::log *outer, void *block, bool may_be_seen) {
+    open_window *w = covering(block);
+    if (w == nullptr) {
+        --outer->used;
+        return;
+    }
+    const section locked(*w);
+    const journal::group g(own_log(*w), w->env.self);
+    if (const located l = locate(*w, block, false); l.live) {
+        if (may_be_seen && has_readers(*w)) {
+            hold(*w, l);
+        } else {
+            give(*w, l);
+        }
+    }
+    drop_entry(outer);
+}
+
+void *take(open_window &w, size_t size) {
+    journal::log *outer = outer_group(w);
+    const section locked(w);
+    if (!locked.taken()) {
+        return nullptr;
+    }
+    journal::group g(own_log(w), w.env.self);
+    void *block =
+        size <= largest_slot ? take_slot(w, class_table[(size + 15) / 16]) : take_large(w, size);
+    if (block != nullptr && outer != nullptr) {
+        journal::note_allocation(outer, block);
+    }
+    return block;
+}
+
 }  // namespace
 
 void *slot_address(const open_window &w, uint32_t index, uint32_t slot) {
     const span &s = w.spans[index];
-    const size_t at = slot != 0 ? size_t{slot} * class_sizes[s.cls] : 0;
+    const size_t at = slot != 0 ? size_t{slot} * class_sizes[s.cls % class_count] : 0;
     return w.heap + (size_t{index} << span_shift) + at;
 }
 
 size_t block_bytes(const located &l) {
-    return kind_of(*l.of) == span_kind::slab ? class_sizes[l.of->cls]
+    return kind_of(*l.of) == span_kind::slab ? class_sizes[l.of->cls % class_count]
                                              : size_t{l.of->length} << span_shift;
 }
 
@@ -383,10 +466,10 @@ located locate(const open_window &w, const void *address, bool inside) {
         l.slot = slot_of_offset(cls, within);
         l.live = l.slot < slots_of(cls) &&
                  ((journal::observe(s.bits[l.slot / 64]) >> (l.slot % 64)) & 1U) != 0 &&
-                 (inside || within == l.slot * class_sizes[cls]);
+                 (inside || within == l.slot * class_sizes[cls]) && !is_held(w, l.index, l.slot);
         return l;
     }
-    l.live = kind_of(s) == span_kind::large && (inside || within == 0);
+    l.live = kind_of(s) == span_kind::large && (inside || within == 0) && !is_held(w, l.index, 0);
     return l;
 }
 
@@ -400,8 +483,10 @@ void heap_format(open_window &w, uint32_t committed) {
 int heap_commit(int fd, const places &where, uint32_t from, uint32_t to) {
     const struct {
         uint64_t at, bytes;
-    } parts[] = {{where.spans + uint64_t{from} * sizeof(span), uint64_t{to - from} * sizeof(span)},
-                 {where.heap + uint64_t{from} * span_bytes, uint64_t{to - from} * span_bytes}};
+    } parts[] = {
+        {where.spans + uint64_t{from} * sizeof(span), uint64_t{to - from} * sizeof(span)},
+        {where.held + uint64_t{from} * sizeof(held_span), uint64_t{to - from} * sizeof(held_span)},
+        {where.heap + uint64_t{from} * span_bytes, uint64_t{to - from} * span_bytes}};
     for (const auto &p : parts) {
         while (fallocate(fd, 0, static_cast<off_t>(p.at), static_cast<off_t>(p.bytes)) != 0) {
             if (errno != EINTR) {
@@ -411,6 +496,31 @@ int heap_commit(int fd, const places &where, uint32_t from, uint32_t to) {
     }
     return 0;
 }
+
+namespace {
+
+// The list of held blocks stays in the heap, ends, and counts what it counts.
+bool held_plausible(const open_window &w) {
+    const heap_state &h = w.super->heap;
+    uint64_t blocks = 0;
+    for (uint32_t i = h.held_first; i != 0; i = w.held[i - 1].next) {
+        if (i > h.top) {
+            return false;
+        }
+        const span &s = w.spans[i - 1];
+        const uint32_t room = kind_of(s) == span_kind::slab    ? s.live
+                              : kind_of(s) == span_kind::large ? 1
+                                                               : 0;
+        const held_span &held = w.held[i - 1];
+        blocks += held.count;
+        if (held.count == 0 || held.count > room || blocks > h.held) {
+            return false;
+        }
+    }
+    return blocks == h.held;
+}
+
+}  // namespace
 
 bool heap_plausible(open_window &w) {
     // Attached processes may be in the middle of their own allocations.
@@ -437,23 +547,17 @@ bool heap_plausible(open_window &w) {
         }
         at += run ? s.length : 1;
     }
-    return std::all_of(std::begin(h.partial), std::end(h.partial),
+    return held_plausible(w) &&
+           std::all_of(std::begin(h.partial), std::end(h.partial),
                        [&](uint32_t i) { return i <= h.top; }) &&
            std::all_of(std::begin(h.bins), std::end(h.bins),
                        [&](uint32_t i) { return i <= h.top; });
 }
 
 void *heap_take(open_window &w, size_t size) {
-    journal::log *outer = outer_group(w);
-    const section locked(w);
-    if (!locked.taken()) {
-        return nullptr;
-    }
-    journal::group g(own_log(w), w.env.self);
-    void *block =
-        size <= largest_slot ? take_slot(w, class_table[(size + 15) / 16]) : take_large(w, size);
-    if (block != nullptr && outer != nullptr) {
-        journal::note_allocation(outer, block);
+    void *block = take(w, size);
+    if (block == nullptr && reuse_held(w) != 0) {
+        block = take(w, size);
     }
     return block;
 }
@@ -486,17 +590,32 @@ cerrno heap_give(open_window &w, void *block) {
 }
 
 void heap_release(journal::log *outer, void *block) {
-    open_window *w = covering(block);
-    if (w == nullptr) {
-        --outer->used;
-        return;
+    end_block(outer, block, false);
+}
+
+void heap_retire(journal::log *outer, void *block) {
+    end_block(outer, block, true);
+}
+
+bool is_held(const open_window &w, uint32_t index, uint32_t slot) {
+    return journal::observe(w.super->heap.held) != 0 &&
+           ((journal::observe(w.held[index].bits[slot / 64]) >> (slot % 64)) & 1U) != 0;
+}
+
+uint32_t heap_reuse_held(open_window &w, uint64_t before, uint32_t most) {
+    const section locked(w);
+    uint32_t done = 0;
+    uint32_t *link = &w.super->heap.held_first;
+    while (locked.taken() && *link != 0 && (most == 0 || done < most)) {
+        held_span &s = w.held[*link - 1];
+        if (s.epoch < before) {
+            reuse_first_held(w, *link);
+            ++done;
+        } else {
+            link = &s.next;
+        }
     }
-    const section locked(*w);
-    const journal::group g(own_log(*w), w->env.self);
-    if (const located l = locate(*w, block, false); l.live) {
-        give(*w, l);
-    }
-    drop_entry(outer);
+    return done;
 }
 
 }  // namespace mfwd6::window

@@ -56,10 +56,23 @@ struct located {
 // recognised unless `inside`.
 located locate(const open_window &w, const void *address, bool inside);
 
-// shmwin_malloc, shmwin_free and journal::block_hooks::release.
+// shmwin_malloc, shmwin_free and journal::block_hooks::release and ::retire.
 void *heap_take(open_window &w, size_t size);
 cerrno heap_give(open_window &w, void *block);
 void heap_release(journal::log *outer, void *block);
+void heap_retire(journal::log *outer, void *block);
+
+// Whether a block that looks live is held: free, and not to be handed out yet.
+bool is_held(const open_window &w, uint32_t index, uint32_t slot);
+
+// Lets up to `most` held blocks (0: no bound) that were run back ahead of epoch `before` be handed
+// out again; how many there were. By any process.
+uint32_t heap_reuse_held(open_window &w, uint64_t before, uint32_t most);
+
+// In epochs.cpp: whether there are readers that may stand on what was visible a moment ago; and
+// heap_reuse_held for all that every live reader has passed.
+bool has_readers(const open_window &w);
+uint32_t reuse_held(open_window &w);
 
 void *slot_address(const open_window &w, uint32_t index, uint32_t slot);
 size_t block_bytes(const located &l);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "services/locks/lock_word.h"
 #include "services/window/heap.h"
 #include "services/window/setup.h"
 #include "services/window/window_table.h"
@@ -16,7 +17,10 @@ namespace {
 shmwin_block describe(const open_window &w, const located &l) {
     shmwin_block b = {};
     b.address = slot_address(w, l.index, l.slot);
-    b.size = block_bytes(l);
+    // No more than there is memory for, whatever a damaged descriptor says.
+    const uint32_t committed = journal::observe(w.super->heap.committed);
+    const uint32_t behind = committed > l.index ? committed - l.index : 1;
+    b.size = std::min(block_bytes(l), size_t{behind} << span_shift);
     b.live = l.live ? 1 : 0;
     if (l.live) {
         std::memcpy(b.words, b.address, sizeof(b.words));
@@ -31,12 +35,18 @@ class walk {
         : w_(w), with_free_(with_free), visit_(visit), context_(context) {}
 
     void run() {
-        for (uint32_t at = 0; !ended_ && at < journal::observe(w_.super->heap.top);) {
+        for (uint32_t at = 0; !ended_ && at < end();) {
             at += span_at(at);
         }
     }
 
   private:
+    // A damaged window may say anything: nothing is read where there is no memory.
+    uint32_t end() const {
+        const heap_state &h = w_.super->heap;
+        return std::min({journal::observe(h.top), journal::observe(h.committed), h.span_count});
+    }
+
     // Visits the blocks of the run that begins at `at`; gives its length.
     uint32_t span_at(uint32_t at) {
         span &s = w_.spans[at];
@@ -45,22 +55,27 @@ class walk {
                 slab(at, s);
                 return 1;
             case span_kind::large:
-                show({&s, at, 0, true});
-                return std::max(s.length, 1U);
+                show({&s, at, 0, !is_held(w_, at, 0)});
+                return run_length(s);
             case span_kind::free:
                 show({&s, at, 0, false});
-                return std::max(s.length, 1U);
+                return run_length(s);
             case span_kind::none:
                 break;
         }
         return 1;
     }
 
+    uint32_t run_length(const span &s) const {
+        return std::clamp(journal::observe(s.length), 1U, w_.super->heap.span_count);
+    }
+
     void slab(uint32_t at, span &s) {
         const uint32_t slots = slots_of(s.cls % class_count);
         for (uint32_t slot = 0; slot < slots && !ended_; ++slot) {
             const uint64_t bits = journal::observe(s.bits[slot / 64]);
-            show({&s, at, slot, ((bits >> (slot % 64)) & 1U) != 0});
+            const bool taken = ((bits >> (slot % 64)) & 1U) != 0;
+            show({&s, at, slot, taken && !is_held(w_, at, slot)});
         }
     }
 
@@ -77,6 +92,19 @@ class walk {
     void *context_;
     bool ended_ = false;
 };
+
+shmwin_lock_state lock_state(const char *name, const locks::robust_mutex &m) {
+    const uint64_t word = journal::observe(m.word);
+    shmwin_lock_state state = {};
+    state.name = name;
+    state.address = &m.word;
+    state.peer = locks::word::peer_of(word);
+    state.thread = locks::word::thread_of(word);
+    state.depth = state.peer != 0 ? journal::observe(m.depth) : 0;
+    state.deaths = journal::observe(m.deaths);
+    state.contended = (word & locks::word::waiting) != 0 ? 1 : 0;
+    return state;
+}
 
 uint64_t limit_bytes(const heap_state &h) {
     const uint32_t spans = h.limit != 0 ? std::min(h.limit, h.span_count) : h.span_count;
@@ -109,7 +137,10 @@ cerrno shmwin_get_usage(uint32_t id, shmwin_usage *usage) {
     usage->generation = journal::observe(s.generation);
     usage->opened = journal::observe(s.opened);
     for (const journal::log *l : w->env.logs) {
-        usage->undone += journal::observe(l->undone);
+        const uint64_t undone = journal::observe(l->undone);
+        usage->undone += undone;
+        usage->changes += undone + journal::observe(l->commits);
+        usage->open += journal::observe(l->used) != 0 ? 1U : 0U;
     }
     return 0;
 }
@@ -183,6 +214,34 @@ cerrno shmwin_get_processes(uint32_t id, shmwin_process *list, uint32_t room, ui
         ++n;
     }
     *count = n;
+    return 0;
+}
+
+cerrno shmwin_get_locks(uint32_t id, shmwin_lock_state *list) {
+    const open_window *w = find(id);
+    if (w == nullptr) {
+        return SHMWIN_ERR_BAD_ID;
+    }
+    if (list == nullptr) {
+        return EINVAL;
+    }
+    const superblock &s = *w->super;
+    list[0] = lock_state("allocator", s.allocator_lock);
+    list[1] = lock_state("recovery", s.recovery_lock);
+    list[2] = lock_state("window", s.window_mutex);
+    list[3] = lock_state("packet client", s.packet_mutex);
+    return 0;
+}
+
+cerrno shmwin_get_mutex_deaths(uint32_t id, uint32_t *deaths) {
+    const open_window *w = find(id);
+    if (w == nullptr) {
+        return SHMWIN_ERR_BAD_ID;
+    }
+    if (deaths == nullptr) {
+        return EINVAL;
+    }
+    *deaths = journal::observe(w->super->window_mutex.deaths);
     return 0;
 }
 

@@ -14,6 +14,8 @@ typedef struct shmwin_usage {
     uint64_t generation;  // goes up when the window is made or reset: pointers of before are void
     uint64_t opened;      // successful opens by an owner
     uint64_t undone;      // changes run back since the window was made, over all logs
+    uint64_t changes;     // changes finished or run back, over all logs; goes up with each one
+    uint32_t open;        // logs that hold a change which is neither
 } shmwin_usage;
 
 MFWD6_EXPORT cerrno shmwin_get_usage(uint32_t id, shmwin_usage *usage);
@@ -21,7 +23,7 @@ MFWD6_EXPORT cerrno shmwin_get_usage(uint32_t id, shmwin_usage *usage);
 typedef struct shmwin_block {
     void *address;      // as shmwin_malloc gave it
     size_t size;        // bytes handed out, not less than what was asked for
-    int live;           // 0 for free memory
+    int live;           // 0 for free memory, also while readers keep it from reuse
     uint64_t words[4];  // the first 32 bytes of a live block, so that callers see their guard
 } shmwin_block;
 
@@ -49,6 +51,25 @@ typedef struct shmwin_process {
 // Writes up to `room` processes that have the window open; *count is how many there are.
 MFWD6_EXPORT cerrno shmwin_get_processes(uint32_t id, shmwin_process *list, uint32_t room,
                                          uint32_t *count);
+
+// The locks of a window.
+typedef struct shmwin_lock_state {
+    const char *name;     // "allocator", "recovery", "window", "packet client"; static
+    const void *address;  // where it lies: the address that its waiters sleep on
+    uint32_t peer;        // holder, as in shmwin_process; 0: nobody
+    uint32_t thread;      // gettid(2) of the holder, 0: nobody
+    uint32_t depth;       // of a recursive hold
+    uint32_t deaths;      // times that it was taken from a dead holder
+    int contended;        // 1: somebody waits, or has waited since it was taken
+} shmwin_lock_state;
+
+#define SHMWIN_LOCKS 4U
+
+// Writes the state of each lock to `list`, which has room for SHMWIN_LOCKS.
+MFWD6_EXPORT cerrno shmwin_get_locks(uint32_t id, shmwin_lock_state *list);
+
+// How often the window mutex was left behind by a holder that died.
+MFWD6_EXPORT cerrno shmwin_get_mutex_deaths(uint32_t id, uint32_t *deaths);
 
 // How shmwin_open_win found the window.
 #define SHMWIN_FOUND_NEW 0U       // it was made, or a half-made one was made anew

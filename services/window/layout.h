@@ -1,5 +1,6 @@
 // What lies in a window file, from its first byte: superblock, journal logs, the caller's header,
-// one descriptor per span, the heap. Private to the window service.
+// one descriptor per span, one word on held blocks per span, the heap. Private to the window
+// service.
 #ifndef MFWD6_SERVICES_WINDOW_LAYOUT_H
 #define MFWD6_SERVICES_WINDOW_LAYOUT_H
 
@@ -16,7 +17,7 @@ namespace mfwd6::window {
 
 inline constexpr uint64_t file_magic = 0x316e69773664666dULL;
 // Raise it with every change of a record in this file.
-inline constexpr uint32_t service_version = 2;
+inline constexpr uint32_t service_version = 3;
 
 // The heap is cut into spans: a slab of equal slots, a piece of a large block, or free.
 inline constexpr uint32_t span_shift = 15;
@@ -46,6 +47,18 @@ struct alignas(64) span {
 };
 static_assert(sizeof(span) == 128 && std::is_trivially_copyable_v<span>);
 
+// Blocks of one span that are free and must not be handed out yet: changes took them and were run
+// back while readers might stand on them. Apart from the descriptors, which every allocation goes
+// through.
+struct alignas(64) held_span {
+    uint64_t bits[bitmap_words];  // slots of a slab; bit 0 for a large block
+    uint64_t epoch;               // of the window when the latest of them came
+    uint32_t count;               // bits set; 0: not on the list
+    uint32_t next;                // held span: index + 1, 0 at the end
+    uint64_t reserved[2];
+};
+static_assert(sizeof(held_span) == 128 && std::is_trivially_copyable_v<held_span>);
+
 inline constexpr uint32_t class_count = 48;
 inline constexpr uint32_t bin_count = 96;
 
@@ -55,6 +68,8 @@ struct heap_state {
     uint32_t limit;       // spans to which `committed` may grow; 0: all
     uint32_t span_count;  // spans of address space
     uint64_t used;        // bytes in live blocks
+    uint32_t held;        // blocks that readers keep from reuse, see held_span
+    uint32_t held_first;  // list of the spans that they are in: index + 1
     uint64_t peak;
     uint64_t bins_filled[2];        // bit b: bins[b] is not empty
     uint32_t partial[class_count];  // slabs with a free slot: index + 1
@@ -157,7 +172,7 @@ constexpr uint64_t log_offset(uint32_t domain) {
 
 // Where the parts lie; all follow from the size of the header and of the address space.
 struct places {
-    uint64_t header, spans, heap;
+    uint64_t header, spans, held, heap;
     uint32_t span_count;
 };
 
@@ -166,8 +181,9 @@ constexpr places place(uint64_t header_bytes, uint64_t max_bytes) {
     p.header = log_offset(peers::domains);
     p.spans = round_up(p.header + header_bytes, 4096);
     const uint64_t room = max_bytes - p.spans;
-    p.span_count = static_cast<uint32_t>(room / (span_bytes + sizeof(span)));
-    p.heap = round_up(p.spans + uint64_t{p.span_count} * sizeof(span), span_bytes);
+    p.span_count = static_cast<uint32_t>(room / (span_bytes + sizeof(span) + sizeof(held_span)));
+    p.held = p.spans + uint64_t{p.span_count} * sizeof(span);
+    p.heap = round_up(p.held + uint64_t{p.span_count} * sizeof(held_span), span_bytes);
     p.span_count -= p.heap + uint64_t{p.span_count} * span_bytes > max_bytes ? 1U : 0U;
     return p;
 }

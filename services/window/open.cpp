@@ -65,6 +65,8 @@ cerrno map(open_window &w, void *base, uint64_t bytes) {
 void find_parts(open_window &w) {
     auto *bytes = reinterpret_cast<std::byte *>(w.super);
     w.spans = reinterpret_cast<span *>(bytes + w.super->id.spans_offset);
+    w.held = reinterpret_cast<held_span *>(
+        bytes + place(w.super->id.header_bytes, w.super->id.max_bytes).held);
     w.heap = bytes + w.super->id.heap_offset;
 }
 
@@ -207,6 +209,7 @@ cerrno settle(open_window &w) {
     if (!heap_plausible(w)) {
         return SHMWIN_ERR_DAMAGED;
     }
+    reuse_held(w);
     w.opening.recovery_ns = now_ns(CLOCK_MONOTONIC) - from;
     w.opening.found = cut_short                  ? SHMWIN_FOUND_NEW
                       : w.opening.recovered != 0 ? SHMWIN_FOUND_REPAIRED

@@ -80,7 +80,7 @@ void prepare_recovery(open_window &w) {
 }
 
 void install_block_hooks() {
-    static const journal::block_hooks hooks = {heap_release, undo_covers};
+    static const journal::block_hooks hooks = {heap_release, undo_covers, heap_retire};
     journal::set_block_hooks(&hooks);
 }
 
@@ -129,6 +129,8 @@ void wipe(open_window &w) {
     std::memset(bytes + s.id.header_offset, 0, s.id.header_bytes);
     journal::crash_point();
     std::memset(static_cast<void *>(w.spans), 0, s.heap.top * sizeof(span));
+    journal::crash_point();
+    std::memset(static_cast<void *>(w.held), 0, s.heap.top * sizeof(held_span));
     journal::crash_point();
     const uint64_t next_epoch = s.epochs.now + 1;
     s.epochs = epoch_state{};

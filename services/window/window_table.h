@@ -22,6 +22,7 @@ struct open_window {
     peers::env env;
     superblock *super;
     span *spans;
+    held_span *held;
     std::byte *heap;
     locks::mutex_options allocator_options;
     locks::mutex_options mutex_options;

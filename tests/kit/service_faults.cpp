@@ -12,6 +12,7 @@
 #include "services/events/retry.h"
 #include "services/gtrie/gtrie.h"
 #include "services/locks/rrw_lock.h"
+#include "services/objid/obj_id.h"
 #include "services/platform_info/platform_info.h"
 #include "services/radix/radix.h"
 #include "services/trees/avl.h"
@@ -135,13 +136,66 @@ POINTER_GATE(rn_root_t, rn_tree_init_v2,
              (uint32_t key, uint32_t length, rn_destructor_fn destructor, rn_alloc_fn allocator,
               int mode),
              (key, length, destructor, allocator, mode))
+POINTER_GATE(avl_node, avl_insert, (avl_tree * root, avl_node *node, tree_compare_fn compare),
+             (root, node, compare))
 
-static kit::gate<decltype(&ip6mc_gtrie_platform_init)> gate_trie_init("ip6mc_gtrie_platform_init");
-extern "C" void *ip6mc_gtrie_platform_init(const ip6mc_gtrie_params_t *params, cerrno *error) {
-    const cerrno code = gate_trie_init.refusal();
-    if (code == 0) {
-        return gate_trie_init.behind(params, error);
+// For functions that return NULL and put their code in `*error`.
+#define ERROR_GATE(function, parameters, arguments)                   \
+    static kit::gate<decltype(&function)> gate_##function(#function); \
+    extern "C" void *function parameters {                            \
+        const cerrno code = gate_##function.refusal();                \
+        if (code == 0) {                                              \
+            return gate_##function.behind arguments;                  \
+        }                                                             \
+        *error = code;                                                \
+        return nullptr;                                               \
     }
-    *error = code;
-    return nullptr;
-}
+
+ERROR_GATE(ip6mc_gtrie_platform_init, (const ip6mc_gtrie_params_t *params, cerrno *error),
+           (params, error))
+ERROR_GATE(ip6mc_gtrie_platform_lookup_exact,
+           (void *handle, const uint8_t *key, uint32_t length, cerrno *error),
+           (handle, key, length, error))
+ERROR_GATE(ip6mc_gtrie_platform_first_leaf,
+           (void *handle, const uint8_t *key, uint32_t length, cerrno *error),
+           (handle, key, length, error))
+ERROR_GATE(ip6mc_gtrie_platform_next_leaf, (void *handle, void *leaf, cerrno *error),
+           (handle, leaf, error))
+ERROR_GATE(ip6mc_gtrie_platform_less_specific_of_leaf, (void *handle, void *leaf, cerrno *error),
+           (handle, leaf, error))
+
+GATE(fib_obj_id_domain_params_init,
+     (fib_obj_id_domain_params_t * *params, fib_obj_id_mem_alloc_fn alloc,
+      fib_obj_id_mem_free_fn release),
+     (params, alloc, release))
+GATE(fib_obj_id_params_init, (fib_obj_id_params_t * *params), (params))
+GATE(fib_obj_id_params_set_id_cnt, (fib_obj_id_params_t * params, uint64_t count), (params, count))
+GATE(fib_obj_id_params_set_id_table_size, (fib_obj_id_params_t * params, uint32_t entries),
+     (params, entries))
+GATE(fib_obj_id_params_set_id_instance_cnt, (fib_obj_id_params_t * params, uint32_t count),
+     (params, count))
+GATE(fib_obj_id_params_set_id_version_cnt, (fib_obj_id_params_t * params, uint32_t count),
+     (params, count))
+GATE(fib_obj_id_params_set_id_userdata_cnt, (fib_obj_id_params_t * params, uint32_t count),
+     (params, count))
+GATE(fib_obj_id_params_set_mem_alloc_fn, (fib_obj_id_params_t * params, fib_obj_id_mem_alloc_fn fn),
+     (params, fn))
+GATE(fib_obj_id_params_set_mem_free_fn, (fib_obj_id_params_t * params, fib_obj_id_mem_free_fn fn),
+     (params, fn))
+// The type of a function that checks formats is no template argument.
+#define DEBUG_FN_GATE(function)                                                                 \
+    static kit::gate<cerrno (*)(fib_obj_id_params_t *, void *)> gate_##function(#function);     \
+    extern "C" cerrno function(fib_obj_id_params_t *params, fib_obj_id_dbg_fn fn) {             \
+        const cerrno code = gate_##function.refusal();                                          \
+        return code != 0 ? code : gate_##function.behind(params, reinterpret_cast<void *>(fn)); \
+    }
+DEBUG_FN_GATE(fib_obj_id_params_set_dbg_fn)
+DEBUG_FN_GATE(fib_obj_id_params_set_dbg_err_fn)
+GATE(fib_obj_id_domain_init,
+     (const fib_obj_id_domain_params_t *domain_params, const fib_obj_id_params_t *params,
+      fib_obj_id_domain_t **domain),
+     (domain_params, params, domain))
+GATE(fib_obj_id_alloc,
+     (fib_obj_id_domain_t * domain, uint64_t *id, void *object, uint32_t userdata),
+     (domain, id, object, userdata))
+GATE(fib_obj_id_free, (fib_obj_id_domain_t * domain, uint64_t id), (domain, id))

@@ -1,5 +1,4 @@
-// Proof that the window's allocator is whole: heap, pool and counts agree with the blocks that
-// live.
+// Proof that the whole window is sound (apps/check), in the form that tests expect.
 #ifndef MFWD6_TESTS_KIT_WINDOW_CHECK_H
 #define MFWD6_TESTS_KIT_WINDOW_CHECK_H
 
@@ -12,11 +11,12 @@
 
 namespace kit {
 
-// Sentences about what is wrong in the window that this process has open, none when all holds: the
-// heap's own invariants; each bucket of the pool has as many whole, live blocks of its size as it
-// says; the count of each type is the number of live blocks of that type outside the pool. Only
-// while nobody allocates, and in a library without a free hook that keeps blocks.
+// Sentences about what is wrong in the window that this process has open, none when all holds. Only
+// while nobody changes it, and in a library without a free hook that keeps blocks on its own.
 std::vector<std::string> window_faults();
+
+// What the death of an owner may leave behind, and blocks that nothing leads to.
+std::vector<std::string> window_leftovers();
 
 // Live blocks outside the pool, by the slot that counts them.
 std::array<uint32_t, IPMC_SHMWIN_ALLOC_TYPES> live_blocks();

@@ -24,6 +24,10 @@
 // holds, whatever the hardware still has. CREATE of what exists and DELETE of what does not are
 // successes.
 //
+// Changes. Some operations on the way down come while the library has a change of the window open
+// (services/journal): killed before its end, the record is there again for the next owner, who
+// repeats the operation. A platform takes none of the window's mutexes in them.
+//
 // Ownership. Records belong to the library and lie in the window. A platform reads them during a
 // call and writes only the extension behind a record, whose size platform_get_mcast_params states,
 // and the fields that are noted as the platform half's. It keeps no counts in them: who writes an

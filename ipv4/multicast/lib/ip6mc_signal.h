@@ -48,7 +48,7 @@ MFWD6_BEGIN_C
 
 // The signal route of this key into `*route_pp`, NULL when there is none (0 all the same). With an
 // `ifhandle` other than 0 also its interface into `*intf_pp`, NULL when the route has not got it;
-// with 0 `*intf_pp` is left alone. `intf_pp` may be NULL with an `ifhandle` of 0. Takes the mutex.
+// with 0 `*intf_pp` is left alone. `intf_pp` may be NULL. Takes the mutex.
 MFWD6_EXPORT cerrno ip6mc_signal_lookup(ipv4mc_table_st *table, const ip_maddr_st *source,
                                         const ip_maddr_st *group, ifhtype ifhandle,
                                         ipv4mc_route_entry_st **route_pp,

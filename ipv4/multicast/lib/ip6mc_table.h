@@ -218,8 +218,8 @@ MFWD6_EXPORT cerrno ip6mc_table_delete_all(uint32_t arg);
 MFWD6_EXPORT cerrno ip6mc_table_clear_all(uint32_t arg);
 
 // Brings the core routes on `memd_route_list` in line: DT set (1) or clear (0). Nothing for the
-// default table, nor to clear while the table has local egress interfaces or T bits.
-MFWD6_EXPORT void ip6mc_tbl_update_memd_routes(ipv4mc_table_st *table, int set);
+// default table, nor to clear while the table has local egress interfaces or T bits. Always 0.
+MFWD6_EXPORT cerrno ip6mc_tbl_update_memd_routes(ipv4mc_table_st *table, int set);
 
 // Selective download: the interfaces of a VRF table have come (1) or gone (0). Not built yet.
 MFWD6_EXPORT void ip6mc_svd_update_tbl_location(ipv4mc_table_st *table, int local);

@@ -226,6 +226,33 @@ TEST_F(Locks, AllHoldsAreGivenUpAndTakenBack) {
     EXPECT_TRUE(heard.errors().empty());
 }
 
+// Its count goes with it, so that who holds the mutex is told truly from then on.
+TEST_F(Locks, AHolderOfThePacketMutexThatDiesIsForgotten) {
+    kit::child holder([](const kit::post &parent) {
+        parent.hear();
+        if (kit::start_library({.attach_only = 1}) != 0)
+            return 1;
+        ipv6_mlib_pak_client_mutex_lock("dead", 1);
+        ipv6_mlib_pak_client_mutex_lock("dead", 2);
+        parent.tell();
+        parent.hear();
+        return 2;
+    });
+    start();
+    holder.tell();
+    ASSERT_EQ(holder.hear(), '.');
+    holder.kill();
+    EXPECT_EQ(ipv6_mlib_pak_client_mutex_get_count(), 2U);
+    ipv6_mlib_pak_client_mutex_lock("next", 1);
+    EXPECT_EQ(ipv6_mlib_pak_client_mutex_get_count(), 1U);
+    ipv6_mlib_pak_client_mutex_lock("next", 2);
+    EXPECT_EQ(ipv6_mlib_pak_client_mutex_get_count(), 2U);
+    ipv6_mlib_pak_client_mutex_unlock("next", 3);
+    ipv6_mlib_pak_client_mutex_unlock("next", 4);
+    EXPECT_EQ(ipv6_mlib_pak_client_mutex_get_count(), 0U);
+    EXPECT_TRUE(heard.errors().empty());
+}
+
 TEST_F(Locks, APacketMutexWithoutANameEndsTheProcessBehindTheLock) {
     const auto lock_without_a_name = [] {
         kit::library mine;

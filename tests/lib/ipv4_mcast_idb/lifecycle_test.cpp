@@ -1,5 +1,6 @@
 #include "services/diag/text.h"
 #include "services/events/event_manager.h"
+#include "tests/kit/service_faults.h"
 #include "tests/lib/ipv4_mcast_idb/fixture.h"
 
 namespace idb_test {
@@ -100,6 +101,20 @@ TEST_F(IdbLife, RefusesWhatItCannotStartWith) {
     EXPECT_EQ(ipv4mc_desc->idb_init, 0);
     EXPECT_EQ(ipv4mc_desc->idb_state, 0U);
     EXPECT_TRUE(told.empty());
+}
+
+TEST_F(IdbLife, WithoutATreeItDoesNotStart) {
+    kit::fail_service("shm_wavl_init", 12);
+    EXPECT_EQ(start(0), 12U);
+    EXPECT_EQ(heard_.errors(),
+              (std::vector<std::string>{std::string("Cannot init wavl tree for idb 12: ") +
+                                        cerr_strerror(12)}));
+    EXPECT_EQ(ipv4mc_desc->idb_init, 0);
+    EXPECT_EQ(tree_runs(), 0);
+    EXPECT_TRUE(told.empty());
+    kit::heal_services();
+    EXPECT_EQ(start(0), 0U);
+    EXPECT_NE(tree_runs(), 0);
 }
 
 TEST_F(IdbLife, AsksThePlatformWhenItManagesInterfaces) {

@@ -101,11 +101,16 @@ TEST_P(RouteWalk, ATrieThatFailsIsReported) {
     void *const trie = std::exchange(five->ingress_gtrie, nullptr);
     heard.clear();
     EXPECT_EQ(ip6mc_route_first_key(five, &none, &none, 0), nullptr);
+    const ip_maddr_st group = address(0xff, 1);
+    const ip_maddr_st source = address(0x20, 1);
+    // The length that was searched for, not the one that was given.
+    EXPECT_EQ(ip6mc_route_first_key(five, &source, &group, 3), nullptr);
     EXPECT_EQ(ip6mc_route_next(five, route), nullptr);
     const std::string code = cerr_strerror(GTRIE_E_BAD_HANDLE);
     EXPECT_EQ(heard.errors(),
-              (texts{"0x5(): Cannot find the first leaf for (*,::/0): " + code,
-                     "Error getting successor of (2000::1,ff00::1/256) table 0x5(): " + code}));
+              (texts{"0x5(red): Cannot find the first leaf for (*,::/0): " + code,
+                     "0x5(red): Cannot find the first leaf for (2000::1,ff00::1/256): " + code,
+                     "Error getting successor of (2000::1,ff00::1/256) table 0x5(red): " + code}));
     five->ingress_gtrie = trie;
 }
 

@@ -1,6 +1,10 @@
+#include <algorithm>
+
 #include "ipv4/multicast/lib/ip6mc_objid.h"
 #include "services/events/event_manager.h"
 #include "tests/kit/child.h"
+#include "tests/kit/service_faults.h"
+#include "tests/kit/window_check.h"
 #include "tests/lib/routes/bed.h"
 
 using namespace bed;
@@ -157,6 +161,107 @@ TEST_F(ObjectIds, AStaleIdFindsNothing) {
     EXPECT_NE(ipmc_object_ida_free(&again), 0U);
     EXPECT_EQ(again, kept);
     EXPECT_TRUE(last_said().starts_with("Object ID free failed for ID = "));
+}
+
+TEST_F(ObjectIds, AServiceThatRefusesADomainIsToldByNameAndNothingIsBuilt) {
+    struct step {
+        const char *service;
+        const char *said;
+    };
+    const step steps[] = {
+        {"fib_obj_id_domain_params_init", "domain params init failed: rc = "},
+        {"fib_obj_id_params_init", "fib_obj_id_params_init failed: rc = "},
+        {"fib_obj_id_params_set_dbg_fn", "fib_obj_id_params_set_dbg_fn failed: rc = "},
+        {"fib_obj_id_params_set_dbg_err_fn", "fib_obj_id_params_set_dbg_err_fn failed: rc = "},
+        {"fib_obj_id_params_set_mem_alloc_fn", "fib_obj_id_params_set_mem_alloc_fn failed: rc = "},
+        {"fib_obj_id_params_set_mem_free_fn", "fib_obj_id_params_set_mem_free_fn failed: rc = "},
+        {"fib_obj_id_params_set_id_cnt", "fib_obj_id_params_set_id_cnt failed: rc = "},
+        {"fib_obj_id_params_set_id_table_size",
+         "fib_obj_id_params_set_id_table_size failed: rc = "},
+        {"fib_obj_id_params_set_id_instance_cnt",
+         "fib_obj_id_params_set_id_instance_cnt failed: rc = "},
+        {"fib_obj_id_params_set_id_version_cnt",
+         "fib_obj_id_params_set_id_version_cnt failed: rc = "},
+        {"fib_obj_id_params_set_id_userdata_cnt",
+         "fib_obj_id_params_set_id_userdata_cnt failed: rc = "},
+        {"fib_obj_id_domain_init", "fib_obj_id_domain_init failed: rc = "}};
+    fib_obj_id_domain_t *&domain = ipv4mc_desc->shmwin_info->obj_id_domain;
+    fib_obj_id_domain_t *const built = std::exchange(domain, nullptr);
+    const auto blocks = kit::live_blocks();
+    for (const step &each : steps) {
+        kit::fail_service(each.service, 12);
+        EXPECT_EQ(ipmc_object_ida_init_domain(), 12U) << each.service;
+        EXPECT_EQ(said(), each.said + std::string(cerr_strerror(12)));
+        EXPECT_EQ(domain, nullptr);
+        EXPECT_EQ(kit::live_blocks(), blocks);
+        kit::heal_services();
+    }
+    ipv4mc_desc->shmwin_init = 0;
+    EXPECT_EQ(ipmc_object_ida_init_domain(), 9U);
+    ipv4mc_desc->shmwin_init = 1;
+    const auto all = errors();
+    EXPECT_EQ(std::count(all.begin(), all.end(),
+                         "Can not get shared memory info: rc: " + std::string(cerr_strerror(9))),
+              1);
+    domain = built;
+    EXPECT_EQ(ipmc_object_ida_init_domain(), 0U);
+}
+
+TEST_F(ObjectIds, ARouteLivesWithoutAnIdAndAnInterfaceDoesNot) {
+    kit::fail_service("fib_obj_id_alloc", 12, 2);
+    auto *route = add(table, sg(1));
+    ASSERT_NE(route, nullptr);
+    EXPECT_EQ(route->obj_id, unspecified);
+    heard.clear();
+    ipv4mc_intf_entry_st *entry = nullptr;
+    EXPECT_EQ(intf_operate(IPV4MC_ACTION_CREATE, route, {0, 0x100, 0, 0}, &entry, 1), 12U);
+    EXPECT_EQ(errors().back(), "Failed to assign object id for interface ifhandle: 0x100");
+    // It stays with the caller, who may clear it.
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(entry->obj_id, unspecified);
+    EXPECT_EQ(ipv4mc_clear_intf(&entry), 0U);
+    const auto all = errors();
+    EXPECT_TRUE(std::any_of(all.begin(), all.end(), [](const std::string &text) {
+        return text.starts_with("Object_id free failed for 0x100, 0xffffffffffffffff rc = ");
+    }));
+    kit::heal_services();
+    // A route without an id has none to lose.
+    int is_new = 0;
+    EXPECT_EQ(operate(IPV4MC_ACTION_DELETE, table, sg(1), &route, &is_new), 0U);
+    EXPECT_TRUE(errors().empty());
+}
+
+TEST_F(ObjectIds, AnIdThatCannotBeGivenBackIsToldAndTheRouteGoes) {
+    auto *route = add(table, sg(1));
+    kit::fail_service("fib_obj_id_free", 5);
+    int is_new = 0;
+    forget();
+    EXPECT_EQ(operate(IPV4MC_ACTION_DELETE, table, sg(1), &route, &is_new), 0U);
+    kit::heal_services();
+    EXPECT_EQ(errors().back(),
+              "Failed to free Object_ID for Route (2001:db8::1,ff3e::1/256, v:red)");
+    EXPECT_EQ(heard.lines(IPV4_DEBUG_OBJ_ID),
+              texts{"Freeing for Route (2001:db8::1,ff3e::1/256, v:red)"});
+    EXPECT_EQ(find(table, sg(1)), nullptr);
+}
+
+TEST_F(ObjectIds, AClearedRouteGetsNoNewOne) {
+    auto *route = add(table, sg(1));
+    const uint64_t id = route->obj_id;
+    ASSERT_LT(id, none);
+    int is_new = 0;
+    EXPECT_EQ(operate(IPV4MC_ACTION_CLEAR, table, sg(1), &route, &is_new), 0U);
+    EXPECT_EQ(route->obj_id, none);
+    void *object = nullptr;
+    EXPECT_NE(ipmc_object_ida_get_object_from_id(id, &object), 0U);
+    forget();
+    EXPECT_EQ(commit(table, route, 0), 0U);
+    EXPECT_EQ(operate(IPV4MC_ACTION_CREATE, table, sg(1), &route, &is_new), 17U);
+    EXPECT_EQ(commit(table, route, is_new), 0U);
+    EXPECT_EQ(route->obj_id, none);
+    EXPECT_EQ(operate(IPV4MC_ACTION_DELETE, table, sg(1), &route, &is_new), 0U);
+    EXPECT_TRUE(errors().empty());
+    EXPECT_LT(add(table, sg(1))->obj_id, none);  // only a new leaf does
 }
 
 // An owner that was killed: the next one finds the objects by the ids that were given out before.

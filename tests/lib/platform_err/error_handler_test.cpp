@@ -1,3 +1,6 @@
+#include <algorithm>
+#include <functional>
+
 #include "ipv4/multicast/lib/ip6mc_encap.h"
 #include "ipv4/multicast/lib/ip6mc_objid.h"
 #include "services/cbuf/cbuf.h"
@@ -129,6 +132,65 @@ TEST_F(ErrorHandler, AnInterfaceFailsInTheNameOfItsRoute) {
                "ipmc_platform_err_handler_sync_intf: Intf is NULL or route is Ok, ifh: 0x0"}));
 }
 
+TEST_F(ErrorHandler, AFaultPointIsTakenOverAsAFailureOfThePlatform) {
+    struct row {
+        uint32_t point;
+        std::function<cerrno()> work;
+        const char *said;
+    };
+    ipv4mc_intf_entry_st *entry = nullptr;
+    const intf_key k{IPV4MC_INTF_ORDINARY, 0x100, 0, 0};
+    const auto on_intf = [&](ipv4mc_action_type action, int is_new) {
+        return [&, action, is_new] { return intf_operate(action, route, k, &entry, is_new); };
+    };
+    const row rows[] = {{MLIB_FAULT_INTF_CREATE, on_intf(IPV4MC_ACTION_CREATE, 1),
+                         "platform CREATE failed new I/F "},
+                        {MLIB_FAULT_INTF_COMMIT, on_intf(IPV4MC_ACTION_COMMIT, 1),
+                         "platform COMMIT failed on new I/F "},
+                        {MLIB_FAULT_ROUTE_COMMIT, [&] { return commit(table, route, 1); },
+                         "Platform specific route operation failed "},
+                        {MLIB_FAULT_ROUTE_COMMIT, [&] { return commit(table, route, 0); },
+                         "Platform specific route operation failed "},
+                        {MLIB_FAULT_INTF_COMMIT, on_intf(IPV4MC_ACTION_COMMIT, 0),
+                         "platform COMMIT failed on existing I/F "}};
+    for (const row &r : rows) {
+        fim_arm(mlib_fim_hdl, r.point, 0, 1);
+        forget();
+        EXPECT_EQ(r.work(), 0U) << r.said;
+        // Behind the platform, which agreed.
+        EXPECT_EQ(sim_log_at(sim_log_count() - 1)->result, 0U);
+        const auto all = heard.errors();
+        ASSERT_EQ(all.size(), 1U) << r.said;
+        EXPECT_EQ(all[0].find(r.said), 0U) << all[0];
+        EXPECT_NE(all[0].find(cerr_strerror(11)), std::string::npos) << all[0];
+        EXPECT_EQ(route->err, 1);
+        EXPECT_EQ(queued(), 1U);
+        ipmc_platform_err_handler_clear_route_err(route);
+        EXPECT_EQ(queued(), 0U);
+    }
+    EXPECT_EQ(find(table, sg(1)), route);
+    EXPECT_EQ(route->intf_list, entry);
+    // An existing entry: the answer is that it exists.
+    fim_arm(mlib_fim_hdl, MLIB_FAULT_INTF_CREATE, 0, 1);
+    EXPECT_EQ(intf_operate(IPV4MC_ACTION_CREATE, route, k, &entry, 0), 17U);
+    EXPECT_EQ(queued(), 1U);
+}
+
+TEST_F(ErrorHandler, ADeletedOrClearedRouteLeavesTheQueue) {
+    ASSERT_EQ(commit(table, route, 1), 0U);
+    EXPECT_EQ(ipmc_platform_err_handler_sync_route(route, 5), 0U);
+    int is_new = 0;
+    EXPECT_EQ(operate(IPV4MC_ACTION_CLEAR, table, sg(1), &route, &is_new), 0U);
+    EXPECT_EQ(route->err, 0);
+    EXPECT_EQ(queued(), 0U);
+    route->event_history = nullptr;
+    EXPECT_EQ(ipmc_platform_err_handler_sync_route(route, 5), 0U);
+    EXPECT_EQ(queued(), 1U);
+    EXPECT_EQ(operate(IPV4MC_ACTION_DELETE, table, sg(1), &route, &is_new), 0U);
+    EXPECT_EQ(queued(), 0U);
+    route = create(table, sg(1));
+}
+
 TEST_F(ErrorHandler, ARouteAndAnEncapAtOneAddressAreTold) {
     auto *encap = reinterpret_cast<ipv4mc_encap_entry_st *>(route);
     ASSERT_EQ(ipmc_retry_msg_queue_insert_route(route), 0U);
@@ -243,6 +305,69 @@ TEST_F(ErrorHandler, AnElementOfNoKnownTypeStays) {
     EXPECT_EQ(heard.errors(),
               (texts{"ipmc_retry_msg_queue_walk: Retry msg queue node is NULL",
                      "ipmc_retry_msg_queue_rem_route: Route retry queue node is NULL\n"}));
+}
+
+// What one owner could not program, the next one tries again.
+TEST(RetryQueueAcrossProcesses, IsFoundAndWalkedByTheNextOwner) {
+    kit::run_dir dir;
+    const auto start = [](event_manager_t **manager) {
+        platform_info_t info{};
+        platform_info_defaults(&info);
+        info.router_type = 10;
+        platform_info_set(&info);
+        ptimer_test_clock_on();
+        kit::start_library();
+        start_interfaces();
+        event_manager_create(manager);
+        ipmc_platform_err_handler_init(*manager);
+    };
+    kit::child first([&](const kit::post &parent) {
+        event_manager_t *manager = nullptr;
+        start(&manager);
+        auto *made = make_table(0xe0000005, 0x60000006, "red");
+        for (uint32_t n = 1; n <= 2; ++n) {
+            sim_arm_fault(SIM_OP_ROUTE, IPV4MC_ACTION_COMMIT, 0, 1, 5);
+            add(made, sg(n));
+        }
+        parent.tell();
+        parent.hear();
+        return 0;
+    });
+    ASSERT_EQ(first.hear(), '.');
+    first.kill();
+    kit::child second([&](const kit::post &) {
+        event_manager_t *manager = nullptr;
+        start(&manager);
+        ipv4mc_table_st *red = ip6mc_table_lookup_by_tbl_id(0xe0000005);
+        const dlqueue_node_t *queue = ipv4mc_desc->shmwin_info->retry_queue;
+        const dlqueue_node_t *node = queue->next;
+        for (uint32_t n = 1; n <= 2; ++n, node = node->next) {
+            auto *route = find(red, sg(n));
+            EXPECT_EQ(route->err, 1);
+            EXPECT_EQ(static_cast<const ipmc_retry_msg *>(node->data)->object, route);
+        }
+        EXPECT_EQ(node, queue);
+        // The timer runs from the start on.
+        kit::listener heard;
+        uint32_t dispatched = 0;
+        ptimer_test_clock_advance(60'000'000'000);
+        event_manager_run_once(manager, 0, &dispatched);
+        const auto lines = heard.lines(IPV4_DEBUG_EV);
+        EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                                [](const std::string &line) {
+                                    return line.starts_with(
+                                        "ipmc_retry_msg_queue_walk: retry msg type 0 rc ");
+                                }),
+                  2);
+        // Routes go with their elements.
+        for (uint32_t n = 1; n <= 2; ++n) {
+            int is_new = 0;
+            EXPECT_EQ(operate(IPV4MC_ACTION_DELETE, red, sg(n), nullptr, &is_new), 0U);
+        }
+        EXPECT_EQ(queue->next, queue);
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(second.wait(), 0);
 }
 
 TEST(ErrorHandlerWithoutTimer, EndsTheProcess) {

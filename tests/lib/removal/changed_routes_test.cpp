@@ -1,5 +1,7 @@
 #include <pthread.h>
 
+#include <thread>
+
 #include "tests/kit/child.h"
 #include "tests/lib/removal/rig.h"
 
@@ -95,6 +97,18 @@ TEST_F(ChangedRoutes, OnlyTheFirstWakesTheReader) {
     EXPECT_EQ(hdr->changed_route_wake, 0);
 }
 
+TEST_F(ChangedRoutes, AWakeUpThatCannotBeMadeIsToldAndTheChangeStands) {
+    pthread_mutex_t *mutex = &rig::header()->changed_route_mutex;
+    // Held by a thread that is gone, and given up by one that did not mend it.
+    std::thread([mutex] { pthread_mutex_lock(mutex); }).join();
+    ASSERT_EQ(pthread_mutex_lock(mutex), EOWNERDEAD);
+    pthread_mutex_unlock(mutex);
+    EXPECT_EQ(ip6mc_mark_route_changed(r[0]), 0U);
+    EXPECT_EQ(errors(), texts{"pthread_cond_signal failed [0x83] : " +
+                              std::string(cerr_strerror(ENOTRECOVERABLE))});
+    EXPECT_EQ(listed(), list{r[0]});
+}
+
 namespace {
 
 // A reader in a process of its own, made before this one opens the window, and an owner beside it.
@@ -155,4 +169,84 @@ TEST(ChangedRoutesReader, ThatDiedWithTheMutexDoesNotStopTheNextChange) {
     both.reader.kill();
     EXPECT_EQ(ip6mc_mark_route_changed(both.route), 0U);
     EXPECT_EQ(rig::header()->changed_route_wake, 1);
+}
+
+namespace {
+
+// Attaches, and drains the list each time that it is woken, until it is killed; tells each time.
+int drain_for_ever(const kit::post &up) {
+    up.hear();
+    const kit::library attached({.attach_only = 1, .with_callback = false});
+    ipv4mc_shmwin_hdr_st *hdr = rig::header();
+    up.tell();
+    for (;;) {
+        if (ip6mc_changed_routes_wait(60000) != 0 || ip6mc_shmwin_mutex_lock("reader", 1) != 0)
+            return 1;
+        while (hdr->changed_route_head != nullptr)
+            ipv4mc_changelist_remove_route(hdr->changed_route_head);
+        if (ip6mc_shmwin_mutex_unlock() != 0)
+            return 2;
+        up.tell('d');
+    }
+}
+
+cerrno mark_under_mutex(ipv4mc_route_entry_st *route) {
+    EXPECT_EQ(ip6mc_shmwin_mutex_lock("poster", 1), 0U);
+    const cerrno rc = ip6mc_mark_route_changed(route);
+    EXPECT_EQ(ip6mc_shmwin_mutex_unlock(), 0U);
+    return rc;
+}
+
+}  // namespace
+
+// A reader that is killed while it sleeps takes nothing with it: neither the next ones' wake-ups
+// nor the posters' progress.
+TEST(ChangedRoutesReader, ThatIsKilledInItsSleepStopsNobody) {
+    kit::run_dir dir;
+    std::vector<std::unique_ptr<kit::child>> readers;
+    for (int i = 0; i < 6; ++i)
+        readers.push_back(std::make_unique<kit::child>(drain_for_ever));
+    sim_reset();
+    const kit::library owner;
+    start_interfaces();
+    ipv4mc_route_entry_st *route = add(make_table(5, 6, "red"), sg(1));
+    for (auto &reader : readers) {
+        reader->tell();
+        ASSERT_EQ(reader->hear(), '.');
+        for (int round = 0; round < 3; ++round) {
+            ASSERT_EQ(mark_under_mutex(route), 0U);
+            ASSERT_EQ(reader->hear(), 'd');
+        }
+        usleep(20000);  // it is asleep by now, most likely
+        reader->kill();
+    }
+    EXPECT_EQ(mark_under_mutex(route), 0U);
+    ip6mc_idb_terminate(0, 0);
+}
+
+TEST_F(ChangedRoutes, AreWaitedForUpToALimit) {
+    EXPECT_EQ(ip6mc_changed_routes_wait(0), unsigned{ETIMEDOUT});
+    EXPECT_EQ(ip6mc_changed_routes_wait(20), unsigned{ETIMEDOUT});
+    ip6mc_mark_route_changed(r[0]);
+    EXPECT_EQ(ip6mc_changed_routes_wait(0), 0U);
+    EXPECT_EQ(rig::header()->changed_route_wake, 0);
+    EXPECT_EQ(ip6mc_changed_routes_wait(60000), 0U);  // as long as there are any
+    ipv4mc_changelist_remove_route(r[0]);
+    EXPECT_EQ(ip6mc_changed_routes_wait(0), unsigned{ETIMEDOUT});
+    const int open = std::exchange(ipv4mc_desc->shmwin_init, 0);
+    EXPECT_EQ(ip6mc_changed_routes_wait(0), unsigned{EBADF});
+    ipv4mc_desc->shmwin_init = open;
+    EXPECT_EQ(errors(), texts{"Shared Memory Window Not Initialized"});
+}
+
+// What a process leaves that was killed between its post and the wake-up.
+TEST_F(ChangedRoutes, AWakeUpThatIsStillDueIsMadeByTheNext) {
+    ipv4mc_shmwin_hdr_st *hdr = rig::header();
+    ip6mc_mark_route_changed(r[0]);
+    EXPECT_EQ(hdr->changed_route_due, 0);
+    hdr->changed_route_wake = 0;
+    hdr->changed_route_due = 1;
+    ip6mc_mark_route_changed(r[1]);
+    EXPECT_EQ(hdr->changed_route_wake, 1);
+    EXPECT_EQ(hdr->changed_route_due, 0);
 }

@@ -1,3 +1,4 @@
+#include "tests/kit/service_faults.h"
 #include "tests/lib/removal/rig.h"
 
 using namespace bed;
@@ -131,8 +132,10 @@ TEST_F(Lookup, AnInheritingRouteAnswersWithItsParentsInterfaces) {
     EXPECT_EQ(look("2001:db8::1", "ff3e::1", 7), 0U);
     EXPECT_EQ(route, exact);
     EXPECT_EQ(intf, accepts);
-    EXPECT_TRUE(rig::has_text(heard.lines(IPV4_DEBUG_ROUTE),
-                              "Parent of (2001:db8::1,ff3e::1) is is (*,ff3e::1/128)"));
+    EXPECT_EQ(heard.lines(IPV4_DEBUG_ROUTE),
+              (texts{"Parent of (2001:db8::1,ff3e::1) is is (*,ff3e::1/128)",
+                     "Found (2001:db8::1,ff3e::1) int Ha0x7 matched (2001:db8::1,ff3e::1/256) int "
+                     "Ha0x7"}));
     EXPECT_EQ(look("2001:db8::1", "ff3e::1", 8), 0U);
     EXPECT_EQ(intf, nullptr);
 }
@@ -178,7 +181,7 @@ TEST_F(Lookup, ParentOfARouteThatDoesNotInheritIsReportedAndSearched) {
     forget();
     EXPECT_EQ(ip6mc_get_parent_IF_route(table, exact, &parent, 0), 0U);
     EXPECT_EQ(parent, above);
-    EXPECT_EQ(errors(), texts{"0xe0000005(): (2001:db8::1,ff3e::1/256) does NOT have IA flag"});
+    EXPECT_EQ(errors(), texts{"0xe0000005(red): (2001:db8::1,ff3e::1/256) does NOT have IA flag"});
 }
 
 TEST_F(Lookup, TheOldParentCountsWithoutTheFlagOnRequest) {
@@ -192,6 +195,30 @@ TEST_F(Lookup, TheOldParentCountsWithoutTheFlagOnRequest) {
     EXPECT_EQ(parent, above);
     EXPECT_EQ(ip6mc_get_parent_IF_route(table, exact, &parent, 0), 0U);
     EXPECT_EQ(parent, grand);
+}
+
+TEST_F(Lookup, ATrieThatFailsEndsTheSearchForTheParent) {
+    add(table, star_g("ff3e::", 32));
+    auto *group = add(table, star_g("ff3e::1"));
+    auto *exact = add(table, sg(1), MRIB_ROUTE_IA);
+    ipv4mc_route_entry_st *parent = exact;
+    kit::fail_service("ip6mc_gtrie_platform_less_specific_of_leaf", 5, 1, 1);
+    forget();
+    EXPECT_EQ(ip6mc_get_parent_IF_route(table, exact, &parent, 0), 14U);
+    EXPECT_EQ(parent, nullptr);
+    EXPECT_EQ(errors(), texts{"0xe0000005(red): Gtrie problems while getting less specific of "
+                              "(*,ff3e::1/128) original route is (2001:db8::1,ff3e::1/256): " +
+                              std::string(cerr_strerror(5))});
+    EXPECT_NE(group, nullptr);
+    // The commit of a route that turns to its parent ends with it.
+    kit::fail_service("ip6mc_gtrie_platform_less_specific_of_leaf", 5);
+    forget();
+    EXPECT_EQ(commit(table, exact, 0, 0), 14U);
+    EXPECT_TRUE(rig::has_text(errors(),
+                              "Cannot get parent of new route (2001:db8::1,ff3e::1/256) "
+                              "action 8 COMMIT Error 14 "));
+    EXPECT_EQ(platform_calls(), texts{});
+    kit::heal_services();
 }
 
 TEST_P(Walk, FirstKeyFollowsItsLengthRules) {

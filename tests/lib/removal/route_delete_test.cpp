@@ -1,3 +1,5 @@
+#include "services/events/event_manager.h"
+#include "tests/kit/service_faults.h"
 #include "tests/lib/removal/rig.h"
 
 using namespace bed;
@@ -144,6 +146,32 @@ TEST_F(RouteDelete, AParentThatGoesWithItsFlagIsForgottenByItsChildrenQuietly) {
     EXPECT_EQ(child->IF_parent, nullptr);
     EXPECT_EQ(outside->IF_parent, parent);
     EXPECT_EQ(platform_calls(), texts{"route 4 new 0 -> 0"});
+}
+
+TEST_F(RouteDelete, ChildrenOfAParentThatGoesTurnToTheNextOneAbove) {
+    auto *grand = add(table, star_g("ff3e::", 16), MRIB_ROUTE_IF);
+    auto *parent = add(table, star_g("ff3e::", 32), MRIB_ROUTE_IF);
+    auto *child = add(table, sg(1), MRIB_ROUTE_IA);
+    ASSERT_EQ(child->IF_parent, parent);
+    EXPECT_EQ(erase(table, parent), 0U);
+    EXPECT_EQ(child->IF_parent, grand);
+    EXPECT_EQ(erase(table, grand), 0U);
+    EXPECT_EQ(child->IF_parent, nullptr);
+}
+
+TEST_F(RouteDelete, ATrieThatCannotSearchIsToldAndNothingGoes) {
+    auto *route = add(table, sg(1));
+    int is_new = 0;
+    kit::fail_service("ip6mc_gtrie_platform_lookup_exact", 5);
+    forget();
+    EXPECT_EQ(operate(IPV4MC_ACTION_DELETE, table, sg(1), nullptr, &is_new), 5U);
+    kit::heal_services();
+    EXPECT_EQ(errors()[0],
+              "Cannot search in ingress table for (2001:db8::1,ff3e::1/256) action 4 DELETE "
+              "Error: " +
+                  std::string(cerr_strerror(5)) + " ");
+    EXPECT_EQ(find(table, sg(1)), route);
+    EXPECT_EQ(platform_calls(), texts{});
 }
 
 TEST_F(RouteDelete, TheFourthListIsLeftToTheInterfaces) {
@@ -341,6 +369,54 @@ TEST_F(RouteDelete, OnlyACoreRouteGivesItsMdtHandleBack) {
         "[0xe0800000] UnSet MDT handle on route 2001:db8::1,ff3e::1/256 MH : r:0x9, t:0x0,0x0"));
 }
 
+TEST_F(RouteDelete, AReferenceIsGivenBackOnceHoweverOftenTheDeleteIsTried) {
+    auto *route = add(core, sg(1), MRIB_ROUTE_MH);
+    route->mdt_ifh = 9;
+    join(route, {0, 1, 0, 0});
+    sim_arm_fault(SIM_OP_INTF, IPV4MC_ACTION_DELETE, 0, 1, 71);
+    forget();
+    EXPECT_EQ(erase(core, route), 71U);
+    EXPECT_TRUE(has_text(heard.lines(IPV4_DEBUG_DEV), "UnSet MDT handle"));
+    EXPECT_EQ(route->mdt_ifh, 0U);
+    forget();
+    EXPECT_EQ(erase(core, route), 0U);
+    EXPECT_FALSE(has_text(heard.lines(IPV4_DEBUG_DEV), "UnSet MDT handle"));
+}
+
+TEST_F(RouteDelete, ATransportThatCannotBeUnboundIsToldAndTheRouteGoes) {
+    auto *route = add(core, sg(1));
+    route->regdb_entry = rig::make_transport();
+    forget();
+    EXPECT_EQ(erase(core, route), 0U);
+    const auto said = errors();
+    if (said.empty())
+        GTEST_SKIP() << "transports are built: their own tests make them fail";
+    EXPECT_TRUE(has_text(said, "Route-Delete: Regdb-Unlink COMMIT failed ("));
+    EXPECT_TRUE(has_text(said, ") for GRE: (2001:db8::1, ff3e::1)"));
+    EXPECT_EQ(find(core, sg(1)), nullptr);
+}
+
+TEST_F(RouteDelete, ARemoteMemdListIsLeftToo) {
+    auto *a = add(core, sg(1), MRIB_ROUTE_TID_DEMAND);
+    auto *b = add(core, sg(2), MRIB_ROUTE_TID_DEMAND);
+    // As a caller that keeps such lists would have them.
+    table->memd_route_list = a;
+    a->vrf_table[1] = b->vrf_table[1] = table;
+    a->memd_next[1] = b;
+    b->memd_prev[1] = a;
+    forget();
+    EXPECT_EQ(erase(core, a), 0U);
+    EXPECT_EQ(table->memd_route_list, b);
+    EXPECT_EQ(b->memd_prev[1], nullptr);
+    EXPECT_TRUE(
+        has_text(heard.lines(IPV4_DEBUG_DEV),
+                 "[0xe0800000] Removed (2001:db8::1,ff3e::1/256) a:0x1000 from memd list of "
+                 "table 0xe0000005 [1]"));
+    EXPECT_TRUE(heard.messages().empty());
+    EXPECT_EQ(erase(core, b), 0U);
+    EXPECT_EQ(table->memd_route_list, nullptr);
+}
+
 TEST_F(RouteDelete, ACoreRouteLeavesTheMemdListsOfItsTables) {
     auto *a = add(core, sg(1), MRIB_ROUTE_TID_DEMAND);
     auto *b = add(core, sg(2), MRIB_ROUTE_TID_STICKY);
@@ -458,7 +534,8 @@ TEST_F(RouteDelete, TheLastFailureIsTheResultAndStopsNothing) {
     forget();
     EXPECT_EQ(ip6mc_route_delete_all(table, 0, 0, 0, &spared), 72U);
     EXPECT_EQ(table->rate_route_count, 2);
-    EXPECT_TRUE(has_text(errors(), "Cannot delete (2001:db8::1,ff3e::2/256) from 0xe0000005() : "));
+    EXPECT_TRUE(
+        has_text(errors(), "Cannot delete (2001:db8::1,ff3e::2/256) from 0xe0000005(red) : "));
     EXPECT_EQ(ip6mc_route_delete_all(table, 0, 0, 0, &spared), 0U);
 }
 
@@ -467,6 +544,15 @@ TEST_F(RouteDelete, BulkDeleteRefusesAndPostpones) {
     forget();
     EXPECT_EQ(ip6mc_route_delete_all(nullptr, 0, 0, 0, &spared), 22U);
     EXPECT_EQ(errors(), texts{"Null table"});
+    add(table, sg(1));
+    void *signals = table->signal_gtrie;
+    table->signal_gtrie = rig::header();  // no trie
+    EXPECT_NE(ip6mc_route_delete_all(table, 0, 0, 0, &spared), 0U);
+    table->signal_gtrie = signals;
+    EXPECT_EQ(table->rate_route_count, 0);
+    EXPECT_TRUE(
+        has_text(errors(), "Cannot delete all signal routes from table 0xe0000005(red) : "));
+    spared = 9;
     EXPECT_DEATH(ip6mc_route_delete_all(table, 0, 0, 0, nullptr), "srd_count");
     ipv4mc_table_st *vrf = nullptr;
     EXPECT_EQ(ip6mc_table_operation(IPV4MC_ACTION_CREATE, 0, 0x60000077, "lonely", &vrf, 0), 0U);

@@ -113,6 +113,16 @@ TEST_F(TableWalk, DeletesEveryTableWithItsRoutes) {
     table = nullptr;
 }
 
+TEST_F(TableWalk, ATableOfTheFirstListThatStaysIsTriedAgain) {
+    sim_arm_fault(SIM_OP_TABLE, IPV4MC_ACTION_DELETE, 0, 1, 70);
+    forget();
+    EXPECT_EQ(ip6mc_table_delete_all(0), 0U);
+    EXPECT_EQ(errors().back(),
+              "Cannot delete table VID 0x60000009 : " + std::string(cerr_strerror(70)));
+    EXPECT_EQ(wavl_count(ip6mc_get_table_vid_name_db(), 0), 0U);
+    EXPECT_EQ(ip6mc_table_tid_get_first(), nullptr);
+}
+
 TEST_F(TableWalk, ATableOfTheSecondListThatStaysEndsTheDelete) {
     EXPECT_EQ(ip6mc_table_delete_all(0), 0U);
     ipv4mc_table_st *orphan = nullptr;
@@ -217,6 +227,8 @@ TEST_F(RouteSettings, RateIsKeptWithoutTheLibrarysOperationForACandidate) {
                          "Successfully enabled rate_per_route for (2001:db8::1,ff3e::1/256)."));
     EXPECT_EQ(rate(16), 0U);
     EXPECT_EQ(route->rate, nullptr);
+    EXPECT_TRUE(has_text(heard.lines(IPV4_DEBUG_ROUTE),
+                         "Successfully disabled rate_per_route for (2001:db8::1,ff3e::1/256)."));
 }
 
 TEST_F(RouteSettings, AFailedRateIsMarkedAsAskedAllTheSame) {
@@ -229,5 +241,15 @@ TEST_F(RouteSettings, AFailedRateIsMarkedAsAskedAllTheSame) {
     ASSERT_EQ(heard.messages().size(), 1U);
     EXPECT_NE(heard.messages()[0].line.find(
                   "Cannot enable rate_per_route for (2001:db8::1,ff3e::1/256). Retrying later. "),
+              std::string::npos);
+    // The other way likewise.
+    ipv4mc_desc->shmwin_init = 0;
+    heard.clear();
+    EXPECT_NE(rate(16), 0U);
+    ipv4mc_desc->shmwin_init = 1;
+    EXPECT_EQ(route->rate_per_route, 0);
+    ASSERT_EQ(heard.messages().size(), 1U);
+    EXPECT_NE(heard.messages()[0].line.find(
+                  "Cannot disable rate_per_route for (2001:db8::1,ff3e::1/256). Retrying later. "),
               std::string::npos);
 }

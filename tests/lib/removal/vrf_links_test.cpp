@@ -184,9 +184,12 @@ TEST_F(VrfLinks, TheFirstReceiverSetsTheFlagAndTheLastClearsIt) {
     table->route_counters.t_cnt = 0;
     table->mdt_master_lc = 1;
     forget();
-    ip6mc_tbl_update_memd_routes(table, 0);
+    EXPECT_EQ(ip6mc_tbl_update_memd_routes(table, 0), 0U);
     EXPECT_FALSE(has_dt(a));
     EXPECT_TRUE(has_dt(sticky));
+    EXPECT_TRUE(has_text(heard.lines(IPV4_DEBUG_ROUTE),
+                         "UNset DT flag on 0xe0800000:(2001:db8::1,ff3e::1) new flag:0x0 for cust "
+                         "table 0xe0000005"));
     EXPECT_EQ(platform_calls(), texts{"route 8 new 0 -> 0"});
     table->mdt_master_lc = 0;
     ip6mc_tbl_update_memd_routes(table, 0);
@@ -198,7 +201,7 @@ TEST_F(VrfLinks, TheDefaultTableIsPassedOver) {
     core->memd_route_list = a;
     a->vrf_table[0] = core;
     forget();
-    ip6mc_tbl_update_memd_routes(core, 1);
+    EXPECT_EQ(ip6mc_tbl_update_memd_routes(core, 1), 0U);
     EXPECT_FALSE(has_dt(a));
     core->memd_route_list = nullptr;
     a->vrf_table[0] = nullptr;
@@ -280,5 +283,7 @@ TEST_F(VrfLinks, AnInterfaceAlwaysHasAName) {
     const char *name = ip6mc_mlib_interface_name(0x55, buffer);
     EXPECT_EQ(name, buffer);
     EXPECT_STREQ(name, "Er0x00000055");
+    EXPECT_TRUE(has_text(
+        errors(), "Cannot lookup IDB for handle 0x55: " + std::string(cerr_strerror(9)) + "\n"));
     ipv4mc_desc->idb_state = 2;
 }

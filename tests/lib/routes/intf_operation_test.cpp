@@ -1,3 +1,6 @@
+#include <algorithm>
+
+#include "tests/kit/service_faults.h"
 #include "tests/lib/routes/bed.h"
 
 using namespace bed;
@@ -74,6 +77,116 @@ TEST_F(IntfOperation, NullPointersAreToldApart) {
         EXPECT_EQ(intf_operate(action, route, on_wan, nullptr, 0), 0U) << action;
     }
     EXPECT_TRUE(errors().empty());
+}
+
+TEST_F(IntfOperation, TellsWhatItIsAbout) {
+    ipv4mc_intf_entry_st *entry = nullptr;
+    EXPECT_EQ(intf_operate(IPV4MC_ACTION_CREATE, route, on_wan, &entry, 1), 0U);
+    EXPECT_EQ(heard.lines(IPV4_DEBUG_EV)[0],
+              "Processing Route " + route_text + " intf=Nf0x00000100 [0x100] action=CREATE");
+    EXPECT_EQ(intf_operate(IPV4MC_ACTION_COMMIT, route, on_wan, &entry, 1), 0U);
+    EXPECT_EQ(intf_operate(IPV4MC_ACTION_CREATE, route, on_wan, &entry, 0), 17U);
+    const auto lines = heard.lines(IPV4_DEBUG_INTF);
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_TRUE(lines[0].starts_with("New intf Nf0x00000100 " + route_text));
+    EXPECT_TRUE(lines[1].starts_with("New intf " + name_of(wan) + " " + route_text));
+    EXPECT_TRUE(lines[2].starts_with("Existing intf " + name_of(wan) + " " + route_text));
+}
+
+TEST_F(IntfOperation, WithoutRoomNoEntryIsMade) {
+    ipv4mc_intf_entry_st *entry = nullptr;
+    kit::fail_service("shmwin_malloc", 12);
+    EXPECT_EQ(intf_operate(IPV4MC_ACTION_CREATE, route, on_wan, &entry, 1), 12U);
+    kit::heal_services();
+    EXPECT_EQ(entry, nullptr);
+    EXPECT_EQ(errors().back(), "Cannot create interface for Nf0x00000100");
+    EXPECT_EQ(platform_calls(), texts{});
+}
+
+TEST_F(IntfOperation, AnEntryThatIsOnItsInterfaceAlreadyHasNoInterfaceToJoin) {
+    ipv4mc_intf_entry_st *entry = nullptr;
+    ASSERT_EQ(intf_operate(IPV4MC_ACTION_CREATE, route, on_wan, &entry, 1), 0U);
+    entry->on_idb_list = 1;
+    forget();
+    EXPECT_EQ(intf_operate(IPV4MC_ACTION_COMMIT, route, on_wan, &entry, 1), 2U);
+    EXPECT_EQ(only(errors()),
+              "Unable to add " + route_text + " to IDB for new Nf0x00000100 : NULL IDB");
+    EXPECT_EQ(platform_calls(), texts{});
+    EXPECT_EQ(route->intf_list, nullptr);
+    entry->on_idb_list = 0;
+    EXPECT_EQ(intf_operate(IPV4MC_ACTION_COMMIT, route, on_wan, &entry, 1), 0U);
+}
+
+TEST_F(IntfOperation, WhatCannotBeTakenOffIsToldOnEachWay) {
+    auto *kept = join(route, on_lan);
+    auto *entry = join(route, on_wan);
+    entry->prev_intf = kept;  // the head of a list has nothing before it
+    const std::string not_removed =
+        "Unable to remove  existing Nf0x00000100 from " + route_text + ": " + cerr_strerror(22);
+    forget();
+    EXPECT_EQ(intf_operate(IPV4MC_ACTION_DELETE, route, on_wan, &entry, 0), 22U);
+    EXPECT_EQ(entry, nullptr);
+    EXPECT_EQ(errors().back(), not_removed);
+    entry = route->intf_list;
+    entry->prev_intf = nullptr;
+    EXPECT_EQ(ipv4mc_intf_route_delete(route, entry), 0U);
+    // An interface half that is not ready is told, and the entry goes.
+    entry = join(route, on_wan);
+    ipv4mc_desc->idb_state = 1;
+    forget();
+    EXPECT_EQ(intf_operate(IPV4MC_ACTION_DELETE, route, on_wan, &entry, 0), 0U);
+    ipv4mc_desc->idb_state = 2;
+    EXPECT_EQ(errors().back(), "Unable to remove " + route_text + " from IDB for existing " +
+                                   "Er0x00000100 : " + cerr_strerror(9));
+    EXPECT_EQ(route->intf_list, kept);
+    idb_of(wan)->route_list = nullptr;  // it still named the entry
+    idb_of(wan)->route_count = idb_of(wan)->refcount = 0;
+}
+
+TEST_F(IntfOperation, ClearTakesAnEntryOffItsInterfaceOrSaysThatItCannot) {
+    ipv4mc_intf_entry_st *entry = nullptr;
+    ASSERT_EQ(intf_operate(IPV4MC_ACTION_CREATE, route, on_wan, &entry, 1), 0U);
+    ipv4mc_idb_st *idb = nullptr;
+    ASSERT_EQ(ip6mc_idb_route_add(&idb, route, &entry), 0U);
+    EXPECT_EQ(intf_operate(IPV4MC_ACTION_CLEAR, route, on_wan, &entry, 1), 0U);
+    EXPECT_EQ(idb_of(wan), nullptr);
+    ASSERT_EQ(intf_operate(IPV4MC_ACTION_CREATE, route, on_wan, &entry, 1), 0U);
+    entry->on_idb_list = 1;
+    ipv4mc_desc->idb_state = 1;
+    forget();
+    EXPECT_EQ(intf_operate(IPV4MC_ACTION_CLEAR, route, on_wan, &entry, 1), 0U);
+    ipv4mc_desc->idb_state = 2;
+    const auto said = errors();
+    EXPECT_EQ(std::count(said.begin(), said.end(),
+                         "Cannot remove Er0x00000100 from IDB route list " + route_text + ": " +
+                             cerr_strerror(9)),
+              1);
+    EXPECT_EQ(entry, nullptr);
+}
+
+TEST_F(IntfOperation, AClosedWindowEndsNothing) {
+    auto *entry = join(route, on_wan);
+    ipv4mc_desc->shmwin_init = 0;
+    forget();
+    EXPECT_EQ(ipv4mc_intf_route_delete(route, entry), 9U);
+    EXPECT_EQ(ipv4mc_clear_intf(&entry), 9U);
+    ipv4mc_desc->shmwin_init = 1;
+    EXPECT_NE(entry, nullptr);
+    EXPECT_EQ(route->intf_list, entry);
+}
+
+TEST_F(IntfOperation, AnEntryThatGoesLeavesTheEncapOutputsOfItsRoute) {
+    auto *first = join(route, on_wan);
+    auto *second = join(route, on_lan);
+    ip6mc_route_encap_ole_link(first);
+    ip6mc_route_encap_ole_link(second);
+    EXPECT_EQ(intf_operate(IPV4MC_ACTION_DELETE, route, on_lan, &second, 0), 0U);
+    EXPECT_EQ(route->encap_ole_head, first);
+    EXPECT_EQ(route->encap_ole_tail, first);
+    EXPECT_EQ(first->list_prev, nullptr);
+    EXPECT_EQ(intf_operate(IPV4MC_ACTION_DELETE, route, on_wan, &first, 0), 0U);
+    EXPECT_EQ(ip6mc_route_encap_ole_empty(route), 1);
+    EXPECT_EQ(route->encap_ole_head, nullptr);
 }
 
 TEST_F(IntfOperation, CreateNamesToThePlatformAndJoinsNothing) {

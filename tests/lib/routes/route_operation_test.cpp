@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "services/gtrie/gtrie.h"
 #include "services/window/setup.h"
 #include "tests/lib/routes/bed.h"
@@ -67,7 +69,49 @@ TEST_F(RouteOperation, NullPointersAreToldApart) {
     }
     EXPECT_EQ(operate(IPV4MC_ACTION_CREATE, nullptr, sg(1), &route, &is_new), 22U);
     EXPECT_EQ(errors()[0], "NULL table ");
+    auto *there = add(table, sg(1));
+    forget();
+    for (const uint32_t action : {3U, 4U, 6U, 8U}) {
+        EXPECT_EQ(operate(action, table, sg(1), &there, nullptr), 22U);
+        expect_key(errors()[0], " but is_new is NULL");
+    }
+    EXPECT_EQ(find(table, sg(1)), there);
     EXPECT_EQ(platform_calls(), texts{});
+}
+
+TEST_F(RouteOperation, IsRefusedWhileTheWindowIsClosed) {
+    auto *route = add(table, sg(1));
+    int is_new = 0;
+    ipv4mc_desc->shmwin_init = 0;
+    forget();
+    EXPECT_EQ(operate(IPV4MC_ACTION_COMMIT, table, sg(1), &route, &is_new), 9U);
+    const auto said = errors();
+    EXPECT_EQ(operate(IPV4MC_ACTION_LOOKUP, table, sg(1), &route, nullptr), 9U);
+    EXPECT_EQ(operate(99, table, sg(1), &route, nullptr), 9U);
+    ipv4mc_desc->shmwin_init = 1;
+    EXPECT_NE(
+        std::find(said.begin(), said.end(),
+                  "Action is COMMIT but shmwin_info is NULL: " + std::string(cerr_strerror(9))),
+        said.end());
+    EXPECT_EQ(platform_calls(), texts{});
+}
+
+TEST_F(RouteOperation, TellsOfEachStep) {
+    forget();
+    auto *route = add(table, sg(1));
+    route->attributes = MRIB_ROUTE_IA | MRIB_ROUTE_IF;
+    EXPECT_EQ(commit(table, route, 0, 0), 0U);
+    const auto lines = heard.lines(IPV4_DEBUG_EV);
+    const auto has = [&lines](const std::string &end) {
+        return std::any_of(lines.begin(), lines.end(),
+                           [&end](const std::string &line) { return line.ends_with(end); });
+    };
+    EXPECT_EQ(lines[0], "Rte: Just in for 0xe0000005:(2001:db8::1,ff3e::1/256) action CREATE");
+    EXPECT_TRUE(has("Creating route (2001:db8::1,ff3e::1/256) "));
+    EXPECT_TRUE(has("] Route (2001:db8::1,ff3e::1/256) IA set action COMMIT "));
+    EXPECT_TRUE(has("] Route (2001:db8::1,ff3e::1/256) IF set action COMMIT "));
+    route->attributes = 0;
+    EXPECT_EQ(commit(table, route, 0, MRIB_ROUTE_IA | MRIB_ROUTE_IF), 0U);
 }
 
 TEST_F(RouteOperation, ADetachedLeafIsFoundByNobody) {

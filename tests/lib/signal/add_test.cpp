@@ -1,4 +1,11 @@
+#include <pthread.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "services/locks/rrw_lock.h"
 #include "services/window/setup.h"
+#include "tests/kit/service_faults.h"
 #include "tests/lib/signal/fixture.h"
 
 namespace {
@@ -201,6 +208,44 @@ TEST_F(SignalAdd, ARouteThatRefusesTheInterfaceKeepsItsOwn) {
               before[IPMC_SHMWIN_ALLOC_UNTYPED_COUNT] - 1);
     EXPECT_EQ(interfaces(route), 1U);
     ip6mc_shmwin_free(untyped);
+}
+
+TEST_F(SignalAdd, ANewRouteThatRefusesTheInterfaceGoesAgain) {
+    const auto before = counts();
+    for (const bool probed : {false, true}) {
+        kit::fail_service("avl_insert", EINVAL);
+        EXPECT_EQ(probed ? probe(table, 1, 2, ifh_a) : add(table, 1, 2, ifh_a), unsigned{EINVAL});
+        kit::heal_services();
+        EXPECT_TRUE(has(errors(), text("Failed to add on new I/F%s to %s: %s: %s", name_a,
+                                       tag.c_str(), key, cerr_strerror(EINVAL))));
+        EXPECT_EQ(route_of(table, 1, 2), nullptr);
+    }
+    EXPECT_EQ(table->signal_route_count, 0U);
+    EXPECT_EQ(table->signal_route_adds, 0U);
+    EXPECT_EQ(changed().size(), 0U);
+    EXPECT_EQ(counts()[IPMC_SHMWIN_ALLOC_ROUTE], before[IPMC_SHMWIN_ALLOC_ROUTE]);
+}
+
+// The trees' lock is the innermost: a poster that waits for the reader's mutex does not hold it, so
+// that a reader may look something up with its mutex held.
+TEST_F(SignalAdd, WaitsForTheReadersMutexWithoutTheTreesLock) {
+    heard.reset();  // its sink is for one thread
+    ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
+    for (const bool probed : {false, true}) {
+        ASSERT_EQ(pthread_mutex_lock(&hdr->changed_route_mutex), 0);
+        std::thread poster(
+            [&] { EXPECT_EQ(probed ? probe(table, 3, 3, ifh_a) : add(table, 2, 2, ifh_a), 0U); });
+        while (mfwd6::journal::observe(hdr->changed_route_count) == 0)
+            std::this_thread::yield();
+        usleep(20000);
+        const timespec soon{time(nullptr) + 3, 0};
+        EXPECT_EQ(rrw_lock_get_timedrdlock(&hdr->tbl_rw_lock, &soon), 0U);
+        rrw_lock_unlock(&hdr->tbl_rw_lock, __LINE__, 1);
+        pthread_mutex_unlock(&hdr->changed_route_mutex);
+        poster.join();
+        EXPECT_EQ(hdr->changed_route_wake, 1);
+        ipv4mc_changelist_remove_route(hdr->changed_route_head);
+    }
 }
 
 }  // namespace

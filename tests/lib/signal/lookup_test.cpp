@@ -40,6 +40,21 @@ TEST_F(SignalLookup, FindsTheInterfaceOfTheRoute) {
     EXPECT_EQ(ipv4mc_desc->shmwin_info->shmwin_lock_count, 0U);
 }
 
+TEST_F(SignalLookup, OfAnInterfaceNeedsNoVariableForIt) {
+    ipv4mc_route_entry_st *added = nullptr;
+    ASSERT_EQ(add(table, 1, 2, ifh_a, &added), 0U);
+    heard->clear();
+    const ip_maddr_st s = source(1);
+    const ip_maddr_st g = group(2);
+    ipv4mc_route_entry_st *route = nullptr;
+    EXPECT_EQ(ip6mc_signal_lookup(table, &s, &g, ifh_a, &route, nullptr), 0U);
+    EXPECT_EQ(route, added);
+    EXPECT_TRUE(has_start(signal_lines(), tag + ": Signal lookup successful for " + name_a));
+    EXPECT_EQ(ip6mc_signal_lookup(table, &s, &g, ifh_b, &route, nullptr), 0U);
+    EXPECT_EQ(route, added);
+    EXPECT_TRUE(has_start(errors(), tag + ": I/F not found for signal " + name_b));
+}
+
 TEST_F(SignalLookup, ReportsAnInterfaceThatTheRouteHasNotGot) {
     ASSERT_EQ(add(table, 1, 2, ifh_a), 0U);
     const ip_maddr_st s = source(1);
@@ -122,8 +137,9 @@ TEST_F(SignalLookup, RefusesWhatIsMissing) {
     EXPECT_EQ(ip6mc_signal_lookup(table, nullptr, &s, 0, &route, nullptr), unsigned{EINVAL});
     EXPECT_EQ(ip6mc_signal_lookup(table, &s, nullptr, 0, &route, nullptr), unsigned{EINVAL});
     EXPECT_EQ(ip6mc_signal_lookup(table, &s, &s, 0, nullptr, nullptr), unsigned{EINVAL});
-    EXPECT_EQ(ip6mc_signal_lookup(table, &s, &s, ifh_a, &route, nullptr), unsigned{EINVAL});
     EXPECT_EQ(ip6mc_signal_intf_lookup(table, nullptr, ifh_a, &intf), unsigned{EINVAL});
+    ipv4mc_route_entry_st some_route{};
+    EXPECT_EQ(ip6mc_signal_intf_lookup(table, &some_route, ifh_a, nullptr), unsigned{EINVAL});
     EXPECT_EQ(errors().size(), 6U);
 }
 

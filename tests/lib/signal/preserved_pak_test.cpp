@@ -112,6 +112,11 @@ TEST_F(PreservedPacket, StaysWithoutAWayToTheDataPath) {
     EXPECT_EQ(ip6mc_signal_remove_route_pak_mutex(table, &s, &g, 2), 0U);
     ipv4mc_desc->protocol = protocol;
     EXPECT_EQ(errors(), texts{text("%s: Invalid IPv4 protocol and caps for %s", tag.c_str(), key)});
+    ASSERT_EQ(add(table, 1, 2, ifh_c), 0U);
+    const uint16_t caps = std::exchange(ipv4mc_desc->caps, uint16_t{0});
+    EXPECT_EQ(ip6mc_signal_remove_route_pak_mutex(table, &s, &g, 2), 0U);
+    ipv4mc_desc->caps = caps;
+    EXPECT_EQ(errors(), texts{text("%s: Invalid IPv4 protocol and caps for %s", tag.c_str(), key)});
     EXPECT_EQ(route->preserved_pak, pak);
     EXPECT_EQ(records.size(), 0U);
     EXPECT_EQ(interfaces(route), 1U);

@@ -1,3 +1,4 @@
+#include "services/gtrie/gtrie.h"
 #include "tests/kit/child.h"
 #include "tests/lib/signal/fixture.h"
 
@@ -96,10 +97,48 @@ TEST(SignalProcesses, APosterKilledWithTheMutexLosesNothingThatWasDoneAndStopsNo
     holder.kill();
     ipv4mc_route_entry_st *route = nullptr;
     EXPECT_EQ(add(table, 3, 1, ifh_a, &route), 0U);
+    // Who holds the mutex is known again: the orders of locks are not said to be broken.
+    EXPECT_EQ(ipv4mc_desc->shmwin_info->shmwin_lock_count, 0U);
+    kit::listener heard;
+    ipv6_mlib_pak_client_mutex_lock("packet path", 1);
+    ipv6_mlib_pak_client_mutex_unlock("packet path", 2);
     EXPECT_NE(route_of(table, 1, 1), nullptr);
+    EXPECT_EQ(heard.errors(), texts{});
     EXPECT_EQ(route_of(table, 2, 1), nullptr);
     EXPECT_EQ(table->signal_route_count, 2U);
     EXPECT_EQ(changed().size(), 2U);
+    EXPECT_EQ(faults(table), "");
+}
+
+// Deletion fails in a process that has lost the functions of its tries; only that process stops.
+TEST(SignalProcesses, AClientThatFindsTheTrieCorruptStopsAndMayStartAgain) {
+    kit::run_dir dir;
+    kit::child client([](const kit::post &parent) {
+        parent.hear();
+        ipv4mc_table_st *table = attach();
+        const ip_maddr_st s = source(1);
+        const ip_maddr_st g = group(1);
+        ip6mc_gtrie_set_memory(nullptr, nullptr);
+        ip6mc_gtrie_reset_handle_db(0);
+        if (table == nullptr || ip6mc_signal_remove_mutex(table, &s, &g, ifh_a) != EFAULT)
+            return 1;
+        if (ipv4mc_desc->state != 0 || ipv4mc_desc->lib_init != 0 || add(table, 2, 2, 7) != EBADF)
+            return 2;
+        table = attach();
+        if (table == nullptr || add(table, 1, 1, ifh_a) != 0)
+            return 3;
+        return ip6mc_signal_remove_mutex(table, &s, &g, ifh_a) == 0 ? 0 : 4;
+    });
+    sim_reset();
+    kit::library owner;
+    ipv4mc_table_st *table = make_table();
+    ASSERT_EQ(add(table, 1, 1, ifh_a), 0U);
+    client.tell();
+    EXPECT_EQ(client.wait(), 0);
+    EXPECT_EQ(ipv4mc_desc->shmwin_info->mlib_corrupted, 1U);
+    EXPECT_EQ(ipv4mc_desc->state, 2U);
+    EXPECT_EQ(add(table, 5, 5, ifh_a), 0U);
+    EXPECT_EQ(table->signal_route_count, 1U);
     EXPECT_EQ(faults(table), "");
 }
 

@@ -1,6 +1,6 @@
 #include <thread>
 
-#include "tests/lib/signal/fixture.h"
+#include "tests/lib/signal/model.h"
 
 namespace {
 
@@ -45,6 +45,35 @@ TEST_F(SignalThreads, PostRemoveAndWalkBesideEachOther) {
     while (table->signal_route_count != 0)
         ASSERT_EQ(ip6mc_signal_remove_all_routes(table, 8, 0), 0U);
     EXPECT_EQ(changed().size(), 0U);
+    EXPECT_EQ(faults(table), "");
+}
+
+// Each thread on an interface of its own, all on the same routes: nobody's signal is lost.
+TEST_F(SignalThreads, EveryThreadFindsItsSignals) {
+    heard.reset();
+    constexpr uint32_t threads = 4;
+    own_signals of[threads] = {};
+    std::vector<std::thread> posters;
+    for (uint32_t t = 0; t < threads; ++t) {
+        posters.emplace_back([&, t] {
+            dice random(t);
+            for (int i = 0; i < 300; ++i)
+                EXPECT_EQ(of[t].step(table, 0x100 + t, random), 0U);
+        });
+    }
+    for (int i = 0; i < 30; ++i) {
+        EXPECT_EQ(ip6mc_signal_walk(table, 2, 0, pass, nullptr), 0U);
+        if (ip6mc_changed_routes_wait(1) == 0) {
+            EXPECT_EQ(ip6mc_shmwin_mutex_lock("drain", 1), 0U);
+            while (ipv4mc_desc->shmwin_info->changed_route_head != nullptr)
+                ipv4mc_changelist_remove_route(ipv4mc_desc->shmwin_info->changed_route_head);
+            EXPECT_EQ(ip6mc_shmwin_mutex_unlock(), 0U);
+        }
+    }
+    for (auto &p : posters)
+        p.join();
+    for (uint32_t t = 0; t < threads; ++t)
+        EXPECT_EQ(of[t].differs(table, 0x100 + t), "");
     EXPECT_EQ(faults(table), "");
 }
 

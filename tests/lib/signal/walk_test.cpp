@@ -258,7 +258,39 @@ TEST_F(SignalWalk, UnlockFailuresOfTheStepsAreReported) {
                                "signal_first_key : %s",
                                tag.c_str(), cerr_strerror(EPERM))));
     }
+    {
+        const unlock_at next("Error getting successor of ");
+        EXPECT_EQ(ip6mc_signal_next(table, route), nullptr);
+        EXPECT_TRUE(next.done());
+        EXPECT_TRUE(
+            has(errors(), text("Cannot unlock shmwin_mutex %s: (2001:db8::1,ff0e::2/256) in "
+                               "signal_next : %s",
+                               tag.c_str(), cerr_strerror(EPERM))));
+    }
     table->signal_gtrie = trie;
+}
+
+// To find its place again behind a route that others removed, a walk needs a leaf for a moment.
+TEST_F(SignalWalk, NoMemoryToFindItsPlaceEndsIt) {
+    failing_memory::into(table);
+    for (uint32_t g = 1; g <= 4; ++g)
+        ASSERT_EQ(add(table, 1, g, ifh_a), 0U);
+    visit v;
+    v.then = [&](size_t n) {
+        if (n == 2) {
+            const ip_maddr_st s = source(1);
+            const ip_maddr_st g = group(3);
+            EXPECT_EQ(ip6mc_signal_remove(table, &s, &g, ifh_a), 0U);
+            failing_memory::refuse_type = GTRIE_ALLOC_LEAF;
+        }
+    };
+    EXPECT_EQ(ip6mc_signal_walk(table, 0, 0, look, &v), unsigned{ENOMEM});
+    failing_memory::refuse_type = UINT32_MAX;
+    EXPECT_EQ(v.seen, (std::vector<uint32_t>{1, 2}));
+    EXPECT_TRUE(has(errors(), "Error getting successor of (2001:db8::1,ff0e::2/256) signal table " +
+                                  tag + ": " + reason(ENOMEM)));
+    EXPECT_EQ(ipv4mc_desc->shmwin_info->shmwin_lock_count, 0U);
+    EXPECT_EQ(faults(table), "");
 }
 
 TEST_F(SignalWalk, RefusesWhatIsMissing) {

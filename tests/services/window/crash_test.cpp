@@ -1,8 +1,10 @@
 // The owner is killed at every journaled store of what it does to a window; so is whoever recovers
 // it. The next owner finds all of the change or nothing of it.
 #include <algorithm>
+#include <chrono>
 #include <climits>
 #include <functional>
+#include <map>
 
 #include "services/journal/journal.h"
 #include "services/window/epochs.h"
@@ -296,6 +298,252 @@ TEST_F(WindowCrash, DeferredBlocksAreKeptAndEndedOnce) {
     };
     kill_everywhere(
         prepare, [](const opened &o) { shmwin_reclaim(o.id, 0, nullptr, nullptr, nullptr); }, 5);
+}
+
+// Stands in the window from its making until it is let go or killed.
+class bystander {
+  public:
+    bystander() {
+        pid_ = start([this] {
+            const opened o = open_as(false);
+            uint32_t reader = 0;
+            if (o.code != 0 || shmwin_reader_enter(o.id, &reader) != 0) {
+                return 1;
+            }
+            stands_.open();
+            leaves_.wait();
+            shmwin_reader_leave(o.id, reader);
+            return 0;
+        });
+        stands_.wait();
+    }
+    ~bystander() {
+        leaves_.open();
+        EXPECT_EQ(end_of(pid_), 0);
+    }
+    bystander(const bystander &) = delete;
+    bystander &operator=(const bystander &) = delete;
+
+  private:
+    gate stands_;
+    gate leaves_;
+    pid_t pid_ = -1;
+};
+
+// Words of the header that are not journaled: the blocks that readers may have found.
+constexpr int shown_word = 6;
+
+// Shows a small block and a large one in a change, and runs it back.
+void show_and_run_back(const opened &o) {
+    header *h = header_of(o);
+    journal::group g;
+    for (const size_t size : {size_t{200}, size_t{90000}}) {
+        void *block = take(o, size);
+        journal::publish(h->words[5], reinterpret_cast<uint64_t>(block));
+        h->words[shown_word + (size > 1000 ? 1 : 0)] = reinterpret_cast<uint64_t>(block);
+    }
+    EXPECT_TRUE(g.undo());
+}
+
+uint64_t held_in(const opened &o) {
+    shmwin_epoch_state s = {};
+    EXPECT_EQ(shmwin_get_epochs(o.id, &s), 0U);
+    return s.held;
+}
+
+// As the next owner beside the bystander: what readers may have found is whole, free, and not
+// handed out.
+void expect_kept(const blocks &live) {
+    opened o = open_as(true);
+    ASSERT_EQ(o.code, 0U);
+    EXPECT_TRUE(whole(o.id));
+    EXPECT_EQ(live_blocks(o.id), live);
+    EXPECT_EQ(header_of(o)->words[5], 0U);
+    EXPECT_EQ(shmwin_reclaim(o.id, 0, nullptr, nullptr, nullptr), 0U);
+    uint64_t shown = 0;
+    for (int i = 0; i < 2; ++i) {
+        const uint64_t block = header_of(o)->words[shown_word + i];
+        shown += block != 0 ? 1U : 0U;
+        std::vector<void *> taken;
+        for (int n = 0; n < 4; ++n) {
+            void *other = nullptr;
+            EXPECT_EQ(shmwin_malloc(o.id, i == 0 ? 200 : 90000, &other), 0U);
+            EXPECT_NE(reinterpret_cast<uint64_t>(other), block);
+            taken.push_back(other);
+        }
+        for (void *other : taken) {
+            EXPECT_EQ(shmwin_free(other), 0U);
+        }
+        EXPECT_TRUE(block == 0 || *reinterpret_cast<uint64_t *>(block) == mark_of(block));
+    }
+    // A block may be taken by the dead and not shown yet.
+    EXPECT_GE(held_in(o), shown);
+    EXPECT_LE(held_in(o), shown + 1);
+    EXPECT_TRUE(whole(o.id));
+    o.close();
+}
+
+void expect_nothing_held(const blocks &live) {
+    opened o = open_as(true);
+    ASSERT_EQ(o.code, 0U);
+    EXPECT_EQ(held_in(o), 0U);
+    EXPECT_EQ(live_blocks(o.id), live);
+    EXPECT_TRUE(whole(o.id));
+    o.close();
+}
+
+TEST_F(WindowCrash, BlocksThatAreRunBackAreHeldWhoeverDies) {
+    make(furnish);
+    const blocks live = look({}).live;
+    for (long step = 1;; ++step) {
+        SCOPED_TRACE("killed at point " + std::to_string(step));
+        make(furnish);
+        int end = 0;
+        {
+            const bystander reader;
+            end = in_child([&] { return work(show_and_run_back, step); });
+            if (end == killed) {
+                ++kills_;
+                if (step % 5 == 0) {
+                    kill_recoverers();
+                }
+            }
+            expect_kept(live);
+        }
+        expect_nothing_held(live);
+        if (end != killed) {
+            ASSERT_EQ(end, 0);
+            break;
+        }
+    }
+}
+
+// The change is cut off rather than run back by its own process, so all is done by recoverers, each
+// killed one step later.
+TEST_F(WindowCrash, RecoverersThatDieHoldEachBlockOnce) {
+    make(furnish);
+    const blocks live = look({}).live;
+    for (long step = 1;; ++step) {
+        SCOPED_TRACE("recoverer killed at point " + std::to_string(step));
+        make(furnish);
+        int end = 0;
+        {
+            const bystander reader;
+            ASSERT_EQ(in_child([] {
+                          const opened o = open_as(true);
+                          const journal::group open;
+                          header *h = header_of(o);
+                          for (int i = 0; i < 2; ++i) {
+                              void *block = take(o, i == 0 ? 200 : 90000);
+                              journal::publish(h->words[5], reinterpret_cast<uint64_t>(block));
+                              h->words[shown_word + i] = reinterpret_cast<uint64_t>(block);
+                          }
+                          die();
+                          return 0;
+                      }),
+                      -SIGKILL);
+            end = in_child([&] {
+                die_at(step);
+                const opened o = open_as(true);
+                live_on();
+                return o.code == 0 ? 0 : 1;
+            });
+            kills_ += end == killed ? 1 : 0;
+            expect_kept(live);
+        }
+        expect_nothing_held(live);
+        if (end != killed) {
+            ASSERT_EQ(end, 0);
+            break;
+        }
+    }
+}
+
+TEST_F(WindowCrash, HeldBlocksAreReusedOnceWhoeverDies) {
+    make(furnish);
+    const blocks live = look({}).live;
+    for (long step = 1;; ++step) {
+        SCOPED_TRACE("killed at point " + std::to_string(step));
+        make(furnish);
+        const int end = in_child([&] {
+            opened o = open_as(true);
+            uint32_t reader = 0;
+            if (o.code != 0 || shmwin_reader_enter(o.id, &reader) != 0) {
+                return 1;
+            }
+            show_and_run_back(o);
+            show_and_run_back(o);
+            shmwin_reader_leave(o.id, reader);
+            if (held_in(o) != 4) {
+                return 2;
+            }
+            die_at(step);
+            shmwin_reclaim(o.id, 0, nullptr, nullptr, nullptr);
+            live_on();
+            return held_in(o) == 0 ? 0 : 3;
+        });
+        kills_ += end == killed ? 1 : 0;
+        expect_nothing_held(live);
+        ASSERT_EQ(look({}).live, live);
+        if (end != killed) {
+            ASSERT_EQ(end, 0);
+            break;
+        }
+    }
+}
+
+// An owner that is stopped, at whatever point, holds nobody up who attaches: there is a window, or
+// a reason why not.
+TEST_F(WindowCrash, AttachingNeverWaitsForAStoppedOwner) {
+    constexpr double bound_s = 2;  // of a loaded machine; a tenth of a second is what it may take
+    double longest = 0;
+    std::map<cerrno, int> codes;
+    make(furnish);
+    for (long step = 1;; ++step) {
+        SCOPED_TRACE("stopped at point " + std::to_string(step));
+        // It makes the window, or takes over one that is there.
+        const bool is_new = step % 2 == 0;
+        if (is_new) {
+            unlink(file().c_str());
+        }
+        const pid_t owner = start([&] {
+            steps_left = (step + 1) / 2;
+            journal::crash_hook = [] {
+                if (--steps_left == 0) {
+                    raise(SIGSTOP);
+                }
+            };
+            opened o = open_as(true);
+            if (o.code == 0 && is_new) {
+                furnish(o);
+            }
+            rearrange(o);
+            return 0;
+        });
+        int status = 0;
+        ASSERT_EQ(waitpid(owner, &status, WUNTRACED), owner);
+        const auto begin = std::chrono::steady_clock::now();
+        opened client = open_as(false);
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+        longest = std::max(longest, took.count());
+        ++codes[client.code];
+        EXPECT_TRUE(client.code == 0 || client.code == SHMWIN_ERR_HALF_MADE ||
+                    client.code == SHMWIN_ERR_NO_WINDOW)
+            << client.code;
+        if (client.code == 0) {
+            client.close();
+        }
+        if (WIFEXITED(status)) {
+            break;
+        }
+        ++kills_;
+        kill(owner, SIGKILL);
+        ASSERT_EQ(waitpid(owner, &status, 0), owner);
+        make(furnish);
+    }
+    EXPECT_LT(longest, bound_s);
+    EXPECT_GT(codes[0], 10);
+    EXPECT_GT(codes[SHMWIN_ERR_HALF_MADE], 3);
 }
 
 TEST_F(WindowCrash, ResetLeavesAllOrAnEmptyWindow) {

@@ -1,6 +1,7 @@
 // Delayed frees: what readers hold back, who counts as a reader, and what survives the owner.
 #include "services/window/epochs.h"
 
+#include <algorithm>
 #include <atomic>
 #include <random>
 #include <thread>
@@ -308,6 +309,334 @@ TEST_F(WindowEpochs, DeferredBlocksOutliveTheirOwner) {
     EXPECT_TRUE(live_blocks(o_.id).empty());
     EXPECT_TRUE(whole(o_.id));
 }
+
+// ---- blocks whose change is run back
+
+// Takes a block in a group, fills and shows it, and runs the group back. What readers may have
+// found.
+void *take_and_run_back(uint32_t id, header *h, size_t size) {
+    journal::group g;
+    void *block = nullptr;
+    EXPECT_EQ(shmwin_malloc(id, size, &block), 0U);
+    std::memset(block, 0x5a, size);
+    journal::publish(h->current, static_cast<uint64_t *>(block));
+    EXPECT_TRUE(g.undo());
+    EXPECT_EQ(h->current, nullptr);
+    return block;
+}
+
+bool is_filled(const void *block, size_t size) {
+    const auto *bytes = static_cast<const unsigned char *>(block);
+    return std::all_of(bytes, bytes + size, [](unsigned char b) { return b == 0x5a; });
+}
+
+TEST_F(WindowEpochs, ABlockThatIsRunBackIsHeldUntilEveryReaderHasPassed) {
+    for (const size_t size : {size_t{100}, size_t{16000}, size_t{100000}}) {
+        const uint32_t reader = enter();
+        void *block = take_and_run_back(o_.id, h_, size);
+        EXPECT_EQ(state().held, 1U);
+        // Free to everybody who asks, and not handed out.
+        EXPECT_FALSE(is_live(block));
+        EXPECT_TRUE(live_blocks(o_.id).empty());
+        EXPECT_EQ(shmwin_free(block), SHMWIN_ERR_BAD_BLOCK);
+        EXPECT_EQ(shmwin_defer(o_.id, block), SHMWIN_ERR_BAD_BLOCK);
+        shmwin_usage usage;
+        EXPECT_EQ(shmwin_get_usage(o_.id, &usage), 0U);
+        EXPECT_EQ(usage.used, 0U);
+        EXPECT_EQ(usage.undone, 0U);
+        void *other = take(size);
+        EXPECT_NE(other, block);
+        std::memset(other, 0, size);
+        EXPECT_EQ(shmwin_free(other), 0U);
+        EXPECT_EQ(reclaim(), 0U);
+        EXPECT_TRUE(is_filled(block, size));
+        EXPECT_EQ(state().held, 1U);
+        EXPECT_TRUE(whole(o_.id));
+        shmwin_reader_quiescent(o_.id, reader);
+        EXPECT_EQ(reclaim(), 0U);  // it was not deferred
+        EXPECT_EQ(state().held, 0U);
+        EXPECT_TRUE(whole(o_.id));
+        shmwin_reader_leave(o_.id, reader);
+        void *again = take(size);
+        EXPECT_EQ(again, block);
+        EXPECT_EQ(shmwin_free(again), 0U);
+    }
+}
+
+TEST_F(WindowEpochs, WithoutReadersABlockThatIsRunBackIsFreeAtOnce) {
+    take_and_run_back(o_.id, h_, 100);
+    EXPECT_EQ(state().held, 0U);
+    const uint32_t reader = enter();
+    shmwin_reader_idle(o_.id, reader);
+    take_and_run_back(o_.id, h_, 100);
+    EXPECT_EQ(state().held, 0U);
+    shmwin_reader_leave(o_.id, reader);
+}
+
+TEST_F(WindowEpochs, WhatIsFreedByItsOwnChangeIsNotHeld) {
+    const uint32_t reader = enter();
+    {
+        const journal::group g;
+        EXPECT_EQ(shmwin_free(take()), 0U);
+    }
+    EXPECT_EQ(state().held, 0U);
+    shmwin_reader_leave(o_.id, reader);
+    EXPECT_TRUE(whole(o_.id));
+}
+
+// Far more than any list of fixed size, slabs that are held as a whole, and every kind of block.
+TEST_F(WindowEpochs, AnyNumberOfBlocksIsHeld) {
+    const uint32_t reader = enter();
+    std::vector<std::pair<void *, size_t>> held;
+    std::mt19937 random(6);
+    for (int round = 0; round < 400; ++round) {
+        journal::group g;
+        for (int i = 0; i < 20; ++i) {
+            const size_t size = random() % 50 == 0 ? 40000 : 40 + random() % 700;
+            void *block = take(size);
+            std::memset(block, 0x5a, size);
+            held.emplace_back(block, size);
+        }
+        ASSERT_TRUE(g.undo());
+    }
+    EXPECT_EQ(state().held, held.size());
+    EXPECT_TRUE(whole(o_.id));
+    std::vector<void *> taken;
+    for (int i = 0; i < 2000; ++i) {
+        taken.push_back(take(40 + random() % 700));
+        std::memset(taken.back(), 0, 40);
+    }
+    for (const auto &[block, size] : held)
+        ASSERT_TRUE(is_filled(block, size));
+    EXPECT_EQ(reclaim(100), 0U);
+    shmwin_reader_quiescent(o_.id, reader);
+    EXPECT_EQ(reclaim(100), 0U);
+    EXPECT_EQ(state().held, held.size() - 100);
+    EXPECT_TRUE(whole(o_.id));
+    EXPECT_EQ(reclaim(), 0U);
+    EXPECT_EQ(state().held, 0U);
+    EXPECT_TRUE(whole(o_.id));
+    for (void *block : taken)
+        ASSERT_EQ(shmwin_free(block), 0U);
+    shmwin_reader_leave(o_.id, reader);
+    EXPECT_TRUE(whole(o_.id));
+}
+
+TEST_F(WindowEpochs, LaterBlocksWaitForTheReadersThatCameWithThem) {
+    const uint32_t first = enter();
+    take_and_run_back(o_.id, h_, 100);
+    EXPECT_EQ(reclaim(), 0U);
+    const uint32_t second = enter();
+    void *late = take_and_run_back(o_.id, h_, 5000);
+    shmwin_reader_leave(o_.id, first);
+    EXPECT_EQ(reclaim(), 0U);
+    EXPECT_EQ(state().held, 1U);
+    EXPECT_TRUE(is_filled(late, 5000));
+    shmwin_reader_leave(o_.id, second);
+    EXPECT_EQ(reclaim(), 0U);
+    EXPECT_EQ(state().held, 0U);
+}
+
+TEST_F(WindowEpochs, AShortageLetsWhatReadersHavePassedBeUsed) {
+    const uint32_t reader = enter();
+    ASSERT_EQ(shmwin_set_growth_limit(o_.id, 1), 0U);
+    {
+        journal::group g;
+        void *block = nullptr;
+        while (shmwin_malloc(o_.id, 4000, &block) == 0) {
+        }
+        ASSERT_TRUE(g.undo());
+    }
+    EXPECT_GT(state().held, 5U);
+    void *block = nullptr;
+    EXPECT_EQ(shmwin_malloc(o_.id, 4000, &block), SHMWIN_ERR_SPACE);
+    shmwin_reader_leave(o_.id, reader);
+    EXPECT_EQ(shmwin_malloc(o_.id, 4000, &block), 0U);
+    EXPECT_EQ(state().held, 0U);
+    EXPECT_EQ(shmwin_free(block), 0U);
+    EXPECT_TRUE(whole(o_.id));
+}
+
+TEST_F(WindowEpochs, AResetHoldsNothing) {
+    const uint32_t reader = enter();
+    take_and_run_back(o_.id, h_, 100);
+    ASSERT_EQ(shmwin_reset(o_.id), 0U);
+    EXPECT_EQ(state().held, 0U);
+    EXPECT_TRUE(whole(o_.id));
+    shmwin_reader_leave(o_.id, reader);
+}
+
+// A reader in another process. It stands on the record that it finds until it is told to pass, and
+// says each time that it is asked whether the record is what it was.
+class standing_reader {
+  public:
+    explicit standing_reader(size_t size) {
+        EXPECT_EQ(pipe(to_), 0);
+        EXPECT_EQ(pipe(from_), 0);
+        pid_ = start([&] { return work(size); });
+        EXPECT_EQ(ask('s'), 'y');
+    }
+    ~standing_reader() {
+        for (const int end : {to_[0], to_[1], from_[0], from_[1]})
+            ::close(end);
+        if (pid_ > 0) {
+            kill();
+        }
+    }
+    standing_reader(const standing_reader &) = delete;
+    standing_reader &operator=(const standing_reader &) = delete;
+
+    bool still_sees_it() { return ask('c') == 'y'; }
+    void pass() { EXPECT_EQ(ask('p'), 'y'); }
+    void kill() {
+        ::kill(pid_, SIGKILL);
+        EXPECT_EQ(end_of(pid_), -SIGKILL);
+        pid_ = -1;
+    }
+
+  private:
+    char ask(char what) {
+        char c = 0;
+        EXPECT_EQ(write(to_[1], &what, 1), 1);
+        EXPECT_EQ(read(from_[0], &c, 1), 1);
+        return c;
+    }
+    int work(size_t size) {
+        const opened o = open_as(false);
+        uint32_t reader = 0;
+        if (o.code != 0 || shmwin_reader_enter(o.id, &reader) != 0)
+            return 1;
+        const uint64_t *record = nullptr;
+        for (char c = 0; read(to_[0], &c, 1) == 1;) {
+            if (c == 's')
+                record = journal::observe(static_cast<header *>(o.header)->current);
+            if (c == 'p')
+                shmwin_reader_quiescent(o.id, reader);
+            const bool good = c == 'p' || (record != nullptr && is_filled(record, size));
+            if (write(from_[1], good ? "y" : "n", 1) != 1)
+                return 2;
+        }
+        return 0;
+    }
+
+    int to_[2];
+    int from_[2];
+    pid_t pid_ = -1;
+};
+
+// The next owner allocates at once all that it can get of the size, and writes over it.
+class WindowEpochsOwnerDies : public WindowEpochs, public testing::WithParamInterface<size_t> {
+  protected:
+    WindowEpochsOwnerDies() { o_.close(); }
+    ~WindowEpochsOwnerDies() override {
+        if (owner_ > 0) {
+            kill(owner_, SIGKILL);
+            end_of(owner_);
+        }
+    }
+
+    // Starts an owner that shows a record in a change that it does not end.
+    void start_owner() {
+        owner_ = start([this] {
+            const opened o = open_as(true);
+            auto *h = static_cast<header *>(o.header);
+            const journal::group g;
+            void *block = nullptr;
+            if (o.code != 0 || shmwin_malloc(o.id, GetParam(), &block) != 0)
+                return 1;
+            std::memset(block, 0x5a, GetParam());
+            journal::publish(h->current, static_cast<uint64_t *>(block));
+            shown_.open();
+            for (;;) {
+                pause();
+            }
+        });
+        shown_.wait();
+    }
+
+    void become_next_owner() {
+        kill(owner_, SIGKILL);
+        EXPECT_EQ(end_of(std::exchange(owner_, -1)), -SIGKILL);
+        o_ = open_as(true);
+        ASSERT_EQ(o_.code, 0U);
+        h_ = static_cast<header *>(o_.header);
+        EXPECT_EQ(h_->current, nullptr);
+        EXPECT_TRUE(live_blocks(o_.id).empty());
+    }
+
+    void write_over_free_memory() {
+        std::vector<void *> all;
+        for (int i = 0; i < 800; ++i) {
+            all.push_back(take(GetParam()));
+            std::memset(all.back(), 0, GetParam());
+        }
+        for (void *block : all)
+            EXPECT_EQ(shmwin_free(block), 0U);
+        EXPECT_TRUE(whole(o_.id));
+    }
+
+    gate shown_;
+    pid_t owner_ = -1;
+};
+
+TEST_P(WindowEpochsOwnerDies, ReadersKeepTheRecordThatTheyStandOn) {
+    start_owner();
+    standing_reader reader(GetParam());
+    become_next_owner();
+    EXPECT_EQ(state().held, 1U);
+    write_over_free_memory();
+    EXPECT_EQ(reclaim(), 0U);
+    write_over_free_memory();
+    EXPECT_TRUE(reader.still_sees_it());
+    reader.pass();
+    EXPECT_EQ(reclaim(), 0U);
+    EXPECT_EQ(state().held, 0U);
+    write_over_free_memory();
+    EXPECT_FALSE(reader.still_sees_it());
+}
+
+TEST_P(WindowEpochsOwnerDies, NobodyWaitsForAReaderThatDiedToo) {
+    start_owner();
+    standing_reader reader(GetParam());
+    become_next_owner();
+    EXPECT_EQ(state().held, 1U);
+    reader.kill();
+    EXPECT_EQ(reclaim(), 0U);
+    EXPECT_EQ(state().held, 0U);
+    EXPECT_TRUE(whole(o_.id));
+}
+
+TEST_P(WindowEpochsOwnerDies, ReadersThatDiedBeforeHoldNothing) {
+    start_owner();
+    standing_reader reader(GetParam());
+    reader.kill();
+    become_next_owner();
+    EXPECT_EQ(reclaim(), 0U);
+    EXPECT_EQ(state().held, 0U);
+    EXPECT_TRUE(whole(o_.id));
+}
+
+TEST_P(WindowEpochsOwnerDies, OneOwnerBehindTheOtherTheRecordIsKept) {
+    start_owner();
+    standing_reader reader(GetParam());
+    become_next_owner();
+    o_.close();
+    for (int i = 0; i < 5; ++i) {
+        start_owner();
+        become_next_owner();
+        EXPECT_EQ(state().held, 2U + static_cast<uint64_t>(i));
+        write_over_free_memory();
+        EXPECT_TRUE(reader.still_sees_it());
+        o_.close();
+    }
+    reader.pass();
+    o_ = open_as(true);
+    EXPECT_EQ(o_.code, 0U);
+    EXPECT_EQ(state().held, 0U);  // looked at when the window was opened
+    EXPECT_TRUE(whole(o_.id));
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, WindowEpochsOwnerDies, testing::Values(100U, 600U, 40000U));
 
 // ---- readers beside an owner that replaces what they read
 

@@ -45,6 +45,11 @@ void end_idb_in_hand();
 // Tells the client of the present state and the one before.
 void tell_client_of_state();
 
+// The two halves of ip6mc_mark_route_changed, for a change that holds locks until it commits: the
+// route goes on the list within the change, the reader is woken behind it.
+cerrno list_changed_route(ipv4mc_route_entry_st *route);
+void wake_changed_route_reader();
+
 // Gives the search key of this process back to the window, if it has one.
 void drop_table_search();
 

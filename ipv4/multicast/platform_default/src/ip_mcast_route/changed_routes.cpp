@@ -1,8 +1,14 @@
 // The list of routes that have changed since its reader last drained it, and the wake-up of that
 // reader.
+#include <linux/futex.h>
 #include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <climits>
+#include <ctime>
 
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/lib/ip6mc_route.h"
@@ -41,17 +47,46 @@ int lock(pthread_mutex_t *mutex) {
     return take_over(mutex, rc);
 }
 
-void wake_reader(ipv4mc_shmwin_hdr_st *hdr) {
-    int rc = lock(&hdr->changed_route_mutex);
+std::atomic_ref<uint32_t> wakes(ipv4mc_shmwin_hdr_st *hdr) {
+    return std::atomic_ref(hdr->changed_route_wakes);
+}
+
+long futex(uint32_t *word, int operation, uint32_t value, const timespec *time) {
+    return syscall(SYS_futex, word, operation, value, time, nullptr, FUTEX_BITSET_MATCH_ANY);
+}
+
+int set_wake(ipv4mc_shmwin_hdr_st *hdr, uint8_t value) {
+    const int rc = lock(&hdr->changed_route_mutex);
     if (rc == 0) {
-        store(hdr->changed_route_wake, uint8_t{1});
+        store(hdr->changed_route_wake, value);
         pthread_mutex_unlock(&hdr->changed_route_mutex);
-        rc = pthread_cond_signal(&hdr->changed_route_cond);
     }
+    return rc;
+}
+
+// The condition has waiters only where a client sleeps on it by itself; the word beside it does not
+// mind the death of a sleeper.
+void wake_reader(ipv4mc_shmwin_hdr_st *hdr) {
+    int rc = set_wake(hdr, 1);
+    wakes(hdr).fetch_add(1, std::memory_order_release);
+    futex(&hdr->changed_route_wakes, FUTEX_WAKE, INT_MAX, nullptr);
+    rc = rc != 0 ? rc : pthread_cond_signal(&hdr->changed_route_cond);
     if (rc != 0) {
         MLIB_ERR("pthread_cond_signal failed [0x%x] : %s", static_cast<unsigned>(rc),
                  cerr_strerror(static_cast<cerrno>(rc)));
     }
+}
+
+timespec deadline_in(uint32_t milliseconds) {
+    timespec at{};
+    clock_gettime(CLOCK_MONOTONIC, &at);
+    at.tv_sec += milliseconds / 1000;
+    at.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000;
+    if (at.tv_nsec >= 1000000000) {
+        at.tv_nsec -= 1000000000;
+        ++at.tv_sec;
+    }
+    return at;
 }
 
 int make_mutex(pthread_mutex_t *mutex) {
@@ -90,9 +125,7 @@ void ipmc_changed_routes_init(ipv4mc_shmwin_hdr_st *hdr) {
     publish(hdr->changed_route_ready, uint8_t{1});
 }
 
-extern "C" {
-
-cerrno ip6mc_mark_route_changed(ipv4mc_route_entry_st *route) {
+cerrno mlib::list_changed_route(ipv4mc_route_entry_st *route) {
     if (!is_ready()) {
         return EBADF;
     }
@@ -109,16 +142,54 @@ cerrno ip6mc_mark_route_changed(ipv4mc_route_entry_st *route) {
     if (route->change_next != nullptr || hdr->changed_route_tail == route) {
         return 0;
     }
-    {
-        const group change;
-        mlib::changed_routes(hdr->changed_route_head, hdr->changed_route_tail).push_back(route);
-        store(hdr->changed_route_count, hdr->changed_route_count + 1);
-    }
-    // Only the first entry wakes the reader, which drains the list before it sleeps.
+    const group change;
+    mlib::changed_routes(hdr->changed_route_head, hdr->changed_route_tail).push_back(route);
+    store(hdr->changed_route_count, hdr->changed_route_count + 1);
+    // Only the first entry wakes the reader, which drains the list before it sleeps. The debt
+    // outlives a process that is killed before it has paid it: the next one does.
     if (hdr->changed_route_count == 1) {
-        wake_reader(hdr);
+        store(hdr->changed_route_due, uint8_t{1});
     }
     return 0;
+}
+
+void mlib::wake_changed_route_reader() {
+    ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
+    if (hdr->changed_route_due != 0) {
+        wake_reader(hdr);
+        store(hdr->changed_route_due, uint8_t{0});
+    }
+}
+
+extern "C" {
+
+cerrno ip6mc_mark_route_changed(ipv4mc_route_entry_st *route) {
+    const cerrno rc = mlib::list_changed_route(route);
+    if (rc == 0) {
+        mlib::wake_changed_route_reader();
+    }
+    return rc;
+}
+
+cerrno ip6mc_changed_routes_wait(uint32_t milliseconds) {
+    if (ipv4mc_desc->shmwin_init == 0) {
+        MLIB_ERR("Shared Memory Window Not Initialized");
+        return EBADF;
+    }
+    ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
+    const timespec until = deadline_in(milliseconds);
+    for (;;) {
+        // Read ahead of the count: an entry that comes behind the look at it changes this.
+        const uint32_t seen = wakes(hdr).load(std::memory_order_acquire);
+        if (mfwd6::journal::observe(hdr->changed_route_count) != 0) {
+            set_wake(hdr, 0);
+            return 0;
+        }
+        if (futex(&hdr->changed_route_wakes, FUTEX_WAIT_BITSET, seen, &until) != 0 &&
+            errno == ETIMEDOUT) {
+            return ETIMEDOUT;
+        }
+    }
 }
 
 cerrno ipv4mc_changelist_remove_route(ipv4mc_route_entry_st *route) {

@@ -10,11 +10,10 @@
 #include "ipv4/multicast/platform_default/src/diagnostics/address_text.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/assertion.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
-#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/lock_books.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/packet_mutex_report.h"
+#include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/routes.h"
 
 namespace {
-
-constexpr uint8_t srd_flag = 0x04;
 
 void trace_start(const ipv4mc_table_st *table) {
     const bool is_tid = table->table_type == IPV4MC_TABLE_TID;
@@ -38,9 +37,8 @@ cerrno delete_route(ipv4mc_table_st *table, const ipv4mc_route_entry_st *route) 
     if (rc == 0 || rc == EEXIST) {
         return 0;
     }
-    MLIB_ERR("Cannot delete (%s,%s/%d) from 0x%x(%s) : %s", mlib::source_text(&source),
-             mlib::address_text(&group), static_cast<int>(pfx_len), table->tid, table->vrf_name,
-             cerr_strerror(rc));
+    MLIB_ERR("Cannot delete (%s,%s/%d) from 0x%x(%s) : %s",
+             ROUTE_KEY_ARGS(&source, &group, pfx_len), TABLE_ARGS(table), cerr_strerror(rc));
     return rc;
 }
 
@@ -58,7 +56,7 @@ cerrno delete_routes(ipv4mc_table_st *table, uint32_t yield_count, bool keep_srd
             sched_yield();
             deleted = 0;
         }
-        if (keep_srd && (route->route_flags & srd_flag) != 0) {
+        if (keep_srd && (route->route_flags & IPV4MC_ROUTE_FLAG_SRD) != 0) {
             ++*srd_count;
             continue;
         }
@@ -89,16 +87,11 @@ extern "C" cerrno ip6mc_route_delete_all(ipv4mc_table_st *table, uint32_t yield_
         return 0;
     }
     const cerrno result = delete_routes(tid_table, yield_count, keep_srd != 0, srd_count);
-    const uint32_t count = ipv6_mlib_pak_client_mutex_get_count();
-    if (count != 0) {
-        const ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
-        MLIB_ERR("[%d] Mult lock count %d (%s/%d)", __LINE__, static_cast<int>(count),
-                 mlib::lock_fn(hdr->pak_lock_fn).text, mlib::lock_book(hdr->pak_lock_line));
-    }
+    mlib::report_packet_mutex_held(__func__, __LINE__);
     const cerrno rc = ip6mc_signal_remove_all_routes(tid_table, yield_count, cmd);
     if (rc != 0) {
-        MLIB_ERR("Cannot delete all signal routes from table 0x%x(%s) : %s", tid_table->tid,
-                 tid_table->vrf_name, cerr_strerror(rc));
+        MLIB_ERR("Cannot delete all signal routes from table 0x%x(%s) : %s", TABLE_ARGS(tid_table),
+                 cerr_strerror(rc));
         return rc;
     }
     return result;

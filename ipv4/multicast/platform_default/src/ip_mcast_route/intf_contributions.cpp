@@ -19,19 +19,18 @@ using mfwd6::journal::group;
 using mfwd6::journal::publish;
 using mfwd6::journal::store;
 
-void drop_encap_egress(ipv4mc_route_entry_st *route, mlib::encap_programming then) {
+void follow_encap_egress(const ipv4mc_route_entry_st *route, mlib::end_of_route how) {
     ipv4mc_encap_entry_st *encap = route->encap;
     if (encap == nullptr) {
         return;
     }
-    store(encap->intf_local_EG_cnt, encap->intf_local_EG_cnt - 1);
     MLIB_DEBUG(IPV4_DEBUG_ROUTE, "%s,%s/%d: Dec local EG cnt (%d) on EID 0x%x", ROUTE_ARGS(route),
                static_cast<int>(encap->intf_local_EG_cnt), encap->encap_id);
     if (encap->intf_local_EG_cnt != 0 || (encap->ip_lkp_ctl & IPV4MC_ENCAP_LKP_STAYS) != 0) {
         return;
     }
     mlib::switch_ip_lookup(encap, 0);
-    if (then == mlib::encap_programming::commit) {
+    if (how == mlib::end_of_route::deleted) {
         ip6mc_encap_platform_commit(encap);
     }
 }
@@ -60,20 +59,39 @@ void leave_transport_list(ipv4mc_intf_entry_st *entry) {
 
 }  // namespace
 
-void mlib::drop_local_egress(ipv4mc_table_st *table, ipv4mc_route_entry_st *route,
-                             encap_programming then) {
-    {
-        const group change;
-        store(route->intf_local_EG_cnt, static_cast<uint16_t>(route->intf_local_EG_cnt - 1));
-        uint32_t &of_table = table->route_counters.local_eg_cnt;
-        store(of_table, of_table - 1);
+void mlib::lower_local_egress(ipv4mc_table_st *table, ipv4mc_route_entry_st *route) {
+    const group change;
+    store(route->intf_local_EG_cnt, static_cast<uint16_t>(route->intf_local_EG_cnt - 1));
+    uint32_t &of_table = table->route_counters.local_eg_cnt;
+    store(of_table, of_table - 1);
+    if (route->encap != nullptr) {
+        store(route->encap->intf_local_EG_cnt, route->encap->intf_local_EG_cnt - 1);
     }
-    MLIB_DEBUG(IPV4_DEBUG_ROUTE, "%s,%s/%d : Dec local EG cnt (%d) on Table 0x%x",
-               ROUTE_ARGS(route), static_cast<int>(table->route_counters.local_eg_cnt), table->tid);
-    if (table->route_counters.local_eg_cnt == 0) {
+}
+
+void mlib::follow_local_egress(ipv4mc_table_st *table, ipv4mc_route_entry_st *route,
+                               end_of_route how) {
+    const uint32_t left = table->route_counters.local_eg_cnt;
+    if (how == end_of_route::deleted) {
+        MLIB_DEBUG(IPV4_DEBUG_ROUTE, "%s,%s/%d : Dec local EG cnt (%d) on Table 0x%x",
+                   ROUTE_ARGS(route), static_cast<int>(left), table->tid);
+    }
+    if (left == 0) {
         ip6mc_tbl_update_memd_routes(table, 0);
     }
-    drop_encap_egress(route, then);
+    follow_encap_egress(route, how);
+}
+
+bool mlib::leave_mdt_candidates(ipv4mc_route_entry_st *route) {
+    if (!leave_global_list<mdt_candidate_links>(IPMC_ROUTE_LIST_MDT_CAND, route)) {
+        return false;
+    }
+    if (route->mdt_candidate == 0) {
+        MLIB_ERR("0x%x(%s,%s) : Removing from cand list but boolean false !!",
+                 tid_or(route->table, no_table), source_text(&route->source),
+                 address_text(&route->group));
+    }
+    return true;
 }
 
 void mlib::drop_transport(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st *entry) {

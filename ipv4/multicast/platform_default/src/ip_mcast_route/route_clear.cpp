@@ -2,6 +2,7 @@
 // to be filled again. And the bare release of a leaf.
 #include <cerrno>
 #include <cstdio>
+#include <optional>
 
 #include "ipv4/multicast/lib/ip6mc_bvi.h"
 #include "ipv4/multicast/lib/ip6mc_idb.h"
@@ -22,16 +23,11 @@ namespace {
 using mfwd6::journal::group;
 using mfwd6::journal::publish;
 using mfwd6::journal::store;
+using mlib::no_table;
 using mlib::tid_or;
 using mlib::yes_no;
 
-#define REQUEST_KEY ROUTE_KEY_ARGS(request.source, request.group, request.pfx_len)
-#define REQUEST_ACTION static_cast<int>(request.action), mlib::action_text(request.action)
-
-constexpr uint64_t vrf_links = MRIB_ROUTE_TID_DEMAND | MRIB_ROUTE_TID_STICKY;
-constexpr uint32_t no_table = 0xDEAD;
 constexpr size_t route_text_size = 114;
-constexpr size_t problem_text_size = 512;
 
 void clear_bits(ipv4mc_route_entry_st *route, uint64_t bits) {
     publish(route->attributes, route->attributes & ~bits);
@@ -44,8 +40,8 @@ void drop_mdt_reference(ipv4mc_route_entry_st *route, const ipv4mc_intf_entry_st
 }
 
 void drop_egress(ipv4mc_table_st *table, ipv4mc_route_entry_st *route) {
-    // The encap is not programmed again here, other than by DELETE.
-    mlib::drop_local_egress(table, route, mlib::encap_programming::none);
+    mlib::lower_local_egress(table, route);
+    mlib::follow_local_egress(table, route, mlib::end_of_route::cleared);
     ip6mc_ex_eg_update_rte(route, -1);
     ipmc_ex_eg_upd_encap_rcvr_tbl(route, 1);
 }
@@ -146,22 +142,56 @@ void force_out(ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st *entry, ipv4mc
     }
 }
 
+// The last receiver of a table reaches its core routes, one after the other; so does what the
+// leaves of an encap count for. A change with very many of them would outgrow its log.
+constexpr uint32_t most_core_routes = 512;
+
+bool has_few_core_routes(const ipv4mc_table_st *table) {
+    uint32_t count = 0;
+    for (const ipv4mc_route_entry_st *core = table->memd_route_list;
+         core != nullptr && count <= most_core_routes; core = core->memd_next[IPV4MC_VRF_LOCAL]) {
+        ++count;
+    }
+    return count <= most_core_routes;
+}
+
+bool fits_one_change(const ipv4mc_table_st *table, const ipv4mc_route_entry_st *route,
+                     const ipv4mc_intf_entry_st *entry) {
+    if (table == nullptr || (entry->attributes & MRIB_INTF_EG) == 0) {
+        return true;
+    }
+    const bool has_leaves = route->encap != nullptr && route->encap->encap_leaf_head != nullptr;
+    return !has_leaves && (table->route_counters.local_eg_cnt != 1 || has_few_core_routes(table));
+}
+
+// The interface goes in one change with all that it counted for: whoever takes over finds both or
+// neither, and may begin again. The one behind it.
+ipv4mc_intf_entry_st *clear_intf(ipv4mc_shmwin_hdr_st *hdr, ipv4mc_table_st *table,
+                                 ipv4mc_route_entry_st *route, ipv4mc_intf_entry_st *entry,
+                                 char *text) {
+    std::optional<group> change;
+    if (fits_one_change(table, route, entry)) {
+        change.emplace();
+    }
+    ipv4mc_idb_st *idb = nullptr;
+    count_down_mdt_interfaces(route, entry, &idb, text);
+    ip6mc_intf_clear(hdr, table, route, entry, text);
+    const uint64_t attributes = entry->attributes;
+    ipv4mc_intf_entry_st *next = ipv4mc_intf_route_get_next_intf(route, entry);
+    const cerrno rc = ip6mc_intf_operation(IPV4MC_ACTION_DELETE, table, route, entry->intf_type,
+                                           entry->ifh, entry->amt_addr, entry->amt_port,
+                                           entry->intf_arg, &entry, idb, 0, attributes, 0);
+    if (rc != 0 && entry != nullptr) {
+        force_out(route, entry, idb);
+    }
+    return next;
+}
+
 void clear_intfs(ipv4mc_shmwin_hdr_st *hdr, ipv4mc_table_st *table, ipv4mc_route_entry_st *route,
                  char *text) {
-    ipv4mc_intf_entry_st *next = nullptr;
-    for (ipv4mc_intf_entry_st *entry = ipv4mc_intf_route_get_first_intf(route); entry != nullptr;
-         entry = next) {
-        ipv4mc_idb_st *idb = nullptr;
-        count_down_mdt_interfaces(route, entry, &idb, text);
-        ip6mc_intf_clear(hdr, table, route, entry, text);
-        const uint64_t attributes = entry->attributes;
-        next = ipv4mc_intf_route_get_next_intf(route, entry);
-        const cerrno rc = ip6mc_intf_operation(IPV4MC_ACTION_DELETE, table, route, entry->intf_type,
-                                               entry->ifh, entry->amt_addr, entry->amt_port,
-                                               entry->intf_arg, &entry, idb, 0, attributes, 0);
-        if (rc != 0 && entry != nullptr) {
-            force_out(route, entry, idb);
-        }
+    ipv4mc_intf_entry_st *entry = ipv4mc_intf_route_get_first_intf(route);
+    while (entry != nullptr) {
+        entry = clear_intf(hdr, table, route, entry, text);
     }
 }
 
@@ -190,22 +220,22 @@ void give_back_mdt_handle(ipv4mc_route_entry_st *route) {
     }
     MLIB_DEBUG(IPV4_DEBUG_ROUTE, "0x%x: MDT handle 0x%x of (%s,%s/%d) goes",
                tid_or(route->table, no_table), route->mdt_ifh, ROUTE_ARGS(route));
+    const group change;
     if (route->mdt_ifh != 0) {
         ip6mc_idb_mdt_unlock(route->vrf_table[IPV4MC_VRF_LOCAL], route->mdt_ifh,
                              IPV4MC_MDT_FLAG_MH);
     }
-    const group change;
     clear_bits(route, MRIB_ROUTE_MH);
     store(route->mdt_ifh, 0U);
 }
 
 void unlink_from_vrfs(ipv4mc_route_entry_st *route, const char *text) {
-    if ((route->attributes & vrf_links) == 0) {
+    if ((route->attributes & mlib::vrf_link_bits) == 0) {
         return;
     }
     ip6mc_route_unlink_route_from_vrf(route, IPV4MC_VRF_LOCAL, text);
     ip6mc_route_unlink_route_from_vrf(route, IPV4MC_VRF_REMOTE, text);
-    clear_bits(route, vrf_links | MRIB_ROUTE_DT | MRIB_ROUTE_DT_REMOTE);
+    clear_bits(route, mlib::vrf_link_bits | MRIB_ROUTE_DT | MRIB_ROUTE_DT_REMOTE);
 }
 
 void unbind_transport(ipv4mc_route_entry_st *route) {
@@ -220,14 +250,9 @@ void unbind_transport(ipv4mc_route_entry_st *route) {
 // The flag and the bits go with the lists, other than in DELETE: this route lives on.
 void leave_candidates(ipv4mc_route_entry_st *route) {
     const group change;
-    if (mlib::leave_global_list<mlib::mdt_candidate_links>(IPMC_ROUTE_LIST_MDT_CAND, route)) {
-        const uint32_t tid = tid_or(route->table, no_table);
-        if (route->mdt_candidate == 0) {
-            MLIB_ERR("0x%x(%s,%s) : Removing from cand list but boolean false !!", tid,
-                     mlib::source_text(&route->source), mlib::address_text(&route->group));
-        }
-        MLIB_DEBUG(IPV4_DEBUG_DEV, "0x%x: Removed (%s,%s/%d) a:0x%lx from mdt candidate list", tid,
-                   ROUTE_ARGS(route), route->attributes);
+    if (mlib::leave_mdt_candidates(route)) {
+        MLIB_DEBUG(IPV4_DEBUG_DEV, "0x%x: Removed (%s,%s/%d) a:0x%lx from mdt candidate list",
+                   tid_or(route->table, no_table), ROUTE_ARGS(route), route->attributes);
     }
     store(route->mdt_candidate, uint8_t{0});
 }
@@ -236,13 +261,15 @@ void leave_update_lists(ipv4mc_route_entry_st *route) {
     const group change;
     mlib::leave_global_list<mlib::mt_update_links>(IPMC_ROUTE_LIST_MT_UPD, route);
     clear_bits(route, MRIB_ROUTE_MT);
-    if (mlib::leave_global_list<mlib::mofrr_update_links>(IPMC_ROUTE_LIST_MOFRR_UPD, route)) {
+    const bool was_queued =
+        mlib::leave_global_list<mlib::mofrr_update_links>(IPMC_ROUTE_LIST_MOFRR_UPD, route);
+    clear_bits(route, MRIB_ROUTE_MOFRR_UPD);
+    if (was_queued) {
         MLIB_DEBUG(IPV4_DEBUG_DEV,
                    "0x%x: route: %lx Removed (%s,%s/%d) a:0x%lx from MoFRR upd list",
                    tid_or(route->table, no_table), reinterpret_cast<unsigned long>(route),
                    ROUTE_ARGS(route), route->attributes);
     }
-    clear_bits(route, MRIB_ROUTE_MOFRR_UPD);
 }
 
 void clear_properties(ipv4mc_route_entry_st *route, const char *text) {
@@ -275,17 +302,8 @@ void tell_list_state(const ipv4mc_route_entry_st *route) {
     MLIB_DEBUG(IPV4_DEBUG_DEV,
                "0x%x [0x%x] - 0x%x, attr 0x%lx, p:%c n:%c d:%c h:%c, rp:%c rn:%c rd:%cr h:%c ep:%c "
                "en:%c",
-               tid_or(route->table, no_table), route->vrf_table_id[IPV4MC_VRF_LOCAL],
-               route->vrf_table_id[IPV4MC_VRF_REMOTE], route->attributes,
-               yes_no(route->memd_prev[IPV4MC_VRF_LOCAL] != nullptr),
-               yes_no(route->memd_next[IPV4MC_VRF_LOCAL] != nullptr),
-               yes_no(route->vrf_table[IPV4MC_VRF_LOCAL] != nullptr),
-               mlib::heads_memd_list(route, IPV4MC_VRF_LOCAL),
-               yes_no(route->memd_prev[IPV4MC_VRF_REMOTE] != nullptr),
-               yes_no(route->memd_next[IPV4MC_VRF_REMOTE] != nullptr),
-               yes_no(route->vrf_table[IPV4MC_VRF_REMOTE] != nullptr),
-               mlib::heads_memd_list(route, IPV4MC_VRF_REMOTE),
-               yes_no(route->prev_encap != nullptr), yes_no(route->next_encap != nullptr));
+               LIST_STATE_ARGS(route), yes_no(route->prev_encap != nullptr),
+               yes_no(route->next_encap != nullptr));
 }
 
 void tell_platform(const route_request &request, ipv4mc_route_entry_st *route) {
@@ -303,7 +321,7 @@ void check_memd(const route_request &request, const ipv4mc_route_entry_st *route
     if (!mlib::has_memd_links(route, IPV4MC_VRF_LOCAL)) {
         return;
     }
-    char text[problem_text_size];
+    char text[mlib::problem_text_size];
     snprintf(text, sizeof(text),
              "Action 0x%x (%s,%s/%d) a:0x%lx in memd of 0x%x (p:%c,n:%c) 0x%x/0x%x!!!",
              request.action, ROUTE_ARGS(route), route->attributes,

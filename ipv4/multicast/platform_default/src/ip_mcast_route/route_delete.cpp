@@ -3,7 +3,7 @@
 //
 // Up to the deletion of the leaf the route is still found: a process that takes over in between
 // deletes it again, and the links that it finds cleared are passed over. From there on to the end
-// the block is lost with the process, and the platform's copy is left to its own resynchronisation.
+// is one change: whoever dies in it leaves the route in the trie, to be deleted again.
 #include <cerrno>
 #include <cstdio>
 
@@ -29,17 +29,9 @@ namespace {
 using mfwd6::journal::group;
 using mfwd6::journal::publish;
 using mfwd6::journal::store;
-using mlib::encap_programming;
 using mlib::has_memd_links;
 using mlib::tid_or;
 using mlib::yes_no;
-
-#define REQUEST_KEY ROUTE_KEY_ARGS(request.source, request.group, request.pfx_len)
-#define REQUEST_ACTION static_cast<int>(request.action), mlib::action_text(request.action)
-
-constexpr uint64_t vrf_linked = MRIB_ROUTE_TID_DEMAND | MRIB_ROUTE_TID_STICKY;
-constexpr uint32_t no_table = 0xDEAD;
-constexpr size_t problem_text_size = 512;
 
 cerrno not_found(const route_request &request) {
     MLIB_DEBUG(IPV4_DEBUG_WRN, "Delete (%s) Failed: (%s,%s/%d) Not Found",
@@ -87,13 +79,9 @@ void unbind_transport(ipv4mc_route_entry_st *route) {
 
 // The flag and the attribute bits that go with these lists stay: the record goes with them.
 void leave_global_lists(ipv4mc_route_entry_st *route) {
-    const uint32_t tid = tid_or(route->table, no_table);
+    const uint32_t tid = tid_or(route->table, mlib::no_table);
     const uint32_t vrf_tid = route->vrf_table_id[IPV4MC_VRF_LOCAL];
-    if (mlib::leave_global_list<mlib::mdt_candidate_links>(IPMC_ROUTE_LIST_MDT_CAND, route)) {
-        if (route->mdt_candidate == 0) {
-            MLIB_ERR("0x%x(%s,%s) : Removing from cand list but boolean false !!", tid,
-                     mlib::source_text(&route->source), mlib::address_text(&route->group));
-        }
+    if (mlib::leave_mdt_candidates(route)) {
         MLIB_DEBUG(IPV4_DEBUG_DEV,
                    "0x%x [0x%x]: Removed (%s,%s/%d) a:0x%lx from mdt candidate list", tid, vrf_tid,
                    ROUTE_ARGS(route), route->attributes);
@@ -113,15 +101,21 @@ void give_back_mdt_handle(const route_request &request, ipv4mc_route_entry_st *r
     if ((route->attributes & MRIB_ROUTE_MH) == 0 || route->mdt_ifh == 0) {
         return;
     }
-    ip6mc_idb_mdt_unlock(local, route->mdt_ifh, IPV4MC_MDT_FLAG_MH);
+    const ifhtype handle = route->mdt_ifh;
+    {
+        // The reference and the record's word of it: a delete that is repeated gives none back.
+        const group change;
+        ip6mc_idb_mdt_unlock(local, handle, IPV4MC_MDT_FLAG_MH);
+        store(route->mdt_ifh, 0U);
+    }
     MLIB_DEBUG(IPV4_DEBUG_DEV, "[0x%x] UnSet MDT handle on route %s,%s/%d MH : r:0x%x, t:0x%x,0x%x",
-               request.table->tid, ROUTE_ARGS(route), route->mdt_ifh, tid_or(local, 0),
+               request.table->tid, ROUTE_ARGS(route), handle, tid_or(local, 0),
                local != nullptr ? local->mdt_handles[IPV4MC_MDT_GRE] : 0);
 }
 
 void leave_memd_lists(const route_request &request, ipv4mc_route_entry_st *route,
                       ipv4mc_table_st *local, ipv4mc_table_st *remote) {
-    if (((request.old_attributes | route->attributes) & vrf_linked) == 0) {
+    if (((request.old_attributes | route->attributes) & mlib::vrf_link_bits) == 0) {
         return;
     }
     if (mlib::leave_memd_list<IPV4MC_VRF_REMOTE>(remote, route)) {
@@ -150,16 +144,7 @@ void leave_core(const route_request &request, ipv4mc_route_entry_st *route) {
 void tell_list_state(const ipv4mc_route_entry_st *route) {
     MLIB_DEBUG(IPV4_DEBUG_DEV,
                "0x%x [0x%x] - 0x%x, attr 0x%lx, p:%c n:%c d:%c h:%c, rp:%c rn:%c rd:%cr h:%c",
-               tid_or(route->table, no_table), route->vrf_table_id[IPV4MC_VRF_LOCAL],
-               route->vrf_table_id[IPV4MC_VRF_REMOTE], route->attributes,
-               yes_no(route->memd_prev[IPV4MC_VRF_LOCAL] != nullptr),
-               yes_no(route->memd_next[IPV4MC_VRF_LOCAL] != nullptr),
-               yes_no(route->vrf_table[IPV4MC_VRF_LOCAL] != nullptr),
-               mlib::heads_memd_list(route, IPV4MC_VRF_LOCAL),
-               yes_no(route->memd_prev[IPV4MC_VRF_REMOTE] != nullptr),
-               yes_no(route->memd_next[IPV4MC_VRF_REMOTE] != nullptr),
-               yes_no(route->vrf_table[IPV4MC_VRF_REMOTE] != nullptr),
-               mlib::heads_memd_list(route, IPV4MC_VRF_REMOTE));
+               LIST_STATE_ARGS(route));
 }
 
 void drop_mdt_references(ipv4mc_table_st *table, uint64_t attributes, ifhtype ifh) {
@@ -177,9 +162,9 @@ void drop_mdt_references(ipv4mc_table_st *table, uint64_t attributes, ifhtype if
     }
 }
 
-// Ends one interface; `*next` is the one behind it. A failure leaves this one and those behind it.
-cerrno remove_intf(const route_request &request, ipv4mc_route_entry_st *route,
-                   ipv4mc_intf_entry_st *entry, ipv4mc_intf_entry_st **next) {
+// Ends one interface; `*next` is the one behind it. A failure leaves this one.
+cerrno end_intf(const route_request &request, ipv4mc_route_entry_st *route,
+                ipv4mc_intf_entry_st *entry, ipv4mc_intf_entry_st **next) {
     const uint64_t attributes = entry->attributes;
     const ifhtype ifh = entry->ifh;
     drop_mdt_references(request.table, attributes, ifh);
@@ -206,9 +191,25 @@ cerrno remove_intf(const route_request &request, ipv4mc_route_entry_st *route,
         return rc;
     }
     if ((attributes & MRIB_INTF_EG) != 0) {
-        mlib::drop_local_egress(request.table, route, encap_programming::commit);
+        mlib::lower_local_egress(request.table, route);
     }
     return 0;
+}
+
+// The interface goes in one change with all that it counted for. What others hear of it comes
+// behind: the core routes of a table are too many for one change.
+cerrno remove_intf(const route_request &request, ipv4mc_route_entry_st *route,
+                   ipv4mc_intf_entry_st *entry, ipv4mc_intf_entry_st **next) {
+    const bool was_local_egress = (entry->attributes & MRIB_INTF_EG) != 0;
+    cerrno rc = 0;
+    {
+        const group change;
+        rc = end_intf(request, route, entry, next);
+    }
+    if (rc == 0 && was_local_egress) {
+        mlib::follow_local_egress(request.table, route, mlib::end_of_route::deleted);
+    }
+    return rc;
 }
 
 cerrno remove_intfs(const route_request &request, ipv4mc_route_entry_st *route) {
@@ -229,7 +230,7 @@ void check_memd(const route_request &request, ipv4mc_route_entry_st *route) {
     }
     ipv4mc_table_st *local = route->vrf_table[IPV4MC_VRF_LOCAL];
     ipv4mc_table_st *remote = route->vrf_table[IPV4MC_VRF_REMOTE];
-    char text[problem_text_size];
+    char text[mlib::problem_text_size];
     snprintf(text, sizeof(text),
              "Action 0x%x (%s,%s/%d) a:0x%lx in memd of [local: 0x%x (p:%c,n:%c)] [remote: 0x%x "
              "(p:%c,n:%c)] 0x%x/0x%x!!!",
@@ -328,7 +329,12 @@ cerrno take_apart(const route_request &request, ipv4mc_route_entry_st *route) {
     return 0;
 }
 
-void end(const route_request &request, ipv4mc_route_entry_st *route) {
+cerrno end(const route_request &request, ipv4mc_route_entry_st *route) {
+    const group change;
+    const cerrno rc = hide(request, route);
+    if (rc != 0) {
+        return rc;
+    }
     tell_platform(request, route);
     leave_extranet(request, route);
     free_rate(request, route);
@@ -336,6 +342,7 @@ void end(const route_request &request, ipv4mc_route_entry_st *route) {
     ipmc_platform_err_handler_clear_route_err(route);
     mfwd_route_event_history_destroy(route->event_history);
     free_leaf(request, route);
+    return 0;
 }
 
 }  // namespace
@@ -364,11 +371,5 @@ cerrno ipv4mc_route_delete(const route_request &request) {
     if (rc == 0) {
         rc = take_apart(request, route);
     }
-    if (rc == 0) {
-        rc = hide(request, route);
-    }
-    if (rc == 0) {
-        end(request, route);
-    }
-    return rc;
+    return rc == 0 ? end(request, route) : rc;
 }

@@ -174,19 +174,20 @@ void ip6mc_route_unlink_route_from_vrf(ipv4mc_route_entry_st *route, uint32_t in
     clear_bit(route, index == IPV4MC_VRF_LOCAL ? MRIB_ROUTE_DT : MRIB_ROUTE_DT_REMOTE);
 }
 
-void ip6mc_tbl_update_memd_routes(ipv4mc_table_st *table, int set) {
+cerrno ip6mc_tbl_update_memd_routes(ipv4mc_table_st *table, int set) {
     if (table->tid == ipv4mc_desc->default_tid) {
-        return;
+        return 0;
     }
     const bool in_use = table->route_counters.local_eg_cnt != 0 || table->route_counters.t_cnt != 0;
     if (set == 0 && in_use) {
-        return;
+        return 0;
     }
     ipv4mc_route_entry_st *next = nullptr;
     for (ipv4mc_route_entry_st *route = table->memd_route_list; route != nullptr; route = next) {
         next = route->memd_next[IPV4MC_VRF_LOCAL];
         ipmc_route_update_DT_flag(table, route, set, 1);
     }
+    return 0;
 }
 
 cerrno ipmc_route_update_DT_flag(ipv4mc_table_st *table, ipv4mc_route_entry_st *route, int set,

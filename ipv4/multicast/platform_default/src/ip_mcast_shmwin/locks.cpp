@@ -15,6 +15,7 @@
 #include "services/events/ptimer.h"
 #include "services/locks/pak_client.h"
 #include "services/locks/rrw_lock.h"
+#include "services/window/inspect.h"
 #include "services/window/window.h"
 
 namespace {
@@ -64,6 +65,21 @@ ipv4mc_shmwin_hdr_st *books() {
     return ipv4mc_desc->shmwin_init != 0 ? ipv4mc_desc->shmwin_info : nullptr;
 }
 
+// A holder that died never counted down. Called with the lock, when its count is not what the first
+// hold finds; `behind` is how many deaths the count has left behind it already.
+void forget_dead_holder(uint32_t &count, uint32_t &behind, uint32_t deaths) {
+    if (peek(behind) != deaths) {
+        set(behind, deaths);
+        set(count, 0U);
+    }
+}
+
+uint32_t window_mutex_deaths() {
+    uint32_t deaths = 0;
+    shmwin_get_mutex_deaths(ipv4mc_desc->shmwin_id, &deaths);
+    return deaths;
+}
+
 bool is_open() {
     if (books() != nullptr) {
         return true;
@@ -94,6 +110,10 @@ cerrno ip6mc_shmwin_mutex_lock(const char *fn, int line) {
         return rc;
     }
     if (keeps_books()) {
+        if (peek(hdr->shmwin_lock_count) != 0) {
+            forget_dead_holder(hdr->shmwin_lock_count, hdr->shmwin_lock_deaths,
+                               window_mutex_deaths());
+        }
         note_name(hdr->shmwin_lock_fn, fn);
         set(hdr->shmwin_lock_line, line);
         set(hdr->shmwin_lock_count, peek(hdr->shmwin_lock_count) + 1);
@@ -164,6 +184,9 @@ void ipv6_mlib_pak_client_mutex_lock(const char *fname, int line) {
     MLIB_ASSERT(fname != nullptr, "fname != ((void*)0)");
     if (hdr == nullptr) {
         return;
+    }
+    if (rc == 0 && peek(hdr->pak_lock_count) != 0) {
+        forget_dead_holder(hdr->pak_lock_count, hdr->pak_lock_deaths, pak_client_mutex_deaths());
     }
     set(hdr->pak_lock_total, peek(hdr->pak_lock_total) + 1);
     set(hdr->pak_lock_count, peek(hdr->pak_lock_count) + 1);

@@ -19,8 +19,10 @@
 #include "services/diag/text.h"
 #include "services/gtrie/gtrie.h"
 #include "services/journal/journal.h"
+#include "services/locks/pak_client.h"
 #include "services/trees/avl.h"
 #include "services/trees/wavl.h"
+#include "services/window/inspect.h"
 #include "services/window/setup.h"
 
 namespace {
@@ -162,6 +164,8 @@ void forget_lock_holders() {
     hdr->shmwin_lock_fn[0] = '\0';
     hdr->shmwin_lock_line = 0;
     hdr->shmwin_lock_count = 0;
+    hdr->pak_lock_deaths = pak_client_mutex_deaths();
+    shmwin_get_mutex_deaths(ipv4mc_desc->shmwin_id, &hdr->shmwin_lock_deaths);
 }
 
 cerrno open_again(int attach_only, int keep_buffer_pool) {

@@ -104,6 +104,7 @@ cerrno ipmc_unlink_route_from_encap(ipv4mc_route_entry_st *route, ipv4mc_encap_e
                  static_cast<void *>(route), static_cast<void *>(encap));
         return EINVAL;
     }
+    const group change;
     leave_encap(route, encap);
     // Also when the count was 0 before and this route brought nothing: neither the earlier count
     // nor the present flag is looked at.

@@ -16,8 +16,6 @@ namespace {
 
 using mfwd6::journal::publish;
 
-#define TABLE table->tid, table->vrf_name
-
 ipv4mc_route_entry_st *first_under(ipv4mc_table_st *table, const ipv4mc_route_entry_st *route,
                                    cerrno *error) {
     void *trie = table->ingress_gtrie;
@@ -36,8 +34,8 @@ cerrno take_next(ipv4mc_table_st *table, ipv4mc_route_entry_st *leaf,
     *next = static_cast<ipv4mc_route_entry_st *>(
         ip6mc_gtrie_platform_next_leaf(table->ingress_gtrie, leaf, &error));
     if (error != 0) {
-        MLIB_ERR("Cannot find successor for (%s,%s/%d) in 0x%x(%s): %s", ROUTE_ARGS(leaf), TABLE,
-                 cerr_strerror(error));
+        MLIB_ERR("Cannot find successor for (%s,%s/%d) in 0x%x(%s): %s", ROUTE_ARGS(leaf),
+                 TABLE_ARGS(table), cerr_strerror(error));
         *next = nullptr;
         return EFAULT;
     }
@@ -70,7 +68,8 @@ cerrno turn_to(ipv4mc_table_st *table, ipv4mc_route_entry_st *route, ipv4mc_rout
         MLIB_ERR(
             "Error while changing IF parent for 0x%x(%s):(%s,%s/%d) passed IF_parent is "
             "(%s,%s/%d): %d %s",
-            TABLE, ROUTE_ARGS(leaf), ROUTE_ARGS(route), static_cast<int>(rc), cerr_strerror(rc));
+            TABLE_ARGS(table), ROUTE_ARGS(leaf), ROUTE_ARGS(route), static_cast<int>(rc),
+            cerr_strerror(rc));
         return EFAULT;
     }
     return 0;
@@ -85,7 +84,7 @@ cerrno turn_away(ipv4mc_table_st *table, ipv4mc_route_entry_st *route,
         MLIB_ERR(
             "0x%x(%s): Cannot get parent of (%s,%s/%d) %s IF flag passed IF_parent is (%s,%s/%d) "
             "Error %d %s",
-            TABLE, ROUTE_ARGS(leaf), "clear", ROUTE_ARGS(route), static_cast<int>(rc),
+            TABLE_ARGS(table), ROUTE_ARGS(leaf), "clear", ROUTE_ARGS(route), static_cast<int>(rc),
             cerr_strerror(rc));
         return EFAULT;
     }
@@ -94,7 +93,8 @@ cerrno turn_away(ipv4mc_table_st *table, ipv4mc_route_entry_st *route,
         MLIB_ERR(
             "Error while deleting IF parentfor (%s,%s/%d) table 0x%x(%s) passed IF_parent is "
             "(%s,%s/%d): %d %s",
-            ROUTE_ARGS(leaf), TABLE, ROUTE_ARGS(route), static_cast<int>(rc), cerr_strerror(rc));
+            ROUTE_ARGS(leaf), TABLE_ARGS(table), ROUTE_ARGS(route), static_cast<int>(rc),
+            cerr_strerror(rc));
         return EFAULT;
     }
     return 0;
@@ -110,9 +110,9 @@ cerrno process_leaf(ipv4mc_table_st *table, ipv4mc_route_entry_st *route,
     ipv4mc_route_entry_st *parent = nullptr;
     const cerrno rc = ip6mc_get_parent_IF_route(table, leaf, &parent, set == 0 ? 1 : 0);
     if (rc != 0) {
-        MLIB_ERR("0x%x(%s): Cannot get parent of (%s,%s/%d) %s IF flagError %d %s", TABLE,
-                 ROUTE_ARGS(leaf), set != 0 ? "set" : "clear", static_cast<int>(rc),
-                 cerr_strerror(rc));
+        MLIB_ERR("0x%x(%s): Cannot get parent of (%s,%s/%d) %s IF flagError %d %s",
+                 TABLE_ARGS(table), ROUTE_ARGS(leaf), set != 0 ? "set" : "clear",
+                 static_cast<int>(rc), cerr_strerror(rc));
         result = EFAULT;  // and on, with what was found
     }
     if (parent != route) {
@@ -134,6 +134,20 @@ bool covers(const ipv4mc_route_entry_st *route, const ipv4mc_route_entry_st *lea
            inet6_compare_masked(&route->group, &leaf->group, route->pfx_len) == 0;
 }
 
+// Where a leaf inherits from once `gone` is no more.
+ipv4mc_route_entry_st *parent_without(ipv4mc_table_st *table, ipv4mc_route_entry_st *leaf,
+                                      const ipv4mc_route_entry_st *gone) {
+    cerrno error = 0;
+    while (leaf != nullptr && leaf->table == table) {
+        if (leaf != gone && (leaf->attributes & MRIB_ROUTE_IF) != 0) {
+            return leaf;
+        }
+        leaf = static_cast<ipv4mc_route_entry_st *>(
+            ip6mc_gtrie_platform_less_specific_of_leaf(table->ingress_gtrie, leaf, &error));
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 // Runs through all following leaves of the table, also behind the end of the route's prefix.
@@ -142,7 +156,7 @@ extern "C" cerrno ipv4mc_process_setclear_IF_flag(ipv4mc_table_st *table,
     cerrno error = 0;
     ipv4mc_route_entry_st *first = first_under(table, route, &error);
     if (first == nullptr || error != 0) {
-        MLIB_ERR("Cannot find first route for 0x%x(%s) Gtrie error %s", TABLE,
+        MLIB_ERR("Cannot find first route for 0x%x(%s) Gtrie error %s", TABLE_ARGS(table),
                  cerr_strerror(error));
         return EFAULT;
     }
@@ -166,7 +180,7 @@ extern "C" cerrno ipv4mc_process_setclear_IF_flag(ipv4mc_table_st *table,
 
 // A parent that goes while it still has IF, or lost it in a process that died before it turned its
 // children away, leaves children that name it. They must not keep its address: whoever follows it
-// later, a reader or a commit, would read freed memory.
+// later, a reader or a commit, would read freed memory. They inherit from the next one above.
 void ipmc_forget_IF_parent(ipv4mc_table_st *table, ipv4mc_route_entry_st *route) {
     cerrno error = 0;
     void *trie = table->ingress_gtrie;
@@ -174,7 +188,7 @@ void ipmc_forget_IF_parent(ipv4mc_table_st *table, ipv4mc_route_entry_st *route)
         static_cast<ipv4mc_route_entry_st *>(ip6mc_gtrie_platform_next_leaf(trie, route, &error));
     while (leaf != nullptr && leaf->table == table && covers(route, leaf)) {
         if (leaf->IF_parent == route) {
-            publish(leaf->IF_parent, nullptr);
+            publish(leaf->IF_parent, parent_without(table, leaf, route));
         }
         leaf = static_cast<ipv4mc_route_entry_st *>(
             ip6mc_gtrie_platform_next_leaf(trie, leaf, &error));

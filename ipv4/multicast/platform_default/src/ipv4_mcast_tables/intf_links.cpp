@@ -275,6 +275,10 @@ cerrno ipv4mc_clear_intf(ipv4mc_intf_entry_st **entry_p) {
     }
     const group change;
     drop_bvi_tie(entry);
+    if (entry->route != nullptr) {
+        // Whoever walks the outputs of the route must not meet a freed entry.
+        ip6mc_route_encap_ole_unlink(entry);
+    }
     store(entry->prev_intf, nobody);
     store(entry->next_intf, nobody);
     store(entry->route, static_cast<ipv4mc_route_entry_st *>(nullptr));

@@ -131,13 +131,6 @@ cerrno name_to_platform(const intf_request &request) {
     return ipmc_platform_err_handler_sync_intf(entry, request.route, rc);
 }
 
-const char *vrf_text(const ipv4mc_table_st *table) {
-    if (table != nullptr && table->table_type == IPV4MC_TABLE_TID) {
-        table = table->vtable;
-    }
-    return table != nullptr ? table->vrf_name : "-";
-}
-
 cerrno create_new(const intf_request &request) {
     ipv4mc_intf_entry_st *entry = ipv4mc_create_intf(
         request.ifh, request.intf_type, request.intf_arg, request.amt_addr, request.amt_port);
@@ -154,7 +147,7 @@ cerrno create_new(const intf_request &request) {
         return rc;
     }
     MLIB_DEBUG_OBJECT_ID(entry->obj_id, "Allocating for intf 0x%x (%s,%s/%d, v:%s)", request.ifh,
-                         ROUTE_ARGS(request.route), vrf_text(request.table));
+                         ROUTE_ARGS(request.route), mlib::vrf_text(request.table));
     rc = name_to_platform(request);
     if (rc != 0) {
         ipv4mc_clear_intf(&entry);

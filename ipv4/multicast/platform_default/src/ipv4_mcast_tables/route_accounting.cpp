@@ -15,8 +15,6 @@ namespace {
 using mfwd6::journal::group;
 using mfwd6::journal::publish;
 
-#define REQUEST_KEY ROUTE_KEY_ARGS(request.source, request.group, request.pfx_len)
-
 // Why an action has nothing to do, or null.
 const char *reason_to_skip(ipv4mc_action_type action, const ipv4mc_route_entry_st *route) {
     const bool candidate = route->mdt_candidate != 0;

@@ -16,9 +16,6 @@ namespace {
 
 using mfwd6::journal::store;
 
-#define REQUEST_KEY ROUTE_KEY_ARGS(request.source, request.group, request.pfx_len)
-#define REQUEST_ACTION static_cast<int>(request.action), mlib::action_text(request.action)
-
 constexpr uint64_t attribute_ia = MRIB_ROUTE_IA;
 constexpr uint64_t attribute_if = MRIB_ROUTE_IF;
 
@@ -54,40 +51,35 @@ cerrno with_fault_point(cerrno rc) {
     return fim_armed(mlib_fim_hdl, MLIB_FAULT_ROUTE_COMMIT) ? EAGAIN : rc;
 }
 
-// Tells the platform of a new route. 0 also when the failure was taken over by the error handler.
-cerrno program_new(const route_request &request) {
-    ipv4mc_route_entry_st *route = *request.route_entry;
-    if (ipmc_platform_can_program_route(route, *request.is_new) == 0) {
-        MLIB_DEBUG(IPV4_DEBUG_ROUTE, "%s:%d - Skip HW prog Route (%s,%s/%d)", __func__, __LINE__,
-                   REQUEST_KEY);
-        return 0;
-    }
-    const cerrno rc = with_fault_point(ip6mc_platform_route_operation_wrapper(
+// A new route is told without the words of a change that it never had.
+cerrno tell_platform(const route_request &request) {
+    const bool is_new = *request.is_new != 0;
+    return with_fault_point(ip6mc_platform_route_operation_wrapper(
         IPV4MC_ACTION_COMMIT, request.table, request.source, request.group, request.pfx_len,
-        request.route_entry, 0, 0, *request.is_new));
-    if (rc == 0) {
-        return 0;
-    }
-    MLIB_ERR("Platform specific route operation failed (%s,%s/%d) action %d %s Error %d %s ",
-             REQUEST_KEY, REQUEST_ACTION, static_cast<int>(rc), cerr_strerror(rc));
-    return ipmc_platform_err_handler_sync_route(route, rc);
+        request.route_entry, is_new ? 0 : request.old_attributes, is_new ? 0 : request.mofrr_attrib,
+        *request.is_new));
 }
 
-cerrno program_existing(const route_request &request) {
+// 0 also when the error handler took the platform's failure over.
+cerrno program(const route_request &request) {
     ipv4mc_route_entry_st *route = *request.route_entry;
     if (ipmc_platform_can_program_route(route, *request.is_new) == 0) {
         MLIB_DEBUG(IPV4_DEBUG_ROUTE, "%s:%d - Skip HW prog Route (%s,%s/%d)", __func__, __LINE__,
                    REQUEST_KEY);
         return 0;
     }
-    const cerrno rc = with_fault_point(ip6mc_platform_route_operation_wrapper(
-        IPV4MC_ACTION_COMMIT, request.table, request.source, request.group, request.pfx_len,
-        request.route_entry, request.old_attributes, request.mofrr_attrib, *request.is_new));
+    const cerrno rc = tell_platform(request);
     if (rc == 0) {
         return 0;
     }
-    MLIB_ERR("Platform specific route operation failed (%s,%s/%d) action %d %s Error %d %s",
-             REQUEST_KEY, REQUEST_ACTION, static_cast<int>(rc), cerr_strerror(rc));
+    // The two differ in their last character.
+    if (*request.is_new != 0) {
+        MLIB_ERR("Platform specific route operation failed (%s,%s/%d) action %d %s Error %d %s ",
+                 REQUEST_KEY, REQUEST_ACTION, static_cast<int>(rc), cerr_strerror(rc));
+    } else {
+        MLIB_ERR("Platform specific route operation failed (%s,%s/%d) action %d %s Error %d %s",
+                 REQUEST_KEY, REQUEST_ACTION, static_cast<int>(rc), cerr_strerror(rc));
+    }
     return ipmc_platform_err_handler_sync_route(route, rc);
 }
 
@@ -148,44 +140,46 @@ cerrno follow_ia(const route_request &request) {
     return find_parent(request);
 }
 
-cerrno commit_new(const route_request &request) {
-    cerrno rc = ((*request.route_entry)->attributes & attribute_ia) != 0 ? find_parent(request) : 0;
-    if (rc == 0) {
-        rc = program_new(request);
+// What comes ahead of the platform: whom the route inherits from, and who no longer from it.
+cerrno follow_flags(const route_request &request, bool is_new) {
+    if (is_new) {
+        const bool inherits = ((*request.route_entry)->attributes & attribute_ia) != 0;
+        return inherits ? find_parent(request) : 0;
     }
+    const cerrno rc = turn_children_away(request);
+    return rc != 0 ? rc : follow_ia(request);
+}
+
+void tell_committed(const route_request &request, bool is_new) {
+    MLIB_TRACE_TEXT(IPV4_DEBUG_ROUTE, "%s route (%s,%s/%d)", is_new ? "New" : "Existing",
+                    REQUEST_KEY);
+    if (is_new) {
+        MLIB_DEBUG(IPV4_DEBUG_ROUTE_COMMIT, "Committed new route (%s,%s/%d)", REQUEST_KEY);
+    } else {
+        MLIB_DEBUG(IPV4_DEBUG_ROUTE_COMMIT, "Committed Existing route (%s,%s/%d)", REQUEST_KEY);
+    }
+}
+
+}  // namespace
+
+cerrno ipv4mc_route_commit(const route_request &request) {
+    const bool is_new = *request.is_new != 0;
+    cerrno rc = follow_flags(request, is_new);
     if (rc == 0) {
+        rc = program(request);
+    }
+    if (rc != 0 && is_new) {
+        // Nobody tells a detached leaf that its parent goes.
+        store((*request.route_entry)->IF_parent, nullptr);
+    }
+    if (rc == 0 && is_new) {
         rc = publish(request);
     }
     if (rc == 0) {
         rc = turn_children_to(request);
     }
     if (rc == 0) {
-        MLIB_TRACE_TEXT(IPV4_DEBUG_ROUTE, "New route (%s,%s/%d)", REQUEST_KEY);
-        MLIB_DEBUG(IPV4_DEBUG_ROUTE_COMMIT, "Committed new route (%s,%s/%d)", REQUEST_KEY);
+        tell_committed(request, is_new);
     }
     return rc;
-}
-
-cerrno commit_existing(const route_request &request) {
-    cerrno rc = turn_children_away(request);
-    if (rc == 0) {
-        rc = follow_ia(request);
-    }
-    if (rc == 0) {
-        rc = program_existing(request);
-    }
-    if (rc == 0) {
-        rc = turn_children_to(request);
-    }
-    if (rc == 0) {
-        MLIB_TRACE_TEXT(IPV4_DEBUG_ROUTE, "Existing route (%s,%s/%d)", REQUEST_KEY);
-        MLIB_DEBUG(IPV4_DEBUG_ROUTE_COMMIT, "Committed Existing route (%s,%s/%d)", REQUEST_KEY);
-    }
-    return rc;
-}
-
-}  // namespace
-
-cerrno ipv4mc_route_commit(const route_request &request) {
-    return *request.is_new != 0 ? commit_new(request) : commit_existing(request);
 }

@@ -76,7 +76,7 @@ extern "C" cerrno ip6mc_lookup(ipv4mc_table_st *table, const ip_maddr_st *source
     }
     *intf_out = entry;
     MLIB_DEBUG(IPV4_DEBUG_ROUTE, "Found (%s,%s) int %s matched (%s,%s/%d) int %s", KEY,
-               mlib::intf_name(ifh), ROUTE_ARGS(accepting),
+               mlib::intf_name(ifh), ROUTE_ARGS(route),
                entry != nullptr ? mlib::intf_name(entry->ifh) : "NULL");
     return 0;
 }

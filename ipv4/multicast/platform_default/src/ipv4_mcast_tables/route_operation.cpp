@@ -20,8 +20,6 @@ namespace {
 using mfwd6::journal::group;
 using mfwd6::journal::store;
 
-#define REQUEST_KEY ROUTE_KEY_ARGS(request.source, request.group, request.pfx_len)
-
 // The trie looks at no more of a key.
 constexpr size_t key_bytes = (GTRIE_TABLE_KEY_BITS + 7) / 8;
 
@@ -166,6 +164,23 @@ cerrno check_route_given(const route_request &request) {
     return EINVAL;
 }
 
+// The flag of the CREATE, which the actions that follow it carry on.
+cerrno check_is_new(const route_request &request) {
+    switch (request.action) {
+        case IPV4MC_ACTION_CREATE:
+        case IPV4MC_ACTION_DELETE:
+        case IPV4MC_ACTION_CLEAR:
+        case IPV4MC_ACTION_COMMIT:
+            if (request.is_new == nullptr) {
+                MLIB_ERR("Action is %s but is_new is NULL", mlib::action_text(request.action));
+                return EINVAL;
+            }
+            return 0;
+        default:
+            return 0;
+    }
+}
+
 cerrno check_arguments(const route_request &request) {
     switch (request.action) {
         case IPV4MC_ACTION_CLEAR:
@@ -254,6 +269,7 @@ cerrno ipv4mc_route_operation_helper(ipv4mc_action_type action, ipv4mc_table_st 
                                 mofrr_attrib,
                                 is_new};
     cerrno rc = check_arguments(request);
+    rc = rc == 0 ? check_is_new(request) : rc;
     if (rc != 0) {
         return rc;
     }
@@ -321,7 +337,7 @@ void ip6mc_route_oper_create_fail_cleanup(ipv4mc_table_st *table,
 }  // extern "C"
 
 const char *mlib::vrf_text(const ipv4mc_table_st *table) {
-    if (table->table_type == IPV4MC_TABLE_TID) {
+    if (table != nullptr && table->table_type == IPV4MC_TABLE_TID) {
         table = table->vtable;
     }
     return table != nullptr ? table->vrf_name : "-";

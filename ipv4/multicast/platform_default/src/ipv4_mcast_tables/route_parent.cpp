@@ -27,7 +27,7 @@ extern "C" cerrno ip6mc_get_parent_IF_route(ipv4mc_table_st *table, ipv4mc_route
     }
     *parent_route = nullptr;
     if ((route->attributes & MRIB_ROUTE_IA) == 0) {
-        MLIB_ERR("0x%x(%s): (%s,%s/%d) does NOT have IA flag", table->tid, table->vrf_name,
+        MLIB_ERR("0x%x(%s): (%s,%s/%d) does NOT have IA flag", TABLE_ARGS(table),
                  ROUTE_ARGS(route));
     }
     const ipv4mc_route_entry_st *old_parent = route->IF_parent;
@@ -47,8 +47,7 @@ extern "C" cerrno ip6mc_get_parent_IF_route(ipv4mc_table_st *table, ipv4mc_route
                 "0x%x(%s): Gtrie problems while getting less specific of (%s,%s/%d) original route "
                 "is "
                 "(%s,%s/%d): %s",
-                table->tid, table->vrf_name, ROUTE_ARGS(leaf), ROUTE_ARGS(route),
-                cerr_strerror(error));
+                TABLE_ARGS(table), ROUTE_ARGS(leaf), ROUTE_ARGS(route), cerr_strerror(error));
             return EFAULT;
         }
         if (above == nullptr || above->table != table) {

@@ -48,6 +48,7 @@ cerrno ipmc_link_route_to_encap(ipv4mc_route_entry_st *route, ipv4mc_encap_entry
     }
     // The low half only: the sum of routes counts as none when it is a multiple of 65536.
     const bool had_none = static_cast<uint16_t>(encap->intf_local_EG_cnt) == 0;
+    const group change;
     join_encap(route, encap);
     if (had_none && encap->intf_local_EG_cnt != 0 &&
         (encap->ip_lkp_ctl & IPV4MC_ENCAP_LKP_ON_FIRST) != 0) {

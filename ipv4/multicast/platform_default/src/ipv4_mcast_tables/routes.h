@@ -27,7 +27,8 @@ cerrno ipv4mc_route_rate(const route_request &request);
 cerrno ipv4mc_route_delete(const route_request &request);
 cerrno ipv4mc_route_clear_action(const route_request &request);
 
-// For a route that is about to go: no other route names it as its parent any more. Nobody is told.
+// For a route that is about to go: routes below that name it as their parent turn to the next one
+// above, if there is one. Nobody is told.
 void ipmc_forget_IF_parent(ipv4mc_table_st *table, ipv4mc_route_entry_st *route);
 
 namespace mlib {
@@ -44,7 +45,7 @@ cerrno stop_for_corruption();
 // The name of an interface for messages; valid until the thread's next few.
 const char *intf_name(ifhtype ifh);
 
-// Name of the VRF of a table for messages, "-" when it has none.
+// Name of the VRF of a table for messages, "-" when it has none or is null.
 const char *vrf_text(const ipv4mc_table_st *table);
 
 // The route with exactly this key, or null; the trie's code in `*error`.
@@ -61,9 +62,16 @@ const char *action_text(ipv4mc_action_type action);
 
 }  // namespace mlib
 
+// 0x%x(%s) of a table in every message: the table-id side itself has no name.
+#define TABLE_ARGS(table) (table)->tid, mlib::vrf_text(table)
+
 // (%s,%s/%d) of a route in every message.
 #define ROUTE_KEY_ARGS(route_source, route_group, length) \
     mlib::source_text(route_source), mlib::address_text(route_group), static_cast<int>(length)
 #define ROUTE_ARGS(route) ROUTE_KEY_ARGS(&(route)->source, &(route)->group, (route)->pfx_len)
+
+// The key and the action of the route_request `request`.
+#define REQUEST_KEY ROUTE_KEY_ARGS(request.source, request.group, request.pfx_len)
+#define REQUEST_ACTION static_cast<int>(request.action), mlib::action_text(request.action)
 
 #endif

@@ -10,8 +10,8 @@
 #include "ipv4/multicast/lib/ip6mc_platform_wrappers.h"
 #include "ipv4/multicast/lib/ip6mc_route.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
-#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/lock_books.h"
 #include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/lock_guards.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/packet_mutex_report.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/tables.h"
 #include "ipv4/multicast/platform_default/src/setup.h"
 #include "services/diag/messages.h"
@@ -319,17 +319,6 @@ cerrno operate_on_missing(table_request &request) {
     return finish_both(request, vrf_is_new);
 }
 
-void report_packet_mutex_held() {
-    const auto count = static_cast<int32_t>(ipv6_mlib_pak_client_mutex_get_count());
-    const ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
-    if (count > 1) {
-        TABLE_ERR("[%d] Multiple lock count %d (%s/%d)", __LINE__, count,
-                  mlib::lock_fn(hdr->pak_lock_fn).text, mlib::lock_book(hdr->pak_lock_line));
-    } else if (count < 0) {
-        TABLE_ERR("[%d] Negative lock count: %d", __LINE__, count);
-    }
-}
-
 // A list of one route has no neighbours: there the route's own pointer tells.
 bool is_linked_by(const ipv4mc_route_entry_st *route, const ipv4mc_table_st *table,
                   uint32_t link_index) {
@@ -355,11 +344,14 @@ bool remove_routes(table_request &request) {
         TABLE_DEBUG(IPV4_DEBUG_EV, "No link to TID table. No routes to clear");
         return false;
     }
-    report_packet_mutex_held();
+    mlib::report_packet_mutex_depth(operation, __LINE__);
     uint32_t stopped = 0;
     const cerrno rc =
         ip6mc_route_delete_all(request.tid_table, request.arg, 2,
                                request.action == IPV4MC_ACTION_CLEAR_ROUTES ? 1 : 0, &stopped);
+    if (request.action == IPV4MC_ACTION_DELETE) {
+        ipmc_table_remove_rest(request.tid_table);
+    }
     drop_core_routes(request);
     if (rc != 0) {
         TABLE_ERR("Cannot delete all routes & signals from Table t:0x%x : %s", request.tid,

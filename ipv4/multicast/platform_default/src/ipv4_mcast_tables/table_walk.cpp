@@ -96,10 +96,9 @@ void delete_vrf_tables(uint32_t arg) {
 
 cerrno delete_tid_tables(uint32_t arg) {
     MLIB_DEBUG(IPV4_DEBUG_EV, "Tbl delete all: Walk TID list");
-    ipv4mc_table_st *next = nullptr;
-    for (ipv4mc_table_st *table = ip6mc_table_tid_get_first(); table != nullptr; table = next) {
+    ipv4mc_table_st *table = ip6mc_table_tid_get_first();
+    while (table != nullptr) {
         const uint32_t tid = table->tid;
-        next = ip6mc_table_tid_get_next(tid);
         ipv4mc_table_st *scratch = table;
         const cerrno rc =
             ip6mc_table_operation(IPV4MC_ACTION_DELETE, tid, 0, nullptr, &scratch, arg);
@@ -108,6 +107,8 @@ cerrno delete_tid_tables(uint32_t arg) {
             return rc;
         }
         MLIB_DEBUG(IPV4_DEBUG_EV, "Deleted table TID 0x%x", tid);
+        // Found by the id: a deletion may take other tables along.
+        table = ip6mc_table_tid_get_next(tid);
     }
     return 0;
 }

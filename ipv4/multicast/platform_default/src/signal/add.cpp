@@ -15,55 +15,59 @@ struct add_outputs {
 };
 
 cerrno refuse(const posting &signal, const add_outputs &to) {
-    cerrno rc = mlib::signal::check_ready(signal.operation);
-    rc = rc != 0
-             ? rc
-             : mlib::signal::check_key(signal.operation, signal.table, signal.source, signal.group);
+    const cerrno rc = mlib::signal::begin(signal);
     if (rc != 0) {
         return rc;
     }
-    SIGNAL_DEBUG(signal.operation, IPV4_DEBUG_EV, "Processing signal 0x%x(%s): (%s,%s/%d) intf=%s",
-                 SIGNAL_TABLE_ARGS(signal.table), POSTING_KEY(signal),
-                 mlib::intf_name(signal.ifhandle));
     if (to.route_pp == nullptr) {
         SIGNAL_ERR(signal.operation, "Null Signal route for 0x%x(%s):(%s,%s/%d) intf %s",
-                   SIGNAL_TABLE_ARGS(signal.table), POSTING_KEY(signal),
-                   mlib::intf_name(signal.ifhandle));
+                   POSTING_TABLE(signal), POSTING_KEY(signal), mlib::intf_name(signal.ifhandle));
         return EINVAL;
     }
     return mlib::signal::check_source(signal);
 }
 
+void tell_that_it_exists(const posting &signal, const add_outputs &to) {
+    if (to.exists_p != nullptr) {
+        *to.exists_p = 1;
+    }
+    SIGNAL_DEBUG(signal.operation, IPV4_DEBUG_SIG,
+                 "0x%x(%s): Signal on %s (%s,%s/%d) already exists route %p", POSTING_TABLE(signal),
+                 mlib::intf_name(signal.ifhandle), POSTING_KEY(signal),
+                 static_cast<void *>(signal.route));
+}
+
 cerrno add(posting &signal, const add_outputs &to) {
     *to.route_pp = nullptr;
-    cerrno rc = mlib::signal::find_route(signal);
+    cerrno rc = mlib::signal::find(signal);
     if (rc != 0) {
         return rc;
     }
-    if (signal.route != nullptr) {
-        if (to.is_new_p != nullptr) {
-            *to.is_new_p = 0;
-        }
-        if (mlib::signal::find_intf(signal) != nullptr) {
-            if (to.exists_p != nullptr) {
-                *to.exists_p = 1;
-            }
-            SIGNAL_DEBUG(signal.operation, IPV4_DEBUG_SIG,
-                         "0x%x(%s): Signal on %s (%s,%s/%d) already exists route %p",
-                         SIGNAL_TABLE_ARGS(signal.table), mlib::intf_name(signal.ifhandle),
-                         POSTING_KEY(signal), static_cast<void *>(signal.route));
-            return 0;
-        }
+    if (signal.route != nullptr && to.is_new_p != nullptr) {
+        *to.is_new_p = 0;
     }
-    rc = mlib::signal::post(signal, to.is_new_p);
-    if (rc != 0) {
-        return rc;
+    if (signal.intf != nullptr) {
+        tell_that_it_exists(signal, to);
+        return 0;
     }
-    SIGNAL_DEBUG(signal.operation, IPV4_DEBUG_SIG, "0x%x(%s): Signaled %s (%s,%s/%d) route %p",
-                 SIGNAL_TABLE_ARGS(signal.table), mlib::intf_name(signal.ifhandle),
-                 POSTING_KEY(signal), static_cast<void *>(signal.route));
-    *to.route_pp = signal.route;
-    return 0;
+    rc = mlib::signal::make(signal, to.is_new_p);
+    if (rc == 0) {
+        mlib::signal::finish(signal);
+        *to.route_pp = signal.route;
+    }
+    return rc;
+}
+
+void report_lock_failure(const posting &signal, cerrno rc, bool unlocking) {
+    if (unlocking) {
+        SIGNAL_ERR(signal.operation, "Cannot Unlock shmwin_mutex 0x%x(%s): (%s,%s/%d) intf %s: %s",
+                   POSTING_TABLE(signal), POSTING_KEY(signal), mlib::intf_name(signal.ifhandle),
+                   cerr_strerror(rc));
+    } else {
+        SIGNAL_ERR(signal.operation, "Cannot lock shmwin_mutex 0x%x(%s): (%s,%s/%d) intf %s: %s",
+                   POSTING_TABLE(signal), POSTING_KEY(signal), mlib::intf_name(signal.ifhandle),
+                   cerr_strerror(rc));
+    }
 }
 
 }  // namespace
@@ -75,25 +79,13 @@ cerrno ip6mc_signal_add_mutex(ipv4mc_table_st *table, const ip_maddr_st *source,
                               ipv4mc_route_entry_st **route_pp, int *is_new_p, int *exists_p) {
     posting signal{__func__, table, source, group, ifhandle, false};
     const add_outputs to{route_pp, is_new_p, exists_p};
-    cerrno rc = refuse(signal, to);
-    if (rc != 0) {
-        return rc;
-    }
-    rc = ip6mc_shmwin_mutex_lock(__func__, __LINE__);
-    if (rc != 0) {
-        MLIB_ERR("Cannot lock shmwin_mutex 0x%x(%s): (%s,%s/%d) intf %s: %s",
-                 SIGNAL_TABLE_ARGS(table), POSTING_KEY(signal), mlib::intf_name(ifhandle),
-                 cerr_strerror(rc));
-        return rc;
-    }
-    rc = add(signal, to);
-    const cerrno unlocked = ip6mc_shmwin_mutex_unlock();
-    if (unlocked != 0) {
-        MLIB_ERR("Cannot Unlock shmwin_mutex 0x%x(%s): (%s,%s/%d) intf %s: %s",
-                 SIGNAL_TABLE_ARGS(table), POSTING_KEY(signal), mlib::intf_name(ifhandle),
-                 cerr_strerror(unlocked));
-    }
-    return rc;
+    const cerrno rc = refuse(signal, to);
+    return rc != 0 ? rc
+                   : mlib::signal::under_mutex(
+                         signal, [&] { return add(signal, to); },
+                         [&](cerrno code, bool unlocking) {
+                             report_lock_failure(signal, code, unlocking);
+                         });
 }
 
 cerrno ip6mc_signal_add(ipv4mc_table_st *table, const ip_maddr_st *source, const ip_maddr_st *group,

@@ -105,10 +105,8 @@ cerrno ip6mc_signal_lookup(ipv4mc_table_st *table, const ip_maddr_st *source,
         MLIB_ERR("Null route pointer");
         return EINVAL;
     }
-    rc = ifhandle != 0 ? check_intf_pointer(__func__, route_pp, intf_pp) : 0;
-    if (rc != 0) {
-        return rc;
-    }
+    ipv4mc_intf_entry_st *unwanted = nullptr;
+    intf_pp = intf_pp != nullptr ? intf_pp : &unwanted;
     rc = ip6mc_shmwin_mutex_lock(__func__, __LINE__);
     if (rc != 0) {
         MLIB_ERR("0x%x(%s): Cannot lock shmwin_mutex (%s,%s/%d) intf %s: %s",

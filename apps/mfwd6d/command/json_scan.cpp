@@ -1,0 +1,273 @@
+#include "apps/mfwd6d/command/json_scan.h"
+
+#include <algorithm>
+
+namespace mfwd6::daemon {
+namespace {
+
+constexpr size_t id_bytes = 64;
+
+bool is_digit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+int hex_value(char c) {
+    if (is_digit(c)) {
+        return c - '0';
+    }
+    const char lower = static_cast<char>(c | 0x20);
+    return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
+}
+
+bool take_hex4(std::string_view *raw, uint32_t *value) {
+    if (raw->size() < 4) {
+        return false;
+    }
+    *value = 0;
+    for (size_t i = 0; i < 4; ++i) {
+        const int digit = hex_value((*raw)[i]);
+        if (digit < 0) {
+            return false;
+        }
+        *value = *value << 4 | static_cast<uint32_t>(digit);
+    }
+    raw->remove_prefix(4);
+    return true;
+}
+
+void append_utf8(uint32_t c, std::string *text) {
+    const auto add = [text](uint32_t byte) { text->push_back(static_cast<char>(byte)); };
+    if (c < 0x80) {
+        add(c);
+    } else if (c < 0x800) {
+        add(0xc0 | c >> 6);
+        add(0x80 | (c & 0x3f));
+    } else if (c < 0x10000) {
+        add(0xe0 | c >> 12);
+        add(0x80 | (c >> 6 & 0x3f));
+        add(0x80 | (c & 0x3f));
+    } else {
+        add(0xf0 | c >> 18);
+        add(0x80 | (c >> 12 & 0x3f));
+        add(0x80 | (c >> 6 & 0x3f));
+        add(0x80 | (c & 0x3f));
+    }
+}
+
+// Behind "\u": one code point, of two escapes where the first is a high surrogate.
+bool take_code_point(std::string_view *raw, std::string *text) {
+    uint32_t c = 0;
+    if (!take_hex4(raw, &c)) {
+        return false;
+    }
+    if (c >= 0xd800 && c < 0xdc00) {
+        uint32_t low = 0;
+        if (!raw->starts_with("\\u")) {
+            return false;
+        }
+        raw->remove_prefix(2);
+        if (!take_hex4(raw, &low) || low < 0xdc00 || low > 0xdfff) {
+            return false;
+        }
+        c = 0x10000 + ((c - 0xd800) << 10) + (low - 0xdc00);
+    } else if (c >= 0xdc00 && c <= 0xdfff) {
+        return false;
+    }
+    append_utf8(c, text);
+    return true;
+}
+
+char simple_escape(char c) {
+    switch (c) {
+        case '"':
+        case '\\':
+        case '/':
+            return c;
+        case 'b':
+            return '\b';
+        case 'f':
+            return '\f';
+        case 'n':
+            return '\n';
+        case 'r':
+            return '\r';
+        case 't':
+            return '\t';
+        default:
+            return 0;
+    }
+}
+
+}  // namespace
+
+char json_scan::peek() {
+    while (at_ != end_ && (*at_ == ' ' || *at_ == '\t' || *at_ == '\r' || *at_ == '\n')) {
+        ++at_;
+    }
+    return at_ != end_ ? *at_ : '\0';
+}
+
+bool json_scan::take(char expected) {
+    if (peek() != expected || at_ == end_) {
+        return false;
+    }
+    ++at_;
+    return true;
+}
+
+bool json_scan::take_raw_string(std::string_view *text, bool *has_escapes) {
+    if (!take('"')) {
+        return false;
+    }
+    const char *from = at_;
+    *has_escapes = false;
+    while (at_ != end_ && *at_ != '"') {
+        if (static_cast<unsigned char>(*at_) < ' ') {
+            return false;
+        }
+        if (*at_ == '\\') {
+            *has_escapes = true;
+            ++at_;
+            if (at_ == end_) {
+                return false;
+            }
+        }
+        ++at_;
+    }
+    if (at_ == end_) {
+        return false;
+    }
+    *text = {from, static_cast<size_t>(at_ - from)};
+    ++at_;
+    return true;
+}
+
+bool json_scan::take_number() {
+    const char *from = at_;
+    if (at_ != end_ && *at_ == '-') {
+        ++at_;
+    }
+    while (at_ != end_ && (is_digit(*at_) || *at_ == '.' || *at_ == 'e' || *at_ == 'E' ||
+                           *at_ == '+' || *at_ == '-')) {
+        ++at_;
+    }
+    return at_ != from && is_digit(at_[-1]);
+}
+
+bool json_scan::take_word(std::string_view word) {
+    if (!rest().starts_with(word)) {
+        return false;
+    }
+    at_ += word.size();
+    return true;
+}
+
+bool json_scan::take_members(char close, bool named, uint32_t depth) {
+    ++at_;
+    for (bool first = true; !take(close); first = false) {
+        std::string_view ignored;
+        bool has_escapes = false;
+        if (!first && !take(',')) {
+            return false;
+        }
+        if (named && (!take_raw_string(&ignored, &has_escapes) || !take(':'))) {
+            return false;
+        }
+        if (!take_value(&ignored, depth + 1)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool json_scan::take_value(std::string_view *raw, uint32_t depth) {
+    const char first = peek();
+    const char *from = at_;
+    bool good = false;
+    switch (first) {
+        case '{':
+            good = depth < json_depth && take_members('}', true, depth);
+            break;
+        case '[':
+            good = depth < json_depth && take_members(']', false, depth);
+            break;
+        case '"': {
+            std::string_view ignored;
+            bool has_escapes = false;
+            good = take_raw_string(&ignored, &has_escapes);
+            break;
+        }
+        case 't':
+            good = take_word("true");
+            break;
+        case 'f':
+            good = take_word("false");
+            break;
+        case 'n':
+            good = take_word("null");
+            break;
+        default:
+            good = take_number();
+            break;
+    }
+    *raw = {from, static_cast<size_t>(at_ - from)};
+    return good;
+}
+
+bool unescape_json(std::string_view raw, std::string *text) {
+    text->clear();
+    while (!raw.empty()) {
+        const size_t plain = std::min(raw.find('\\'), raw.size());
+        text->append(raw.substr(0, plain));
+        raw.remove_prefix(plain);
+        if (raw.empty()) {
+            break;
+        }
+        if (raw.size() < 2) {
+            return false;
+        }
+        const char kind = raw[1];
+        raw.remove_prefix(2);
+        if (kind == 'u') {
+            if (!take_code_point(&raw, text)) {
+                return false;
+            }
+            continue;
+        }
+        const char c = simple_escape(kind);
+        if (c == 0) {
+            return false;
+        }
+        text->push_back(c);
+    }
+    return true;
+}
+
+bool split_request(std::string_view line, request_parts *parts) {
+    *parts = {"null", {}, "{}"};
+    json_scan in(line);
+    if (!in.take('{')) {
+        return false;
+    }
+    for (bool first = true; !in.take('}'); first = false) {
+        std::string_view key;
+        std::string_view value;
+        bool has_escapes = false;
+        if ((!first && !in.take(',')) || !in.take_raw_string(&key, &has_escapes) || !in.take(':') ||
+            !in.take_value(&value)) {
+            return false;
+        }
+        if (key == "id") {
+            parts->id = value;
+        } else if (key == "action" && value.front() == '"') {
+            parts->action = value.substr(1, value.size() - 2);
+        } else if (key == "args") {
+            parts->args = value;
+        }
+    }
+    const char kind = parts->id.front();
+    return in.at_end() && parts->id.size() <= id_bytes && kind != '{' && kind != '[' &&
+           parts->args.front() == '{';
+}
+
+}  // namespace mfwd6::daemon

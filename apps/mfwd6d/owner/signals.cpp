@@ -1,0 +1,179 @@
+#include "apps/mfwd6d/owner/signals.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <vector>
+
+#include "apps/mfwd6d/config/scan.h"
+#include "ipv4/multicast/lib/ip6mc_lib.h"
+#include "ipv4/multicast/lib/ip6mc_route.h"
+#include "ipv4/multicast/lib/ip6mc_signal.h"
+
+namespace mfwd6::daemon {
+namespace {
+
+constexpr uint32_t routes_between_yields = 256;
+constexpr time_t longest_wait_seconds = 1;
+
+ipv4mc_shmwin_hdr_st *header() {
+    return ipv4mc_desc->shmwin_info;
+}
+
+// Whoever died with the mutex: what it guards is one byte.
+bool lock_wake() {
+    pthread_mutex_t *mutex = &header()->changed_route_mutex;
+    const int rc = pthread_mutex_lock(mutex);
+    if (rc == EOWNERDEAD) {
+        pthread_mutex_consistent(mutex);
+        return true;
+    }
+    return rc == 0;
+}
+
+struct flow {
+    ip_maddr_st source;
+    ip_maddr_st group;
+    uint32_t interfaces;
+};
+
+struct search {
+    std::vector<flow> found;
+    bool (*wanted)(const search &s, ipv4mc_table_st *table, const ipv4mc_route_entry_st *route);
+    ip_maddr_st source{};
+    ip_maddr_st group{};
+};
+
+cerrno note_flow(ipv4mc_table_st *table, ipv4mc_route_entry_st *route, void *context) {
+    search &s = *static_cast<search *>(context);
+    if (!s.wanted(s, table, route)) {
+        return 0;
+    }
+    flow f{route->source, route->group, 0};
+    for (const auto *entry = route->intf_list; entry != nullptr; entry = entry->next_intf) {
+        ++f.interfaces;
+    }
+    s.found.push_back(f);
+    return 0;
+}
+
+bool is_answered(const search &, ipv4mc_table_st *table, const ipv4mc_route_entry_st *signal) {
+    ipv4mc_route_entry_st *route = nullptr;
+    return ip6mc_lookup(table, &signal->source, &signal->group, 0, &route, nullptr) == 0 &&
+           route != nullptr && (route->attributes & MRIB_ROUTE_SIGNAL) == 0;
+}
+
+bool is_named(const search &s, ipv4mc_table_st *, const ipv4mc_route_entry_st *signal) {
+    const bool group_fits =
+        config::is_any(s.group) || std::memcmp(&s.group, &signal->group, sizeof(s.group)) == 0;
+    const bool source_fits =
+        config::is_any(s.source) || std::memcmp(&s.source, &signal->source, sizeof(s.source)) == 0;
+    return group_fits && source_fits;
+}
+
+// Found first and removed then: a removal gives the mutex up.
+uint32_t end_found(const table &t, search *s) {
+    if (t.record->signal_route_count == 0) {
+        return 0;
+    }
+    ip6mc_signal_walk(t.record, routes_between_yields, 0, note_flow, s);
+    for (const flow &f : s->found) {
+        // A call ends one interface of the signal at least; new ones may come meanwhile.
+        for (uint32_t n = 0; n < f.interfaces; ++n) {
+            ip6mc_signal_remove_all_mutex(t.record, &f.source, &f.group);
+        }
+    }
+    return static_cast<uint32_t>(s->found.size());
+}
+
+}  // namespace
+
+outcome changed_routes::start() {
+    fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (fd_ < 0) {
+        return failure_of(static_cast<cerrno>(errno), "the wake-up of signals");
+    }
+    // What is on the list from before this process was not announced to it.
+    const uint64_t one = 1;
+    if (write(fd_, &one, sizeof(one)) < 0) {
+        return failure_of(static_cast<cerrno>(errno), "the wake-up of signals");
+    }
+    if (header()->changed_route_ready != 0) {
+        waiter_ = std::thread([this] { wait_for_news(); });
+    }
+    return {};
+}
+
+void changed_routes::stop() {
+    stopping_ = true;
+    if (waiter_.joinable()) {
+        pthread_cond_broadcast(&header()->changed_route_cond);
+        waiter_.join();
+    }
+    if (fd_ >= 0) {
+        close(fd_);
+        fd_ = -1;
+    }
+}
+
+// A wait has an end, as the one who was to signal may have died before it.
+void changed_routes::wait_for_news() const {
+    ipv4mc_shmwin_hdr_st *hdr = header();
+    while (!stopping_) {
+        if (!lock_wake()) {
+            return;
+        }
+        timespec until{};
+        clock_gettime(CLOCK_REALTIME, &until);
+        until.tv_sec += longest_wait_seconds;
+        while (hdr->changed_route_wake == 0 && !stopping_) {
+            const int rc =
+                pthread_cond_timedwait(&hdr->changed_route_cond, &hdr->changed_route_mutex, &until);
+            if (rc == EOWNERDEAD) {
+                pthread_mutex_consistent(&hdr->changed_route_mutex);
+            }
+            if (rc != 0) {
+                break;
+            }
+        }
+        const bool news = hdr->changed_route_wake != 0 ||
+                          __atomic_load_n(&hdr->changed_route_count, __ATOMIC_RELAXED) != 0;
+        hdr->changed_route_wake = 0;
+        pthread_mutex_unlock(&hdr->changed_route_mutex);
+        const uint64_t one = 1;
+        if (news && write(fd_, &one, sizeof(one)) < 0 && errno != EAGAIN) {
+            return;
+        }
+    }
+}
+
+uint32_t changed_routes::drain() const {
+    uint64_t ignored = 0;
+    if (read(fd_, &ignored, sizeof(ignored)) < 0) {
+    }
+    if (ip6mc_shmwin_mutex_lock(__func__, __LINE__) != 0) {
+        return 0;
+    }
+    uint32_t drained = 0;
+    while (ipv4mc_route_entry_st *route = header()->changed_route_head) {
+        if (ipv4mc_changelist_remove_route(route) != 0 || header()->changed_route_head == route) {
+            break;
+        }
+        ++drained;
+    }
+    ip6mc_shmwin_mutex_unlock();
+    return drained;
+}
+
+uint32_t end_answered_signals(const table &t) {
+    search s{{}, is_answered, {}, {}};
+    return end_found(t, &s);
+}
+
+uint32_t end_signals(const table &t, const ip_maddr_st &source, const ip_maddr_st &group) {
+    search s{{}, is_named, source, group};
+    return end_found(t, &s);
+}
+
+}  // namespace mfwd6::daemon

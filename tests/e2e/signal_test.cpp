@@ -1,0 +1,110 @@
+// A packet that no route takes becomes a signal that the operator sees; the route makes it flow.
+#include <signal.h>
+
+#include "tests/e2e/fixture.h"
+
+namespace {
+
+using namespace e2e;
+
+const std::string group = "ff3e::8000:1";
+const std::string source = "fd00:1::10";
+
+class Signals : public EndToEnd {
+  protected:
+    void SetUp() override {
+        EndToEnd::SetUp();
+        if (IsSkipped()) {
+            return;
+        }
+        site_ = small_site();
+        router_ = std::make_unique<netlab::router>(site_->lab.router(), small_interfaces);
+    }
+
+    json signals() const {
+        const netlab::ended shown = router_->ctl({"--json", "show", "signals"});
+        EXPECT_EQ(shown.code, 0) << shown.err;
+        return json::parse(shown.out, nullptr, false).value("signals", json::array());
+    }
+
+    bool signalled(const std::string &g) const {
+        for (const json &signal : signals()) {
+            if (signal.value("group", "") == g && signal.value("source", "") == source) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    void add_route() {
+        router_->must("route.add", {{"table", "default"},
+                                    {"source", source},
+                                    {"group", group},
+                                    {"from", {"source"}},
+                                    {"to", {"one"}}});
+    }
+
+    std::unique_ptr<site> site_;
+    std::unique_ptr<netlab::router> router_;
+};
+
+TEST_F(Signals, AnUnknownFlowIsShownAndItsRouteMakesItFlowAndEndsTheSignal) {
+    ASSERT_TRUE(eventually([&] { return router_->signald() != 0; }));
+    netlab::sender stream(*site_->hosts.at("source"), group);
+    stream.start(1000);
+    EXPECT_TRUE(eventually([&] { return signalled(group); }));
+    add_route();
+    EXPECT_TRUE(
+        site_->receivers.at("one")->wait_sequence(stream.stream(), stream.sent() + 1, patience));
+    EXPECT_TRUE(eventually([&] { return !signalled(group); }));
+    std::this_thread::sleep_for(grace);
+    EXPECT_FALSE(signalled(group));
+    expect_clean(*router_);
+}
+
+TEST_F(Signals, AStreamThatNobodyWantsDoesNotBlockTheWantedOnes) {
+    // More unwanted flows than the kernel keeps unresolved.
+    std::vector<std::unique_ptr<netlab::sender>> unwanted;
+    for (int i = 0; i < 30; ++i) {
+        unwanted.push_back(std::make_unique<netlab::sender>(*site_->hosts.at("source"),
+                                                            "ff3e::7:" + std::to_string(i + 1)));
+        unwanted.back()->start(50);
+    }
+    router_->line("mroute from source group ff3e::9:0:0/96 to two");
+    std::this_thread::sleep_for(100ms);
+    netlab::sender wanted(*site_->hosts.at("source"), "ff3e::9:0:5");
+    wanted.start(500, 250);
+    wanted.wait();
+    EXPECT_TRUE(
+        site_->receivers.at("two")->wait_sequence(wanted.stream(), wanted.sent(), patience));
+    // At most what came before the answer may be missing, and the kernel keeps four packets.
+    EXPECT_LE(site_->receivers.at("two")->report(wanted.stream()).missing(1, wanted.sent()), 50U);
+    EXPECT_TRUE(eventually([&] { return signals().size() >= 30; }));
+}
+
+TEST_F(Signals, ARouteThatSignalsForwardsAndIsShown) {
+    router_->line("mroute signal from source source " + source + " group " + group + " to one");
+    netlab::sender stream(*site_->hosts.at("source"), group);
+    stream.start(1000, 500);
+    stream.wait();
+    EXPECT_TRUE(
+        site_->receivers.at("one")->wait_sequence(stream.stream(), stream.sent(), patience));
+    EXPECT_EQ(site_->receivers.at("one")->report(stream.stream()).missing(1, stream.sent()), 0U);
+    EXPECT_TRUE(eventually([&] { return signalled(group); }));
+}
+
+TEST_F(Signals, AStuckOwnerDoesNotHoldTheSignalsUp) {
+    const pid_t owner = router_->owner();
+    ASSERT_NE(owner, 0);
+    ASSERT_TRUE(eventually([&] { return router_->signald() != 0; }));
+    ::kill(owner, SIGSTOP);
+    netlab::sender stream(*site_->hosts.at("source"), group);
+    stream.start(200);
+    EXPECT_TRUE(eventually([&] { return signalled(group); }));
+    ::kill(owner, SIGCONT);
+    add_route();
+    EXPECT_TRUE(
+        site_->receivers.at("one")->wait_sequence(stream.stream(), stream.sent() + 1, patience));
+}
+
+}  // namespace
