@@ -27,6 +27,7 @@ using keeper::message;
 using keeper::what;
 
 constexpr uint64_t patience_ms = 5000;  // for a child that was told to end
+constexpr char new_window_word[] = "--new-window";
 constexpr int flow_buffer_bytes = 1 << 20;
 
 uint64_t now_ms() {
@@ -49,7 +50,7 @@ std::vector<std::string> owner_command(const options &o) {
         command.insert(command.end(), {"--config", o.config});
     }
     if (o.new_window) {
-        command.emplace_back("--new-window");
+        command.emplace_back(new_window_word);
     }
     if (!o.to_syslog) {
         command.emplace_back("--no-syslog");
@@ -326,6 +327,7 @@ cerrno keeper_process::give(child &c, const message &asked, int *fd) {
     }
     if (asked.kind == what::ask_ready) {
         c.ready();
+        c.drop_word(new_window_word);
         return 0;
     }
     if (!is_owner) {

@@ -348,14 +348,27 @@ outcome state::set_interface(const interface_request &request) {
     if (i == nullptr) {
         return failure(ENODEV, fmt::format("there is no interface {}", request.name));
     }
-    const interface_request before{i->name, i->enabled, i->ttl, request.sets_boundary, i->boundary};
+    const config::switch_word enabled_before = i->enabled;
+    const uint8_t ttl_before = i->ttl;
     return and_save([&] {
         outcome o = set_one(*i, request);
         if (o.failed()) {
-            set_one(*i, before);
+            restore_interface(*i, enabled_before, ttl_before);
         }
         return o;
     });
+}
+
+// The boundary is set last: it needs no restoring.
+void state::restore_interface(interface &i, config::switch_word enabled, uint8_t ttl) {
+    if (i.enabled != enabled) {
+        const bool was_none = enabled == config::switch_word::none;
+        tell_failure(interfaces_.set_enabled(i, was_none ? config::switch_word::disable : enabled));
+        i.enabled = enabled;
+    }
+    if (i.ttl != ttl) {
+        tell_failure(interfaces_.set_ttl(i, ttl));
+    }
 }
 
 outcome state::remove_phyint(interface &i, const config::line &l) {

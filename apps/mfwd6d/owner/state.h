@@ -103,6 +103,7 @@ class state {
     outcome phyint_line(const config::line &l);
     outcome remove_phyint(interface &i, const config::line &l);
     outcome set_one(interface &i, const interface_request &request);
+    void restore_interface(interface &i, config::switch_word enabled, uint8_t ttl);
     outcome load_settings();
     outcome save_settings() const;
     template <class Fn>
