@@ -26,7 +26,9 @@ namespace {
 using keeper::message;
 using keeper::what;
 
-constexpr uint64_t patience_ms = 5000;  // for a child that was told to end
+// For a child that was told to end. The owner may have a hundred thousand routes to take out.
+constexpr uint64_t patience_ms = 5000;
+constexpr uint64_t owner_patience_ms = 60000;
 constexpr char new_window_word[] = "--new-window";
 constexpr int flow_buffer_bytes = 1 << 20;
 
@@ -409,7 +411,7 @@ void keeper_process::end_owner() {
         after_owner();
         return;
     }
-    until_ms_ = now_ms() + patience_ms;
+    until_ms_ = now_ms() + owner_patience_ms;
     if (keeper::send_message(owner_.link(), {what::stop, keep_ ? 1U : 0U}, -1) != 0) {
         owner_.signal(SIGTERM);
     }
