@@ -81,6 +81,8 @@ failure cannot_attach(const std::string &folder, cerrno code) {
                     fmt::format("not permitted to open {}: it belongs to another user", file)};
         case SHMWIN_ERR_FILE_TYPE:
             return {exit_code::unusable, fmt::format("{} is no regular file", file)};
+        case EBUSY:
+            return {exit_code::failed, "the window has a live owner: end mfwd6d first"};
         case SHMWIN_ERR_PEERS_FULL:
             return {
                 exit_code::unusable,
@@ -95,10 +97,11 @@ failure cannot_attach(const std::string &folder, cerrno code) {
     }
 }
 
-cerrno open_window() {
+cerrno open_window(need what) {
     cerrno code = 0;
     for (int tries = 0; tries < making_tries; ++tries) {
-        code = ip6mc_shmwin_open(attach_only, 0);
+        code =
+            what == need::ownership ? ip6mc_shmwin_open(0, 1) : ip6mc_shmwin_open(attach_only, 0);
         if (code != SHMWIN_ERR_HALF_MADE) {
             return code;
         }
@@ -147,7 +150,7 @@ window::window(const options &how, need what) {
     check_folder(folder);
     diag_set_run_dir(no_folder);
     shmwin_set_wait_limit(patience_ms);
-    if (const cerrno code = open_window(); code != 0) {
+    if (const cerrno code = open_window(what); code != 0) {
         ip6mc_shmwin_close();
         throw cannot_attach(folder, code);
     }
