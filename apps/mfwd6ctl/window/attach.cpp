@@ -112,10 +112,9 @@ cerrno open_window(need what) {
 
 void check_folder(const std::string &folder) {
     if (shmwin_set_run_dir(folder.c_str()) != 0) {
-        throw failure(exit_code::usage,
-                      fmt::format("\"{}\" cannot be a run dir: it must be an absolute path of at "
-                                  "most 200 characters",
-                                  folder));
+        throw failure(
+            exit_code::usage,
+            fmt::format("{}: the path of the run dir is too long, 200 characters at most", folder));
     }
 }
 
