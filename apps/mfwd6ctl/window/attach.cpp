@@ -178,7 +178,11 @@ window::~window() {
             terminate(attach_only, IPV4MC_TERMINATE_END);
         }
     }
-    ip6mc_shmwin_close();
+    if (generation() == generation_) {
+        ip6mc_shmwin_close();
+    } else {
+        shmwin_close(id(), 1);  // what the library would give back lay in the window as it was
+    }
 }
 
 void window::start_library(const std::string &folder, const options &how) {
