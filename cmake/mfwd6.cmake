@@ -65,7 +65,6 @@ endfunction()
 function(mfwd6_chooses_platform target)
   target_link_libraries(${target} PRIVATE mfwd6_platform_choice ip6mc)
   target_link_options(${target} PRIVATE LINKER:--unresolved-symbols=ignore-in-shared-libs LINKER:-z,lazy)
-  set_property(TARGET ${target} APPEND PROPERTY INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
   # Not linked, but needed by whoever runs it.
   foreach(platform IN ITEMS mfwd6_platform_sim mfwd6_platform_linux)
     if(TARGET ${platform})
