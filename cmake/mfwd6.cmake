@@ -14,6 +14,10 @@ if(MFWD6_SANITIZE)
   target_compile_options(mfwd6_flags INTERFACE -fsanitize=${MFWD6_SANITIZE} -fno-sanitize-recover=all)
   target_link_options(mfwd6_flags INTERFACE -fsanitize=${MFWD6_SANITIZE})
 endif()
+if(MFWD6_FUZZ)
+  target_compile_options(mfwd6_flags INTERFACE -fsanitize=fuzzer-no-link)
+  target_link_options(mfwd6_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 
 # What ships: no exceptions, no run-time type information.
 add_library(mfwd6_core_flags INTERFACE)
@@ -61,7 +65,6 @@ endfunction()
 function(mfwd6_chooses_platform target)
   target_link_libraries(${target} PRIVATE mfwd6_platform_choice ip6mc)
   target_link_options(${target} PRIVATE LINKER:--unresolved-symbols=ignore-in-shared-libs LINKER:-z,lazy)
-  set_property(TARGET ${target} APPEND PROPERTY INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
   # Not linked, but needed by whoever runs it.
   foreach(platform IN ITEMS mfwd6_platform_sim mfwd6_platform_linux)
     if(TARGET ${platform})

@@ -1,4 +1,5 @@
 // Tables of both roles, the trees that find them, and their tries.
+#include <algorithm>
 #include <cstring>
 
 #include "apps/check/lists.h"
@@ -82,15 +83,25 @@ class table_walk {
         w_.count("table", met);
     }
 
+    // Of two tables with one name the tree has the first.
+    bool is_taken(const char *name) const {
+        return std::any_of(threads_.begin(), threads_.end(), [&](const auto &each) {
+            return each.second.by_name &&
+                   std::strncmp(each.first->vrf_name, name, IPV4MC_VRF_NAME_COMPARED) == 0;
+        });
+    }
+
     void check_vrf(const ipv4mc_table_st *table) {
         const subject self = about(table);
         if (load(table->table_type) != IPV4MC_TABLE_VRF) {
             w_.wrong(self, "table_type", "is not that of a VRF table");
         }
         const threads in = threads_[table];
-        if (in.by_name != (load(table->vrf_name[0]) != '\0')) {
-            w_.missing(self, "vrf_name",
-                       in.by_name ? "is empty in the tree of names" : "is in no tree of names");
+        const bool has_name = load(table->vrf_name[0]) != '\0';
+        if (in.by_name && !has_name) {
+            w_.missing(self, "vrf_name", "is empty in the tree of names");
+        } else if (!in.by_name && has_name && !is_taken(table->vrf_name)) {
+            w_.missing(self, "vrf_name", "is in no tree of names");
         }
         if (in.by_id != (load(table->vrf_id) != 0)) {
             w_.missing(self, "vrf_id",

@@ -23,6 +23,7 @@ void add_show_clients(CLI::App &show, const options &how);
 void add_show_status(CLI::App &show, const options &how);
 void add_trace(CLI::App &program, const options &how);
 void add_debug(CLI::App &program, const options &how);
+void add_check(CLI::App &program, const options &how);
 
 // What the owner does, asked for over the command socket.
 void add_add(CLI::App &program, const options &how);

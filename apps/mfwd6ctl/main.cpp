@@ -83,6 +83,7 @@ void add_commands(CLI::App &program, const options &how) {
     add_shutdown(program, how);
     add_trace(program, how);
     add_debug(program, how);
+    add_check(program, how);
     add_completion(program);
 }
 

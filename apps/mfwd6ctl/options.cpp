@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <filesystem>
+
 #include "ipv4/multicast/lib/ip6mc_shmwin.h"
 #include "services/diag/run_dir.h"
 
@@ -17,7 +19,9 @@ bool in_use(const std::string &folder) {
 
 std::string options::folder() const {
     if (!run_dir.empty()) {
-        return run_dir;
+        std::error_code error;
+        const std::filesystem::path path = std::filesystem::absolute(run_dir, error);
+        return error ? run_dir : path.string();
     }
     for (unsigned number = 0; number < DIAG_RUN_DIRS; ++number) {
         char path[256];

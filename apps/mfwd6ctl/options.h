@@ -13,7 +13,8 @@ struct options {
     bool json = false;
     double timeout_s = 10;  // for an answer of the owner
 
-    // The folder to work in: the one given, else where something was left, else /run/mfwd6.
+    // The folder to work in, as an absolute path: the one given, else where something was left,
+    // else /run/mfwd6.
     std::string folder() const;
 };
 

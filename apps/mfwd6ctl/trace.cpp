@@ -115,6 +115,9 @@ class rings {
     std::vector<event> take() {
         std::vector<event> events;
         for (auto &[path, reader] : open_) {
+            if (reader == nullptr) {
+                continue;
+            }
             ltrace_ring_info info{};
             ltrace_info(reader.get(), &info);
             ltrace_record record;
@@ -122,6 +125,9 @@ class rings {
                 if (is_wanted(record)) {
                     events.push_back(event_of(info, record));
                 }
+            }
+            if (info.alive == 0) {
+                reader.reset();  // its end was read: nothing more comes
             }
         }
         std::stable_sort(events.begin(), events.end(),
@@ -131,7 +137,7 @@ class rings {
 
     std::vector<ltrace_ring_info> list() const {
         std::vector<ltrace_ring_info> infos;
-        for (const auto &[path, reader] : open_) {
+        for (const auto &[path, reader] : open_) {  // none was read yet
             ltrace_ring_info info{};
             ltrace_info(reader.get(), &info);
             if (is_wanted(info)) {
@@ -174,7 +180,7 @@ class rings {
     std::set<uint64_t> ids_;
     bool json_;
     bool forbidden_ = false;
-    std::map<std::string, ring> open_;
+    std::map<std::string, ring> open_;  // null: read to the end of a dead process
 };
 
 void write(const std::vector<event> &events, size_t last, const request &r, bool as_json) {

@@ -2,7 +2,7 @@
 //
 // libip6mc.so leaves the platform's names open. They are bound at their first call, so the platform
 // library has to be in place before the first call of the library and need not be linked. A program
-// that is built with mfwd6_chooses_platform() (CMakeLists.txt beside this file) does it like this:
+// that is built with mfwd6_chooses_platform() (cmake/mfwd6.cmake) does it like this:
 //
 //     apps::load_platform("linux");
 //     ip6mc_lib_init(...);

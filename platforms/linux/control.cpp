@@ -42,10 +42,16 @@ namespace {
 constexpr uint32_t reserved_tables_first = 253;  // RT_TABLE_DEFAULT
 constexpr uint32_t reserved_tables_last = 255;   // RT_TABLE_LOCAL
 
-void reprogram_all() {
-    for (uint32_t n = 0; self().resynced && table_at(n) != nullptr; ++n) {
-        reprogram_table(*table_at(n), no_mif);
+// Also one of an earlier owner, before resync has come to it.
+bool table_is_there(uint32_t tid) {
+    if (find_table(tid) != nullptr) {
+        return true;
     }
+    const ipv4mc_table_st *record = self().descriptor->state == IPV4MC_LIB_STATE_READY
+                                        ? ip6mc_table_lookup_by_tbl_id(tid)
+                                        : nullptr;
+    table *t = nullptr;
+    return record != nullptr && record->active != 0 && ensure_table(tid, &t) == 0;
 }
 
 }  // namespace
@@ -84,7 +90,7 @@ cerrno linux_set_interface_table(ifhtype ifh, uint32_t tid) {
     if (ifh == 0) {
         return EINVAL;
     }
-    if (tid != 0 && find_table(tid) == nullptr) {
+    if (tid != 0 && !table_is_there(tid)) {
         return ENOENT;
     }
     interface *i = make_interface(ifh);

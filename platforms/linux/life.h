@@ -27,6 +27,7 @@ struct life {
     uint32_t counted_at = 0;
     uint64_t counted_pairs = 0;
     bool neighbours_short = false;
+    bool neighbours_told = false;
 };
 
 life &self();

@@ -91,6 +91,23 @@ void recall_local_copy(const table &t, const ip_maddr_st &group, uint8_t mif_plu
     }
 }
 
+void renew_local_copies(const table &t, uint32_t mif) {
+    for (uint32_t n = 0; n < memberships.count; ++n) {
+        const membership &m = memberships.all[n];
+        if (m.kernel_table == t.kernel_table && m.mif == mif) {
+            (void)noted(kernel_join(t.fd, m.group, mif_at(t, mif).ifindex));
+        }
+    }
+}
+
+void forget_local_copies_of(const table &t) {
+    for (uint32_t n = memberships.count; n-- > 0;) {
+        if (memberships.all[n].kernel_table == t.kernel_table) {
+            memberships.all[n] = memberships.all[--memberships.count];
+        }
+    }
+}
+
 void forget_local_copies() {
     std::free(memberships.all);
     memberships = {};

@@ -15,6 +15,11 @@ void set_local_copy(const table &t, const ip_maddr_st &group, uint8_t *mif_plus_
 // Counts a holder of an earlier run.
 void recall_local_copy(const table &t, const ip_maddr_st &group, uint8_t mif_plus_1);
 
+// Takes up the memberships on a mif again whose link has gone and come back.
+void renew_local_copies(const table &t, uint32_t mif);
+
+// Forgets those of a table that ends; and all.
+void forget_local_copies_of(const table &t);
 void forget_local_copies();
 
 }  // namespace mfwd6::lnx

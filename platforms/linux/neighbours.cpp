@@ -108,15 +108,14 @@ void count_neighbours() {
 }
 
 void watch_neighbours() {
-    if (self().output_pairs == self().counted_pairs ||
-        self().now - self().counted_at < seconds_between) {
-        return;
+    if (self().output_pairs != self().counted_pairs &&
+        self().now - self().counted_at >= seconds_between) {
+        count_neighbours();
     }
-    const bool before = self().neighbours_short;
-    count_neighbours();
-    if (self().neighbours_short && !before) {
+    if (self().neighbours_short && !self().neighbours_told) {
         tell_neighbours_short(self().neighbours, self().neighbour_limit);
     }
+    self().neighbours_told = self().neighbours_short;
 }
 
 }  // namespace mfwd6::lnx

@@ -76,6 +76,7 @@ void carry(ipv4mc_route_entry_st &route, const counters &seen) {
 
 cerrno remove_own(table &t, ipv4mc_route_entry_st &route) {
     route_extension &e = extension(route);
+    set_local_copy(t, route.group, &e.local_mif_plus_1, no_mif);
     if (!has_entry(t, route)) {
         e.has_entry = 0;
         return 0;
@@ -84,7 +85,6 @@ cerrno remove_own(table &t, ipv4mc_route_entry_st &route) {
     carry(route, counted(t, key_of(route)));
     count_entry(t, e.outputs, -1);
     e.has_entry = 0;
-    set_local_copy(t, route.group, &e.local_mif_plus_1, no_mif);
     return noted(kernel_delete_entry(t.fd, key_of(route)));
 }
 
@@ -296,6 +296,12 @@ void reprogram_table(table &t, uint32_t mif) {
     reprogram_request request = {&t, mif};
     (void)ip6mc_route_walk(record, 0, reprogram_one, &request);
     turn_held_flows(t);
+}
+
+void reprogram_all() {
+    for (uint32_t n = 0; self().resynced && table_at(n) != nullptr; ++n) {
+        reprogram_table(*table_at(n), no_mif);
+    }
 }
 
 void recall_entry(table &t, ipv4mc_route_entry_st &route) {

@@ -47,6 +47,10 @@ cerrno clear_route(table &t, ipv4mc_route_entry_st &route);
 // name it.
 void reprogram_table(table &t, uint32_t mif);
 
+// The same for all tables, when a setting has changed that all routes depend on. Before resync
+// nothing is done: it comes to all of them.
+void reprogram_all();
+
 // Counts an entry that an earlier owner left as one of the table's.
 void recall_entry(table &t, ipv4mc_route_entry_st &route);
 

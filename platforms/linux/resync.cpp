@@ -106,15 +106,6 @@ void take_tables(run &r) {
     }
 }
 
-void drop_table_of_slot(uint32_t slot) {
-    table *t = nullptr;
-    if (ensure_table(book().table(slot).tid, &t) == 0) {
-        drop_table(t);
-    } else {
-        book().drop_table(slot);
-    }
-}
-
 void drop_unknown_tables(run &r) {
     for (uint32_t slot = 0; slot < tables_max; ++slot) {
         const table_slot &held = book().table(slot);
@@ -123,7 +114,7 @@ void drop_unknown_tables(run &r) {
         }
         const ipv4mc_table_st *record = ip6mc_table_lookup_by_tbl_id(held.tid);
         if (record == nullptr || record->active == 0) {
-            drop_table_of_slot(slot);
+            drop_ledger_table(slot);
             ++r.counts.removed;
         }
     }
@@ -210,15 +201,6 @@ void remove_suspects_without_owner(run &r) {
             ++r.counts.removed;
         }
     }
-}
-
-uint32_t mif_of_link(const table &t, uint32_t link) {
-    for (uint32_t mif = 0; link != 0 && mif < mifs_of_table; ++mif) {
-        if (mif_at(t, mif).state != mif_free && mif_at(t, mif).ifindex == link) {
-            return mif;
-        }
-    }
-    return no_mif;
 }
 
 struct stray_context {

@@ -39,12 +39,6 @@ uint32_t table_of(const ipv4mc_idb_st &idb) {
     return vrf->tid_table != nullptr ? vrf->tid_table->tid : vrf->tid;
 }
 
-void reprogram_all() {
-    for (uint32_t n = 0; self().resynced && table_at(n) != nullptr; ++n) {
-        reprogram_table(*table_at(n), no_mif);
-    }
-}
-
 cerrno enable(interface &i, uint32_t tid) {
     const uint32_t before = i.enabled_tid;
     i.enabled_tid = tid;

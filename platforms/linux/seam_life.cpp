@@ -76,7 +76,8 @@ void forget_run() {
     l.resynced = false;
     l.reports = l.kernel_failures = l.full = 0;
     l.output_pairs = l.counted_pairs = l.neighbours = l.neighbour_limit = 0;
-    l.neighbours_short = false;
+    l.neighbours_short = l.neighbours_told = false;
+    l.counted_at = 0;
 }
 
 }  // namespace
@@ -110,9 +111,7 @@ cerrno ip6mc_platform_lib_terminate(int attach_only, uint32_t reason) {
         return 0;
     }
     if (attach_only == 0 && reason < IPV4MC_TERMINATE_UPDATE) {
-        while (table_at(0) != nullptr) {
-            drop_table(table_at(0));
-        }
+        drop_ledger_tables();
         book().clear();
     }
     leave_tables();

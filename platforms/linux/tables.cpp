@@ -8,6 +8,7 @@
 #include "platforms/linux/interfaces.h"
 #include "platforms/linux/life.h"
 #include "platforms/linux/links.h"
+#include "platforms/linux/local_copies.h"
 #include "platforms/linux/messages.h"
 #include "platforms/linux/netlink.h"
 
@@ -82,15 +83,6 @@ cerrno settle_slot(table &t, bool fresh) {
 uint32_t free_mif(const table &t) {
     for (uint32_t mif = 0; mif < mifs_of_table; ++mif) {
         if (mif_at(t, mif).state == mif_free) {
-            return mif;
-        }
-    }
-    return no_mif;
-}
-
-uint32_t mif_of_link(const table &t, uint32_t link) {
-    for (uint32_t mif = 0; link != 0 && mif < mifs_of_table; ++mif) {
-        if (mif_at(t, mif).state == mif_interface && mif_at(t, mif).ifindex == link) {
             return mif;
         }
     }
@@ -188,7 +180,11 @@ void move_mif(table &t, uint32_t mif, lacking_fn changed) {
     if (link == 0 || noted(add_to_kernel(t, mif)) != 0) {
         return;
     }
-    if (m.ifindex != 0 && m.lacking != 0) {
+    if (m.ifindex == 0) {
+        return;
+    }
+    renew_local_copies(t, mif);
+    if (m.lacking != 0) {
         m.lacking = 0;
         changed(t, mif);
     }
@@ -278,6 +274,7 @@ void drop_table(table *t) {
         }
     }
     drop_flows_of(t->kernel_table);
+    forget_local_copies_of(*t);
     (void)noted(kernel_end_table(t->fd));
     book().drop_table(t->slot);
     release_socket(t->kernel_table, t->fd);
@@ -286,6 +283,24 @@ void drop_table(table *t) {
         i->taken_tid = i->taken_tid == t->tid ? 0 : i->taken_tid;
     }
     *t = live.all[--live.count];
+}
+
+void drop_ledger_tables() {
+    for (uint32_t slot = 0; slot < tables_max; ++slot) {
+        drop_ledger_table(slot);
+    }
+}
+
+void drop_ledger_table(uint32_t slot) {
+    if (book().table(slot).kernel_table == 0) {
+        return;
+    }
+    table *t = nullptr;
+    if (ensure_table(book().table(slot).tid, &t) == 0) {
+        drop_table(t);
+    } else {
+        book().drop_table(slot);
+    }
 }
 
 void leave_tables() {
@@ -302,6 +317,15 @@ cerrno flush_table(table &t) {
     const cerrno failed = noted(kernel_flush(t.fd));
     const cerrno restored = restore_mifs(t);
     return failed != 0 ? failed : restored;
+}
+
+uint32_t mif_of_link(const table &t, uint32_t link) {
+    for (uint32_t mif = 0; link != 0 && mif < mifs_of_table; ++mif) {
+        if (mif_at(t, mif).state == mif_interface && mif_at(t, mif).ifindex == link) {
+            return mif;
+        }
+    }
+    return no_mif;
 }
 
 uint32_t mif_of(const table &t, uint32_t ifh) {
@@ -431,7 +455,10 @@ cerrno settle_interface(uint32_t ifh) {
     }
     const uint32_t wanted = i->set_tid != 0 ? i->set_tid : i->enabled_tid;
     if (i->taken_tid == wanted) {
-        return 0;
+        // A link that came later than it was told of has a name, and so a rule, only now.
+        table *there = wanted != 0 ? find_table(wanted) : nullptr;
+        const uint32_t mif = there != nullptr ? mif_of(*there, ifh) : no_mif;
+        return mif != no_mif ? rule_mif(*there, mif) : 0;
     }
     if (table *before = find_table(i->taken_tid); before != nullptr) {
         give_mif(*before, mif_of(*before, ifh));

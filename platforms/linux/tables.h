@@ -39,6 +39,10 @@ cerrno ensure_table(uint32_t tid, table **out);
 // Takes everything out of the kernel and ends the table.
 void drop_table(table *t);
 
+// The same for a table of the ledger, which may be of an earlier owner; and for all of them.
+void drop_ledger_table(uint32_t slot);
+void drop_ledger_tables();
+
 // Ends all tables in this process; the kernel's side and the ledger stay, as far as somebody else
 // holds the sockets.
 void leave_tables();
@@ -47,6 +51,9 @@ void leave_tables();
 cerrno flush_table(table &t);
 
 // ---- interfaces ----
+
+// The mif that a link is, no_mif for none and for link 0.
+uint32_t mif_of_link(const table &t, uint32_t link);
 
 // The mif of an interface, no_mif when it has none in this table.
 uint32_t mif_of(const table &t, uint32_t ifh);

@@ -9,6 +9,8 @@
 #include <ctime>
 #include <mutex>
 
+#include "services/events/ptimer.h"
+
 namespace {
 
 constexpr size_t line_size = 2048;
@@ -36,7 +38,7 @@ uint64_t now() {
         return clock();
     }
     timespec time = {};
-    clock_gettime(CLOCK_MONOTONIC, &time);
+    ptimer_gettime(&time);
     return static_cast<uint64_t>(time.tv_sec) * second + static_cast<uint64_t>(time.tv_nsec);
 }
 

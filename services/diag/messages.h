@@ -39,7 +39,8 @@ MFWD6_EXPORT void orv_msg_tick(void);
 // How many messages of the record wait to be told as suppressed.
 MFWD6_EXPORT uint64_t orv_msg_suppressed(const orv_msg_rec *record);
 
-// The clock of the limits: nanoseconds that never go back. NULL is CLOCK_MONOTONIC.
+// The clock of the limits: nanoseconds that never go back. NULL is that of ptimer_gettime, the test
+// clock while one is in place.
 MFWD6_EXPORT void orv_msg_set_clock(uint64_t (*now)(void));
 
 // Writes one line to syslog(3) with the severity, or to the sink. No rate limit. Cut at 2047

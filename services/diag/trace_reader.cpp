@@ -1,4 +1,5 @@
 #include <dirent.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <new>
 
 #include "services/diag/shared_file.h"
@@ -30,8 +32,18 @@ const ring_slot *slot_at(const ltrace_reader *reader, uint64_t position) {
     return &reader->slots[position & (reader->count - 1)];
 }
 
+// What a slot tells about the record, or the part of one, that has this position.
+enum class progress { to_come, done, gone };
+
+progress progress_of(const ltrace_reader *reader, uint64_t position) {
+    const uint64_t state = slot_at(reader, position)->state.load(std::memory_order_acquire);
+    return state == slot_done(position)  ? progress::done
+           : state < slot_done(position) ? progress::to_come
+                                         : progress::gone;
+}
+
 bool is_done(const ltrace_reader *reader, uint64_t position) {
-    return slot_at(reader, position)->state.load(std::memory_order_acquire) == slot_done(position);
+    return progress_of(reader, position) == progress::done;
 }
 
 uint64_t get(const ring_slot *slot, size_t at) {
@@ -97,6 +109,53 @@ void read_head(const ltrace_reader *reader, uint64_t position, const slot_meta &
     record->text[record->length] = '\0';
 }
 
+// True as long as the position's writer has taken it and not finished all of the record's parts.
+bool is_to_come(const ltrace_reader *reader, uint64_t position) {
+    const progress first = progress_of(reader, position);
+    if (first != progress::done) {
+        return first == progress::to_come;
+    }
+    const slot_meta meta = unpack(get(slot_at(reader, position), at_meta));
+    bool missing = false;
+    for (uint32_t part = 1; is_sound(meta) && part < meta.parts; ++part) {
+        missing = missing || progress_of(reader, position + part) == progress::to_come;
+    }
+    return missing && is_done(reader, position);
+}
+
+uint64_t monotonic_ns() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000U + static_cast<uint64_t>(now.tv_nsec);
+}
+
+// The time that one call of a reader has for records that are being written.
+class patience {
+  public:
+    // Lets the writer go on; false when it has had its time, or is dead.
+    bool wait(const ltrace_reader *reader) {
+        if (++waits_ <= yields) {
+            sched_yield();
+            return true;
+        }
+        const uint64_t now = monotonic_ns();
+        until_ = until_ != 0 ? until_ : now + limit_ns;
+        if (now >= until_ || (!reader->own && !is_locked(reader->fd))) {
+            return false;
+        }
+        const timespec a_moment = {0, 200'000};
+        nanosleep(&a_moment, nullptr);
+        return true;
+    }
+
+  private:
+    static constexpr uint32_t yields = 20;
+    static constexpr uint64_t limit_ns = 250'000'000;
+
+    uint32_t waits_ = 0;
+    uint64_t until_ = 0;
+};
+
 // The number of slots of the record, or 0 if it is torn, overwritten, or the position begins none.
 uint32_t read_record(const ltrace_reader *reader, uint64_t position, ltrace_record *record) {
     if (!is_done(reader, position)) {
@@ -114,6 +173,18 @@ uint32_t read_record(const ltrace_reader *reader, uint64_t position, ltrace_reco
         return 0;
     }
     return meta.parts;
+}
+
+// As read_record at the reader's position, once its writer has finished or had its time.
+uint32_t read_finished(const ltrace_reader *reader, ltrace_record *record, patience *writer) {
+    for (;;) {
+        // Asked first: what is finished between the two is read all the same.
+        const bool to_come = is_to_come(reader, reader->position);
+        const uint32_t parts = read_record(reader, reader->position, record);
+        if (parts != 0 || !to_come || !writer->wait(reader)) {
+            return parts;
+        }
+    }
 }
 
 bool is_ring(const ring_header *header, size_t length) {
@@ -191,8 +262,9 @@ int ltrace_next(ltrace_reader *reader, ltrace_record *record) {
     if (head > reader->count) {
         reader->position = std::max(reader->position, head - reader->count);
     }
+    patience writers;
     while (reader->position < head) {
-        const uint32_t parts = read_record(reader, reader->position, record);
+        const uint32_t parts = read_finished(reader, record, &writers);
         reader->position += std::max(parts, 1U);
         if (parts != 0) {
             return 1;

@@ -214,7 +214,11 @@ int join(env *window, role as) {
             return rc;
         }
     }
-    recover_predecessors(window, dead);
+    // Recovery may wait for others, stopped ones too; whoever attaches does not. What the dead left
+    // is found by its id: by who waits for its locks, and by the next owner.
+    if (as == role::owner) {
+        recover_predecessors(window, dead);
+    }
     return 0;
 }
 

@@ -95,9 +95,10 @@ MFWD6_EXPORT env *env_of(const void *address);
 
 // Takes a free slot of the table and its lock; writes `window->self`. 0, or an errno value: EMFILE
 // when all slots are taken by live processes, EALREADY when `window` has a slot, else what fcntl(2)
-// says. A slot left by a dead process is taken only when no other is free, and its former holder is
-// recovered before this returns. `window->fd` is an open file description of its own. Safe beside
-// other joins, in this process and in others.
+// says. A slot left by a dead process is taken only when no other is free. An owner recovers its
+// former holder before this returns; who attaches waits for nobody and leaves that to others.
+// `window->fd` is an open file description of its own. Safe beside other joins, in this process and
+// in others.
 MFWD6_EXPORT int join(env *window, role as);
 
 // Gives the slot back. The caller has released all locks. Does nothing in the child of a fork.

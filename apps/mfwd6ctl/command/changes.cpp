@@ -263,7 +263,8 @@ void add_clear(CLI::App &program, const options &how) {
     clear->require_subcommand(1);
     clear->footer("Example:\n  mfwd6ctl clear signals");
     auto r = std::make_shared<request>();
-    CLI::App *command = clear->add_subcommand("signals", "Forget signals: all, or one");
+    CLI::App *command =
+        clear->add_subcommand("signals", "Forget the signals of a VRF, or one of them");
     auto *source = command->add_option("source", r->source, "Source")->type_name("SOURCE");
     auto *group = command->add_option("group", r->group, "Group")->type_name("GROUP");
     source->needs(group);

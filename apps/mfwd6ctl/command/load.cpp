@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 
@@ -66,6 +67,10 @@ class loader {
         }
         bar_.end();
         seconds_ = seconds_since(begin_);
+        // A line that was never sent is told of before those that were sent ahead of it.
+        std::stable_sort(
+            failures_.begin(), failures_.end(),
+            [](const line_failure &a, const line_failure &b) { return a.line < b.line; });
     }
 
     // Ends the command with what became of the lines.

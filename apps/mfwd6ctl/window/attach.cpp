@@ -81,6 +81,8 @@ failure cannot_attach(const std::string &folder, cerrno code) {
                     fmt::format("not permitted to open {}: it belongs to another user", file)};
         case SHMWIN_ERR_FILE_TYPE:
             return {exit_code::unusable, fmt::format("{} is no regular file", file)};
+        case EBUSY:
+            return {exit_code::failed, "the window has a live owner: end mfwd6d first"};
         case SHMWIN_ERR_PEERS_FULL:
             return {
                 exit_code::unusable,
@@ -95,10 +97,11 @@ failure cannot_attach(const std::string &folder, cerrno code) {
     }
 }
 
-cerrno open_window() {
+cerrno open_window(need what) {
     cerrno code = 0;
     for (int tries = 0; tries < making_tries; ++tries) {
-        code = ip6mc_shmwin_open(attach_only, 0);
+        code =
+            what == need::ownership ? ip6mc_shmwin_open(0, 1) : ip6mc_shmwin_open(attach_only, 0);
         if (code != SHMWIN_ERR_HALF_MADE) {
             return code;
         }
@@ -109,10 +112,9 @@ cerrno open_window() {
 
 void check_folder(const std::string &folder) {
     if (shmwin_set_run_dir(folder.c_str()) != 0) {
-        throw failure(exit_code::usage,
-                      fmt::format("\"{}\" cannot be a run dir: it must be an absolute path of at "
-                                  "most 200 characters",
-                                  folder));
+        throw failure(
+            exit_code::usage,
+            fmt::format("{}: the path of the run dir is too long, 200 characters at most", folder));
     }
 }
 
@@ -147,7 +149,7 @@ window::window(const options &how, need what) {
     check_folder(folder);
     diag_set_run_dir(no_folder);
     shmwin_set_wait_limit(patience_ms);
-    if (const cerrno code = open_window(); code != 0) {
+    if (const cerrno code = open_window(what); code != 0) {
         ip6mc_shmwin_close();
         throw cannot_attach(folder, code);
     }
@@ -176,7 +178,11 @@ window::~window() {
             terminate(attach_only, IPV4MC_TERMINATE_END);
         }
     }
-    ip6mc_shmwin_close();
+    if (generation() == generation_) {
+        ip6mc_shmwin_close();
+    } else {
+        shmwin_close(id(), 1);  // what the library would give back lay in the window as it was
+    }
 }
 
 void window::start_library(const std::string &folder, const options &how) {

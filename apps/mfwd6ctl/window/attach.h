@@ -1,4 +1,4 @@
-// The window, as this program has it: attached, never as owner.
+// The window, as this program has it: attached, but for one command that becomes its owner.
 //
 // Thread-safety: one thread.
 #ifndef MFWD6_APPS_MFWD6CTL_ATTACH_H
@@ -16,11 +16,13 @@ namespace ctl {
 
 // What a command needs of a window.
 enum class need {
-    header,   // the header and the window service: works in a window that is full, too
-    library,  // lookups and walks as well; takes one small block of the window while it is open
+    header,     // the header and the window service: works in a window that is full, too
+    library,    // lookups and walks as well; takes one small block of the window while it is open
+    ownership,  // as `header`, as the window's owner. A window that is damaged is made anew: look
+                // first
 };
 
-// Attached from its making to its end. The owner need not live. What this process does leaves no
+// Open from its making to its end. The owner need not live. What this process does leaves no
 // trace files behind: they would push out those of processes that died.
 class window {
   public:

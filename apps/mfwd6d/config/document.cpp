@@ -298,6 +298,25 @@ std::string document_text(const document &d) {
     return text;
 }
 
+bool document::is_empty() const {
+    return routes.empty() && vrfs.empty() && interfaces.empty() && joins.empty();
+}
+
+bool document::same_but_routes(const document &other) const {
+    const auto same_vrf = [](const auto &a, const auto &b) {
+        return a.first == b.first && a.second.table_id == b.second.table_id &&
+               a.second.interfaces == b.second.interfaces;
+    };
+    const auto same_interface = [](const auto &a, const auto &b) {
+        return a.first == b.first && a.second.enabled == b.second.enabled &&
+               a.second.ttl == b.second.ttl && a.second.boundary == b.second.boundary;
+    };
+    return joins == other.joins &&
+           std::equal(vrfs.begin(), vrfs.end(), other.vrfs.begin(), other.vrfs.end(), same_vrf) &&
+           std::equal(interfaces.begin(), interfaces.end(), other.interfaces.begin(),
+                      other.interfaces.end(), same_interface);
+}
+
 bool read_document(const std::string &path, const file_reader &reader, document *out,
                    std::string *error) {
     *out = {};

@@ -66,6 +66,10 @@ struct document {
     std::set<std::string> joins;  // mgroup lines, in line_text form
     std::unordered_map<route_key, route_wish, route_key_hash> routes;
     std::vector<std::string> warnings;
+
+    bool is_empty() const;
+    // All but routes and warnings.
+    bool same_but_routes(const document &other) const;
 };
 
 // How files are read. Both give a sentence, empty for success.

@@ -31,6 +31,8 @@ class child {
     outcome start(uint64_t now_ms);
     // It said that it works.
     void ready() { ready_ = true; }
+    // A word of its command is not for later starts.
+    void drop_word(const std::string &word) { std::erase(command_, word); }
     bool was_ready() const { return ever_ready_ || ready_; }
     void close_link();
     void signal(int number) const;

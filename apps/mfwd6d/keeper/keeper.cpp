@@ -26,7 +26,10 @@ namespace {
 using keeper::message;
 using keeper::what;
 
-constexpr uint64_t patience_ms = 5000;  // for a child that was told to end
+// For a child that was told to end. The owner may have a hundred thousand routes to take out.
+constexpr uint64_t patience_ms = 5000;
+constexpr uint64_t owner_patience_ms = 60000;
+constexpr char new_window_word[] = "--new-window";
 constexpr int flow_buffer_bytes = 1 << 20;
 
 uint64_t now_ms() {
@@ -49,7 +52,7 @@ std::vector<std::string> owner_command(const options &o) {
         command.insert(command.end(), {"--config", o.config});
     }
     if (o.new_window) {
-        command.emplace_back("--new-window");
+        command.emplace_back(new_window_word);
     }
     if (!o.to_syslog) {
         command.emplace_back("--no-syslog");
@@ -326,6 +329,7 @@ cerrno keeper_process::give(child &c, const message &asked, int *fd) {
     }
     if (asked.kind == what::ask_ready) {
         c.ready();
+        c.drop_word(new_window_word);
         return 0;
     }
     if (!is_owner) {
@@ -407,7 +411,7 @@ void keeper_process::end_owner() {
         after_owner();
         return;
     }
-    until_ms_ = now_ms() + patience_ms;
+    until_ms_ = now_ms() + owner_patience_ms;
     if (keeper::send_message(owner_.link(), {what::stop, keep_ ? 1U : 0U}, -1) != 0) {
         owner_.signal(SIGTERM);
     }

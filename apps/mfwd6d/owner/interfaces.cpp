@@ -32,6 +32,13 @@ cerrno announce(ifhtype ifh, const std::string &name, ipv4mc_idb_st **record) {
     return 0;
 }
 
+// An owner died between taking the name away and giving it to another handle.
+void name_again(ipv4mc_idb_st *record) {
+    const group change;
+    ip6mc_idb_insert_in_name_tree(record);
+    store(record->tree_flags, static_cast<uint8_t>(record->tree_flags | IPV4MC_IDB_TREE_NAME));
+}
+
 // The route gets an entry like `entry` on `to`, or what `entry` has is added to the one that it has
 // there; then `entry` goes.
 cerrno move_entry(ipv4mc_intf_entry_st *entry, ipv4mc_idb_st *to) {
@@ -92,6 +99,9 @@ outcome interfaces::start() {
             i.ifh = record->ifh;
             i.record = record;
             by_handle_[i.ifh] = &i;
+            if (!named) {
+                name_again(record);
+            }
         } else {
             left_behind_.push_back(record);
         }
@@ -182,7 +192,8 @@ void interfaces::appeared(uint32_t index, std::string_view name) {
     interface &i = known != nullptr ? *known : add(name);
     i.index = index;
     by_index_[index] = &i;
-    if (i.ifh == 0 || i.ifh >= absent_handles) {
+    // Where nothing names the handle any more, the link's own index is as good as any.
+    if (i.record == nullptr || i.ifh >= absent_handles) {
         set_handle(i, index);
         if (!left_behind_.empty() || i.has_settings()) {
             const outcome made = need_record(i);
@@ -196,9 +207,15 @@ void interfaces::appeared(uint32_t index, std::string_view name) {
 // The record stays while routes name the interface; they go on when it comes again.
 void interfaces::disappeared(uint32_t index) {
     const auto at = by_index_.find(index);
-    if (at != by_index_.end()) {
-        at->second->index = 0;
-        by_index_.erase(at);
+    if (at == by_index_.end()) {
+        return;
+    }
+    interface &i = *at->second;
+    i.index = 0;
+    by_index_.erase(at);
+    if (i.record != nullptr && i.record->route_count == 0 && !i.has_settings()) {
+        release_record(i.record);
+        i.record = nullptr;
     }
 }
 

@@ -25,6 +25,7 @@ namespace mfwd6::daemon {
 namespace {
 
 constexpr uint32_t flows_of_turn = 64;
+constexpr int signal_pause_ms = 10;
 constexpr uint32_t blocks_of_turn = 4096;
 constexpr mode_t folder_mode = 0700;
 
@@ -228,7 +229,8 @@ void owner_process::run() {
             shutdown_asked_ = false;
             link_.shut_down(shutdown_keeps_);
         }
-        const cerrno rc = event_manager_run_once(evm_, more ? 0 : -1, nullptr);
+        const int wait_ms = more ? 0 : routes_changed_ ? signal_pause_ms : -1;
+        const cerrno rc = event_manager_run_once(evm_, wait_ms, nullptr);
         if (rc != 0 && rc != EINTR) {
             say(weight::error, "the event loop: {}", cerr_strerror(rc));
             return;
@@ -236,12 +238,15 @@ void owner_process::run() {
     }
 }
 
-// Not between the slices of a bulk load: once behind it.
+// Not between the slices of a bulk load, and not for each of many commands: all signals are looked
+// at.
 void owner_process::end_signals_of_routes(bool more_work) {
-    if (!routes_changed_ || more_work) {
+    const uint64_t now = monotonic_ns();
+    if (!routes_changed_ || more_work || now - signals_ended_ns_ < signal_pause_ms * 1'000'000ULL) {
         return;
     }
     routes_changed_ = false;
+    signals_ended_ns_ = now;
     for (const auto &[name, t] : state_->all_tables().all()) {
         end_answered_signals(t);
     }

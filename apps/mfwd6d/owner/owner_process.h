@@ -88,7 +88,8 @@ class owner_process {
     bool shutdown_asked_ = false;  // by a command that has not been answered yet
     bool shutdown_keeps_ = false;
     bool routes_changed_ = false;  // since signals were compared with routes
-    config::line line_;            // of the command at hand
+    uint64_t signals_ended_ns_ = 0;
+    config::line line_;  // of the command at hand
 
     // For `status`.
     uint64_t started_ns_ = 0;

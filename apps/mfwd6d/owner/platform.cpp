@@ -1,58 +1,45 @@
 #include "apps/mfwd6d/owner/platform.h"
 
-#include <dlfcn.h>
+#include <stdexcept>
+
+#include "apps/platform/platform_choice.h"
 
 namespace mfwd6::daemon {
 namespace {
 
-class symbols {
-  public:
-    explicit symbols(void *object) : object_(object) {}
+// A function of the loaded platform; false when it has none of that name.
+template <class Function>
+bool find(const char *name, Function *function) {
+    *function = reinterpret_cast<Function>(apps::platform_symbol(name));
+    return *function != nullptr;
+}
 
-    template <class Function>
-    bool find(const char *name, Function *function) const {
-        *function = reinterpret_cast<Function>(dlsym(object_, name));
-        return *function != nullptr;
-    }
-
-  private:
-    void *object_;
-};
-
-bool find_linux(const symbols &object, platform *p) {
-    return object.find("linux_use_sockets", &p->use_sockets) &&
-           object.find("linux_set_folder", &p->set_folder) &&
-           object.find("linux_set_interface_table", &p->set_interface_table) &&
-           object.find("linux_set_boundary", &p->set_boundary) &&
-           object.find("linux_resync", &p->resync) &&
-           object.find("linux_answer_flow", &p->answer_flow) && object.find("linux_age", &p->age) &&
-           object.find("linux_get_status", &p->get_status);
+bool find_linux(platform *p) {
+    return find("linux_use_sockets", &p->use_sockets) && find("linux_set_folder", &p->set_folder) &&
+           find("linux_set_interface_table", &p->set_interface_table) &&
+           find("linux_set_boundary", &p->set_boundary) && find("linux_resync", &p->resync) &&
+           find("linux_answer_flow", &p->answer_flow) && find("linux_age", &p->age) &&
+           find("linux_get_status", &p->get_status);
 }
 
 }  // namespace
 
 std::string load_platform(const std::string &name, platform *out) {
     *out = {};
-    if (name.empty() ||
-        name.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789_") != std::string::npos) {
-        return "\"" + name + "\" is no name of a platform";
+    try {
+        apps::load_platform(name);
+    } catch (const std::runtime_error &e) {
+        return e.what();
     }
-    const std::string file = "libip6mc_platform_" + name + ".so";
-    // Global: the library finds the platform's functions there when it first calls each.
-    void *object = dlopen(file.c_str(), RTLD_NOW | RTLD_GLOBAL);
-    if (object == nullptr) {
-        return "platform " + name + ": " + dlerror();
-    }
-    const symbols found(object);
     out->name = name;
-    if (!found.find("ip6mc_platform_enumerate", &out->enumerate) ||
-        !found.find("ip6mc_platform_remove_held", &out->remove_held)) {
-        return file + " is no platform";
+    if (!find("ip6mc_platform_enumerate", &out->enumerate) ||
+        !find("ip6mc_platform_remove_held", &out->remove_held)) {
+        return "platform " + name + " cannot tell what it holds";
     }
-    if (name == "linux" && !find_linux(found, out)) {
-        return file + " is of another version";
+    if (name == "linux" && !find_linux(out)) {
+        return "platform " + name + " is of another version";
     }
-    found.find("sim_hardware_open", &out->open_hardware);
+    find("sim_hardware_open", &out->open_hardware);
     return "";
 }
 

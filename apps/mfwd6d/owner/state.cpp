@@ -105,6 +105,7 @@ void state::after_resync() {
             tell_failure(interfaces_.apply_settings(i));
         }
     });
+    join_patterns_of_new_interfaces();
 }
 
 outcome state::save_settings() const {
@@ -147,25 +148,42 @@ outcome state::and_save(const Fn &change) {
 
 void state::appeared(uint32_t index, const char *name) {
     interfaces_.appeared(index, name);
-    const interface *i = interfaces_.find(name);
-    memberships_.appeared(*i);
-    // Lines of the configuration with a '+' mean this interface too.
+    interface &i = *interfaces_.find(name);
+    memberships_.appeared(i);
+    join_patterns(i);
+}
+
+// Lines of the configuration with a '+' mean this interface too.
+void state::join_patterns(interface &i) {
     for (const auto &[key, wish] : applied_.routes) {
+        const table *t = tables_.find(key.vrf);
         for (const std::string &pattern : wish.from) {
-            table *t = tables_.find(key.vrf);
-            if (pattern.back() != '+' || !name_matches(pattern, i->name) || t == nullptr ||
-                i->vrf != t->vrf) {
+            if (t == nullptr || pattern.back() != '+' || i.vrf != t->vrf ||
+                !name_matches(pattern, i.name)) {
                 continue;
             }
             const route_id id = make_route_id(*t, key.source, key.group);
             if (routes::find(id) != nullptr) {
-                const outcome o =
-                    routes_.add_ports(id, {{interfaces_.find(name), MRIB_INTF_ACCEPT}});
-                if (o.failed()) {
-                    say(weight::error, "{}: {}", wish.where.text(), o.text);
-                }
+                tell_failure(routes_.add_ports(id, {{&i, MRIB_INTF_ACCEPT}}));
             }
         }
+    }
+}
+
+// An interface that came while there was no owner: nothing in the window knows it.
+void state::join_patterns_of_new_interfaces() {
+    bool has_patterns = false;
+    for (const auto &[key, wish] : applied_.routes) {
+        for (const std::string &name : wish.from) {
+            has_patterns = has_patterns || name.back() == '+';
+        }
+    }
+    if (has_patterns) {
+        interfaces_.each([&](interface &i) {
+            if (i.index != 0 && i.record == nullptr) {
+                join_patterns(i);
+            }
+        });
     }
 }
 
@@ -348,14 +366,27 @@ outcome state::set_interface(const interface_request &request) {
     if (i == nullptr) {
         return failure(ENODEV, fmt::format("there is no interface {}", request.name));
     }
-    const interface_request before{i->name, i->enabled, i->ttl, request.sets_boundary, i->boundary};
+    const config::switch_word enabled_before = i->enabled;
+    const uint8_t ttl_before = i->ttl;
     return and_save([&] {
         outcome o = set_one(*i, request);
         if (o.failed()) {
-            set_one(*i, before);
+            restore_interface(*i, enabled_before, ttl_before);
         }
         return o;
     });
+}
+
+// The boundary is set last: it needs no restoring.
+void state::restore_interface(interface &i, config::switch_word enabled, uint8_t ttl) {
+    if (i.enabled != enabled) {
+        const bool was_none = enabled == config::switch_word::none;
+        tell_failure(interfaces_.set_enabled(i, was_none ? config::switch_word::disable : enabled));
+        i.enabled = enabled;
+    }
+    if (i.ttl != ttl) {
+        tell_failure(interfaces_.set_ttl(i, ttl));
+    }
 }
 
 outcome state::remove_phyint(interface &i, const config::line &l) {
@@ -446,12 +477,18 @@ class state::application {
         : s_(*s), old_(s->applied_), wanted_(wanted), now_(wanted), problem_(problem) {}
 
     applied_counts run() {
+        others_changed_ = !wanted_.same_but_routes(old_);
         forget_routes();
         change_tables();
         change_interfaces();
         change_joins();
         make_routes();
         return counts_;
+    }
+
+    // Whether the files of the run dir have to say something else now.
+    bool changed_anything() const {
+        return counts_.made + counts_.gone + counts_.failed != 0 || others_changed_;
     }
 
     // What is in force now: all that was asked for, but what failed.
@@ -608,14 +645,19 @@ class state::application {
     config::document now_;
     const std::function<void(const std::string &problem)> &problem_;
     applied_counts counts_;
+    bool others_changed_ = false;
     std::set<std::string> told_;
 };
 
 state::applied_counts state::apply(const config::document &wanted,
                                    const std::function<void(const std::string &problem)> &problem) {
+    const bool is_first = applied_.is_empty();
     application run(this, wanted, problem);
     const applied_counts counts = run.run();
     applied_ = run.result();
+    if (!is_first && !run.changed_anything()) {
+        return counts;
+    }
     const outcome saved = save_settings();
     const std::string written = config::replace_file(run_dir_ + "/" + applied_file,
                                                      stamp() + config::document_text(applied_));

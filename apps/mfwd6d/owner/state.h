@@ -93,6 +93,8 @@ class state {
     void forget_files() const;
 
   private:
+    void join_patterns(interface &i);
+    void join_patterns_of_new_interfaces();
     outcome make_route(const route_request &request, bool may_await);
     outcome ports_of(const route_request &request, const table &t, bool may_await);
     outcome add_port(const table &t, std::string_view name, uint64_t bit, bool may_await);
@@ -103,6 +105,7 @@ class state {
     outcome phyint_line(const config::line &l);
     outcome remove_phyint(interface &i, const config::line &l);
     outcome set_one(interface &i, const interface_request &request);
+    void restore_interface(interface &i, config::switch_word enabled, uint8_t ttl);
     outcome load_settings();
     outcome save_settings() const;
     template <class Fn>

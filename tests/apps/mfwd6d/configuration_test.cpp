@@ -224,7 +224,14 @@ TEST_F(Configuration, NamesWithPlusTakeAllInboundInterfaces) {
     ASSERT_TRUE(bed::shell("ip link add wan17 type veth peer name peer17"));
     EXPECT_TRUE(
         becomes([&] { return routes() == texts{"default (*,ff3e::1) in wan0 wan17 out eth1"}; }));
-    bed::shell("ip link del wan0; ip link del wan17");
+    // One that comes while there is no owner.
+    const pid_t owner = bed::owner_pid(dir);
+    kill(owner, SIGSTOP);
+    ASSERT_TRUE(bed::shell("ip link add wan18 type veth peer name peer18"));
+    kill(owner, SIGKILL);
+    ASSERT_TRUE(daemon->ready());
+    EXPECT_EQ(routes(), texts{"default (*,ff3e::1) in wan0 wan17 wan18 out eth1"});
+    bed::shell("ip link del wan0; ip link del wan17; ip link del wan18");
 }
 
 }  // namespace

@@ -266,6 +266,37 @@ TEST_P(TableOperation, DeactivationKeepsBothTablesAndTheName) {
     EXPECT_EQ(live_blocks(), before);
 }
 
+TEST_P(TableOperation, ATableWithoutANameKeepsItsIdWhenItIsDeactivated) {
+    ipv4mc_table_st *vrf = nullptr;
+    ASSERT_EQ(operate(9, 5, 6, nullptr, &vrf), 0U);
+    const counts with_one = live_blocks();
+    ipv4mc_table_st *given = vrf;
+    ASSERT_EQ(operate(10, 0, 0, nullptr, &given), 0U);
+    EXPECT_EQ(vrf->active, 0U);
+    EXPECT_EQ(find(6, nullptr), vrf);
+    EXPECT_EQ(faults(), "");
+    EXPECT_EQ(operate(9, 5, 6, nullptr, &given), 0U);
+    EXPECT_EQ(given, vrf);
+    EXPECT_EQ(live_blocks(), with_one);
+    ASSERT_EQ(operate(10, 0, 0, nullptr, &given), 0U);
+    // Also by its record alone: the platform is told which one it is.
+    EXPECT_EQ(operate(4, 0, 0, nullptr, &given), 0U);
+    EXPECT_EQ(find(6, nullptr), nullptr);
+}
+
+TEST_P(TableOperation, ATableWhoseNameAnotherOneHasKeepsItsIdToo) {
+    ipv4mc_table_st *red = make_red();
+    ipv4mc_table_st *second = nullptr;
+    ASSERT_EQ(operate(9, 7, 8, "red", &second), 0U);
+    ASSERT_EQ(find(0, "red"), red);
+    ipv4mc_table_st *given = second;
+    ASSERT_EQ(operate(10, 0, 0, nullptr, &given), 0U);
+    EXPECT_EQ(find(8, nullptr), second);
+    ASSERT_EQ(operate(4, 0, 8, nullptr, &given), 0U);
+    EXPECT_EQ(find(8, nullptr), nullptr);
+    EXPECT_EQ(find(0, "red"), red);
+}
+
 TEST_P(TableOperation, ReactivationWithANewIdDeletesTheTableLeftBehind) {
     ipv4mc_table_st *vrf = make_red();
     const counts with_one = live_blocks();

@@ -55,6 +55,20 @@ TEST_P(InheritForward, ChildrenTurnToAParentThatComesAndHearOfItAfterIt) {
         rig::has_text(heard.lines(IPV4_DEBUG_EV), "Route (2001:db8::1,ff3e::2/256) IA not set"));
 }
 
+TEST_P(InheritForward, ALeafWhoseCommitWasRefusedNamesNoParent) {
+    auto *parent = add(table, star_g("ff3e::", 32), IF);
+    auto *child = create(table, sg(1));
+    child->attributes = IA;
+    sim_arm_fault(SIM_OP_ROUTE, IPV4MC_ACTION_COMMIT, 0, 1, EIO);
+    EXPECT_EQ(commit(table, child, 1), cerrno{EIO});
+    EXPECT_EQ(child->IF_parent, nullptr);
+    // The parent may go meanwhile; the leaf may come without IA.
+    EXPECT_EQ(rig::erase(table, parent), 0U);
+    child->attributes = 0;
+    EXPECT_EQ(commit(table, child, 1), 0U);
+    EXPECT_EQ(child->IF_parent, nullptr);
+}
+
 TEST_P(InheritForward, ChildrenLeaveAParentThatGoesBeforeThePlatformHearsOfIt) {
     auto *grand = add(table, star_g("ff00::", 8), IF);
     auto *parent = add(table, star_g("ff3e::", 32), IA | IF);

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <numeric>
 
+#include "services/diag/messages.h"
 #include "tests/platforms/linux/router.h"
 
 namespace {
@@ -99,6 +100,17 @@ TEST(LinuxInterfaces, UnknownFlowsOfAVrfAreReportedThere) {
     EXPECT_EQ(bed::owner::status().most_interfaces, 0U);
     EXPECT_EQ(r.forward(1, S1, "ff3e::2"), list{});
     EXPECT_TRUE(r.reports.empty());
+}
+
+TEST(LinuxInterfaces, ALinkMayBeTakenIntoAVrfBeforeItIsThere) {
+    ROUTER_OR_SKIP(r, {2});
+    (void)r.o->table(red, "red");
+    ASSERT_EQ(linux_set_interface_table(net::network::handle(1), red), 0U);
+    r.net.add(1, net::network::handle(1));
+    linux_age(1);
+    EXPECT_EQ(r.forward(1, S1, G1), list{});
+    ASSERT_EQ(r.reports.size(), 1U);
+    EXPECT_EQ(r.reports[0].flow.kernel_table, red);
 }
 
 TEST(LinuxInterfaces, ATableNumberThatTheKernelHasNotIsRefused) {
@@ -228,8 +240,15 @@ TEST(LinuxInterfaces, MoreGroupsThanNeighboursAreCounted) {
         // Another source of a group takes no more neighbours.
         ASSERT_EQ(r.o->add(r.table, sg("2001:db8::2", group), {{1, A}, {2, F}}), 0U);
     }
+    static std::vector<std::string> told;
+    qv_syslog_set_sink([](void *, uint32_t, const char *line) { told.push_back(line); }, nullptr);
     EXPECT_EQ(bed::owner::status().neighbours_wanted, (limit / 2 + 1) * 2);
     EXPECT_EQ(bed::owner::status().neighbours_short, 1U);
+    linux_age(1000);
+    linux_age(2000);
+    qv_syslog_set_sink(nullptr, nullptr);
+    ASSERT_EQ(told.size(), 1U);  // once
+    EXPECT_NE(told[0].find("gc_thresh3"), std::string::npos) << told[0];
 }
 
 }  // namespace

@@ -25,7 +25,6 @@ using bed::F;
 using bed::key;
 
 constexpr uint32_t red = 100;
-constexpr uint32_t links = 6;
 
 // The keeper's side: sockets that exist before the owners do, and stay.
 class held_sockets {
@@ -398,11 +397,15 @@ TEST(LinuxKill, NoPacketIsLostWhileOwnersDieAndComeBack) {
     network.received(2);
     network.received(3);
     constexpr uint32_t packets = 10000;  // 5,000 a second, of two flows
-    std::map<uint32_t, std::vector<net::packet>> got;
+    std::map<uint32_t, size_t> got;
     std::thread sender([&] {
         const auto begin = std::chrono::steady_clock::now();
         for (uint32_t n = 1; n <= packets; ++n) {
             network.send(1, {"2001:db8::1", n % 2 == 0 ? "ff3e::1" : "ff3e:1::5", n, 64});
+            // Receivers of a user without privileges have small buffers.
+            for (uint32_t link = 2; n % 16 == 0 && link <= 4; ++link) {
+                got[link] += network.received(link).size();
+            }
             std::this_thread::sleep_until(begin + std::chrono::microseconds(200) * n);
         }
     });
@@ -415,7 +418,8 @@ TEST(LinuxKill, NoPacketIsLostWhileOwnersDieAndComeBack) {
     }
     sender.join();
     for (const uint32_t link : {2U, 3U, 4U}) {
-        EXPECT_EQ(network.wait_for(link, packets).size(), packets) << "link " << link;
+        EXPECT_EQ(got[link] + network.wait_for(link, packets - got[link]).size(), packets)
+            << "link " << link;
     }
 }
 

@@ -1,5 +1,7 @@
 // What a new owner finds, keeps, makes again and takes out; and lifetimes of flows.
 #include <netinet/in.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -176,6 +178,78 @@ TEST(LinuxResync, RecordsThatChangedBeforeTheKernelWasToldAreFound) {
     EXPECT_GE(counts.programmed, 1U);
     EXPECT_EQ(r.forward(1, S1, "ff3e::1"), list{});
     EXPECT_EQ(r.forward(1, S1, "ff3e::2"), list{2});
+}
+
+TEST(LinuxResync, RulesStandOnceAndGoWithTheirTable) {
+    ROUTER_OR_SKIP(r, {1, 2, 3});
+    ipv4mc_table_st *red = r.o->table(100, "red");
+    ASSERT_EQ(r.o->add(red, sg(S1, G1), {{1, A}, {2, F}}), 0U);
+    const auto rules = [] {
+        FILE *ip = popen("ip -6 mrule show | grep -c 'lookup 100'", "r");
+        int count = -1;
+        EXPECT_EQ(fscanf(ip, "%d", &count), 1);
+        pclose(ip);
+        return count;
+    };
+    EXPECT_EQ(rules(), 2);
+    r.restart();
+    // Settings come before resync, as in a program.
+    ASSERT_EQ(linux_set_interface_table(net::network::handle(3), 100), 0U);
+    bed::owner::resync();
+    EXPECT_EQ(rules(), 4);
+    EXPECT_EQ(r.forward(1, S1, G1), list{2});
+    // An owner that dies in its beginning and one that ends it all.
+    r.restart();
+    r.o.reset();
+    EXPECT_EQ(rules(), 0);
+    EXPECT_EQ(bed::kernel_entries(100).size(), 0U);
+}
+
+// A folder of its own on a file system of so many kilobytes.
+class small_folder {
+  public:
+    explicit small_folder(const char *size) {
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mkdtemp(path_) == nullptr ||
+            mount("tmpfs", path_, "tmpfs", 0, (std::string("size=") + size).c_str()) != 0) {
+            path_[0] = 0;
+        }
+    }
+    ~small_folder() {
+        umount(path_);
+        rmdir(path_);
+    }
+    const char *path() const { return path_; }
+
+  private:
+    char path_[64] = "/tmp/mfwd6-small-XXXXXX";
+};
+
+TEST(LinuxResync, AFullFileSystemIsACode) {
+    ROUTER_OR_SKIP(r, {1, 2});
+    r.o.reset();
+    {
+        const small_folder folder("512k");
+        if (folder.path()[0] == 0) {
+            std::cout << "skipped: no file system may be mounted\n";
+            GTEST_SKIP();
+        }
+        ASSERT_EQ(linux_set_folder(folder.path()), 0U);
+        EXPECT_EQ(kit::start_library(), uint32_t{ENOSPC});
+        EXPECT_EQ(ip6mc_lib_terminate(0, 0), 0U);
+    }
+    const small_folder folder("1400k");  // for the ledger, not for flows
+    r.o = std::make_unique<bed::owner>(folder.path());
+    r.table = r.o->table();
+    ASSERT_EQ(r.o->add(r.table, sg(S1, G1), {{1, A}, {2, F}}), 0U);
+    ASSERT_EQ(r.o->add(r.table, any("ff3e:1::", 32), {{1, A}, {2, F}}), 0U);
+    EXPECT_EQ(r.forward(1, S1, "ff3e:1::1"), list{});
+    ASSERT_EQ(r.reports.size(), 1U);
+    EXPECT_EQ(r.reports[0].code, uint32_t{ENOSPC});
+    EXPECT_EQ(bed::owner::status().full, 1U);
+    EXPECT_EQ(r.forward(1, S1, G1), list{2});
+    r.o.reset();
 }
 
 TEST(LinuxResync, WindowThatEndsTakesTheKernelsEntriesWithIt) {

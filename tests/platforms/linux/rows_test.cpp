@@ -70,6 +70,33 @@ TEST_P(LinuxRows, PacketsGoWhereTheRowSays) {
     EXPECT_EQ(signalled, row.signalled == 1 || row.verdict == forwarding::no_route);
 }
 
+TEST(LinuxLocalCopy, ComesAgainWithItsLink) {
+    ROUTER_OR_SKIP(r, {1, 2, 3});
+    receiver node;
+    const bed::key key = bed::sg("2001:db8::1", "ff3e::1");
+    ASSERT_EQ(r.o->add(r.table, key, {{1, bed::A}, {2, bed::F}, {3, bed::L}}), 0U);
+    r.forward(1, key.source, key.group);
+    EXPECT_TRUE(node.got());
+    r.net.remove(1);
+    r.net.add(1);
+    linux_age(1);
+    r.forward(1, key.source, key.group);
+    EXPECT_TRUE(node.got());
+    // Another route of the group holds it, too; the last one ends it.
+    const bed::key other = bed::sg("2001:db8::2", "ff3e::1");
+    ASSERT_EQ(r.o->add(r.table, other, {{1, bed::A}, {3, bed::L}}), 0U);
+    ASSERT_EQ(r.o->set_leg(r.table, key, {3, 0}), 0U);
+    r.forward(1, other.source, other.group);
+    EXPECT_TRUE(node.got());
+    r.restart();
+    bed::owner::resync();
+    r.forward(1, other.source, other.group);
+    EXPECT_TRUE(node.got());
+    ASSERT_EQ(r.o->remove(r.table, other), 0U);
+    r.forward(1, other.source, other.group);
+    EXPECT_FALSE(node.got());
+}
+
 INSTANTIATE_TEST_SUITE_P(Rows, LinuxRows, testing::Range<size_t>(0, std::size(forwarding::rows)));
 
 }  // namespace

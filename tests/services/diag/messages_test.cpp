@@ -8,6 +8,8 @@
 #include <thread>
 #include <vector>
 
+#include "services/events/ptimer.h"
+
 namespace {
 
 constexpr uint64_t second = 1'000'000'000;
@@ -74,6 +76,23 @@ TEST_F(Messages, WithinTheLimitOneMessageGoesOutAndTheRestAreCounted) {
               "ROUTING-IPV4_MLIB-5-PER_PREFIX: 5 messages suppressed in the last 60 seconds");
     EXPECT_EQ(lines[2], "ROUTING-IPV4_MLIB-5-PER_PREFIX: e f");
     EXPECT_EQ(orv_msg_suppressed(&per_prefix), 0U);
+}
+
+TEST_F(Messages, TheLimitsGoByTheClockOfPassiveTimers) {
+    static const orv_msg_rec own = {5, "%d", &minute, "F", "C", "BY_THE_CLOCK", 2};
+    orv_msg_set_clock(nullptr);
+    ptimer_test_clock_on();
+    orv_errmsg(&own, 5, 1);
+    EXPECT_EQ(ptimer_test_clock_advance(60 * second - 1), 0U);
+    orv_errmsg(&own, 5, 2);
+    EXPECT_EQ(lines.size(), 1U);
+    EXPECT_EQ(ptimer_test_clock_advance(1), 0U);
+    orv_msg_tick();
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[1], "C-F-5-BY_THE_CLOCK: 1 messages suppressed in the last 60 seconds");
+    orv_errmsg(&own, 5, 3);
+    EXPECT_EQ(lines.size(), 3U);
+    ptimer_test_clock_off();
 }
 
 TEST_F(Messages, EachRecordHasItsOwnLimit) {

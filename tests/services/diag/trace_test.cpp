@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <thread>
@@ -352,6 +353,74 @@ TEST_F(Trace, ConcurrentWritersAndAReaderSeeWholeRecordsOnly) {
         writer.join();
     }
     EXPECT_GT(seen, 500U);
+    ltrace_close(reader);
+}
+
+// Three writers that never get a turn of the ring ahead, and a reader that polls: it often comes
+// while a position is taken and its record not finished, and must see that record all the same.
+TEST_F(Trace, AReaderThatPollsSeesEveryRecordThatIsNotOverwritten) {
+    ltrace_handle *handle = ip6mc_mlib_objid_ltrace();
+    ltrace_reader *reader = nullptr;
+    ASSERT_EQ(ltrace_open_handle(handle, &reader), 0U);
+    constexpr uint64_t each = 8000;
+    constexpr uint64_t writing = 3;
+    constexpr uint64_t ahead = 50;  // records of up to 4 slots, of 2048
+    std::atomic<uint64_t> seen_of[writing] = {};
+    std::vector<std::thread> writers;
+    for (uint64_t t = 0; t < writing; ++t) {
+        writers.emplace_back([&seen_of, handle, t] {
+            for (uint64_t i = 0; i < each; ++i) {
+                while (i > seen_of[t] + ahead) {
+                    std::this_thread::yield();
+                }
+                if (i % 8 == 0) {
+                    _lstrace(handle, t << 32U | i, nullptr, std::string(i % 300, 'x').c_str());
+                } else {
+                    _ltrace_2(handle, t << 32U | i, i, i);
+                }
+            }
+        });
+    }
+    uint64_t next[writing] = {};
+    ltrace_record r;
+    while (next[0] + next[1] + next[2] < writing * each && !HasFailure()) {
+        while (ltrace_next(reader, &r) == 1) {
+            const uint64_t t = r.id >> 32U;
+            EXPECT_EQ(r.id & 0xffffffffU, next[t]) << "of writer " << t;
+            next[t] = (r.id & 0xffffffffU) + 1;
+            seen_of[t] = next[t];
+        }
+    }
+    for (auto &seen : seen_of) {
+        seen = each;  // lets all writers end
+    }
+    for (std::thread &writer : writers) {
+        writer.join();
+    }
+    ltrace_ring_info info;
+    ltrace_info(reader, &info);
+    EXPECT_EQ(info.dropped, 0U);
+    ltrace_close(reader);
+}
+
+// A record that stays unfinished holds a reader up for a moment only, and once.
+TEST_F(Trace, ARecordThatIsNotFinishedIsNotWaitedForLong) {
+    for (uint64_t i = 0; i < 10; ++i) {
+        _ltrace(ip6mc_mlib_svd_ltrace(), i);
+    }
+    const int fd = ::open(file_of(getpid(), "svd").c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    for (const uint64_t position : {2U, 3U, 4U, 5U, 6U}) {
+        const uint64_t busy = 2 * position + 1;
+        ASSERT_EQ(pwrite(fd, &busy, sizeof(busy), static_cast<off_t>(256 + position * 128)), 8);
+    }
+    close(fd);
+    ltrace_reader *reader = open(getpid(), "svd");
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(read_all(reader).size(), 5U);
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(took.count(), 0.015);  // the writer lives, it may come to its end
+    EXPECT_LT(took.count(), 0.5);
     ltrace_close(reader);
 }
 

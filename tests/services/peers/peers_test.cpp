@@ -165,10 +165,39 @@ TEST(Peers, DeadHolderOfTheSlotIsRecoveredBeforeJoinReturns) {
     for (uint32_t i = 1; i < peers::max_peers; ++i) {
         p.at->peers.slots[i].generation = peers::last_generation;
     }
-    ASSERT_EQ(p.open(), 0);
+    ASSERT_EQ(p.open(peers::role::owner), 0);
     EXPECT_EQ(peers::slot_of(p.env->self), 0U);
     EXPECT_EQ(p.at->words[3], 0U);
     EXPECT_EQ(p.at->peers.slots[0].predecessor, 0U);
+}
+
+TEST(Peers, WhoAttachesRecoversNobody) {
+    shared_page p;
+    for (uint32_t i = 1; i < peers::max_peers; ++i) {
+        p.at->peers.slots[i].generation = peers::last_generation;
+    }
+    peers::peer_id dead = 0;
+    {
+        child c([&](child &me) {
+            if (p.open() == 0) {
+                journal::bind_process(p.log(peers::domain::owner), p.env->self);
+                journal::group g;
+                journal::store(p.at->words[3], 77);
+                p.at->words[4] = p.env->self;
+                me.tell_and_hang('j');
+            }
+        });
+        ASSERT_EQ(c.hear(), 'j');
+        dead = static_cast<peers::peer_id>(p.at->words[4]);
+    }
+    child attaches([&](child &) {
+        p.recover = [](peers::env *, peers::peer_id) { _exit(7); };
+        _exit(p.open() == 0 && !peers::alive(p.env, dead) ? 0 : 1);
+    });
+    EXPECT_TRUE(test::exited_with(attaches.wait(), 0));
+    EXPECT_EQ(p.at->words[3], 77U);
+    ASSERT_EQ(p.open(peers::role::owner), 0);
+    EXPECT_EQ(p.at->words[3], 0U);
 }
 
 TEST(Peers, RecoveryThatItsJoinerDidNotFinishIsDoneByTheNext) {
@@ -190,13 +219,13 @@ TEST(Peers, RecoveryThatItsJoinerDidNotFinishIsDoneByTheNext) {
     for (int i = 0; i < 3; ++i) {
         child dies([&](child &) {
             p.recover = [](peers::env *, peers::peer_id) { _exit(7); };
-            p.open();
+            p.open(peers::role::owner);
         });
         EXPECT_TRUE(test::exited_with(dies.wait(), 7));
         EXPECT_EQ(p.at->words[3], 77U);
         EXPECT_NE(p.at->peers.slots[0].predecessor, 0U);
     }
-    ASSERT_EQ(p.open(), 0);
+    ASSERT_EQ(p.open(peers::role::owner), 0);
     EXPECT_EQ(p.at->words[3], 0U);
     EXPECT_EQ(p.at->peers.slots[0].predecessor, 0U);
 }

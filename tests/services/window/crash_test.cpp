@@ -1,8 +1,10 @@
 // The owner is killed at every journaled store of what it does to a window; so is whoever recovers
 // it. The next owner finds all of the change or nothing of it.
 #include <algorithm>
+#include <chrono>
 #include <climits>
 #include <functional>
+#include <map>
 
 #include "services/journal/journal.h"
 #include "services/window/epochs.h"
@@ -488,6 +490,60 @@ TEST_F(WindowCrash, HeldBlocksAreReusedOnceWhoeverDies) {
             break;
         }
     }
+}
+
+// An owner that is stopped, at whatever point, holds nobody up who attaches: there is a window, or
+// a reason why not.
+TEST_F(WindowCrash, AttachingNeverWaitsForAStoppedOwner) {
+    constexpr double bound_s = 2;  // of a loaded machine; a tenth of a second is what it may take
+    double longest = 0;
+    std::map<cerrno, int> codes;
+    make(furnish);
+    for (long step = 1;; ++step) {
+        SCOPED_TRACE("stopped at point " + std::to_string(step));
+        // It makes the window, or takes over one that is there.
+        const bool is_new = step % 2 == 0;
+        if (is_new) {
+            unlink(file().c_str());
+        }
+        const pid_t owner = start([&] {
+            steps_left = (step + 1) / 2;
+            journal::crash_hook = [] {
+                if (--steps_left == 0) {
+                    raise(SIGSTOP);
+                }
+            };
+            opened o = open_as(true);
+            if (o.code == 0 && is_new) {
+                furnish(o);
+            }
+            rearrange(o);
+            return 0;
+        });
+        int status = 0;
+        ASSERT_EQ(waitpid(owner, &status, WUNTRACED), owner);
+        const auto begin = std::chrono::steady_clock::now();
+        opened client = open_as(false);
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+        longest = std::max(longest, took.count());
+        ++codes[client.code];
+        EXPECT_TRUE(client.code == 0 || client.code == SHMWIN_ERR_HALF_MADE ||
+                    client.code == SHMWIN_ERR_NO_WINDOW)
+            << client.code;
+        if (client.code == 0) {
+            client.close();
+        }
+        if (WIFEXITED(status)) {
+            break;
+        }
+        ++kills_;
+        kill(owner, SIGKILL);
+        ASSERT_EQ(waitpid(owner, &status, 0), owner);
+        make(furnish);
+    }
+    EXPECT_LT(longest, bound_s);
+    EXPECT_GT(codes[0], 10);
+    EXPECT_GT(codes[SHMWIN_ERR_HALF_MADE], 3);
 }
 
 TEST_F(WindowCrash, ResetLeavesAllOrAnEmptyWindow) {

@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "services/diag/errors.h"
+#include "services/journal/journal.h"
 #include "services/window/layout.h"
 #include "tests/services/window/support.h"
 
@@ -115,8 +116,21 @@ TEST_F(WindowOpen, BadArgumentsAreRefused) {
         std::memcpy(bad.name, name, strnlen(name, sizeof(bad.name) - 1));
         EXPECT_EQ(shmwin_open_win(&bad, &header, &id), static_cast<cerrno>(EINVAL)) << name;
     }
-    r.open_flags = 1;
-    EXPECT_EQ(shmwin_open_win(&r, &header, &id), static_cast<cerrno>(EINVAL));
+    using spoil = void (*)(shmwin_open_record *);
+    for (const spoil spoil_it : {
+             spoil{[](auto *bad) { bad->open_flags = 1; }},
+             spoil{[](auto *bad) { std::memset(bad->name, 'n', sizeof(bad->name)); }},  // no NUL
+             spoil{[](auto *bad) { bad->base_addr = nullptr; }},
+             spoil{[](auto *bad) { bad->base_addr = static_cast<char *>(bad->base_addr) + 4096; }},
+             spoil{[](auto *bad) { bad->max_table_size = 1 << 20; }},
+             spoil{[](auto *bad) { bad->max_table_size += 1; }},
+             spoil{[](auto *bad) { bad->hdr_size = bad->max_table_size; }},
+         }) {
+        shmwin_open_record bad = r;
+        spoil_it(&bad);
+        EXPECT_EQ(shmwin_open_win(&bad, &header, &id), static_cast<cerrno>(EINVAL));
+    }
+    EXPECT_NE(access(file().c_str(), F_OK), 0) << "nothing is made";
     EXPECT_EQ(shmwin_platform_info("x", nullptr, nullptr), static_cast<cerrno>(EINVAL));
     EXPECT_EQ(shmwin_close(12345, 1), SHMWIN_ERR_BAD_ID);
     void *block = nullptr;
@@ -320,6 +334,62 @@ TEST_F(WindowOpen, RepairIsNotOfferedWhileSomebodyHasItMapped) {
     EXPECT_EQ(end_of(client), 0);
     repair_and_open();
     shmwin_set_fingerprint("test", 0);
+}
+
+TEST_F(WindowOpen, DamageIsOnlyToldWhileSomebodyHasItMapped) {
+    make_one();
+    gate ready, go;
+    const pid_t client = start([&] {
+        const opened o = open_as(false);
+        ready.open();
+        go.wait();
+        char *block = nullptr;
+        std::memcpy(&block, o.header, sizeof(block));
+        std::strcpy(block, "still mine");
+        return o.code == 0 && std::strcmp(block, "still mine") == 0 ? 0 : 1;
+    });
+    ready.wait();
+    const uint32_t wrong = 0x7fffffff;
+    overwrite(static_cast<off_t>(mfwd6::window::log_offset(0)), &wrong, sizeof(wrong));
+    struct stat before, after;
+    ASSERT_EQ(stat(file().c_str(), &before), 0);
+    EXPECT_EQ(open_as(true).code, SHMWIN_ERR_DAMAGED);
+    EXPECT_EQ(open_as(false).code, SHMWIN_ERR_DAMAGED);
+    EXPECT_EQ(open_as(true).code, SHMWIN_ERR_DAMAGED);
+    ASSERT_EQ(stat(file().c_str(), &after), 0);
+    EXPECT_EQ(before.st_size, after.st_size);
+    go.open();
+    EXPECT_EQ(end_of(client), 0);
+    EXPECT_EQ(open_as(false).code, SHMWIN_ERR_DAMAGED);
+    repair_and_open();
+}
+
+TEST_F(WindowOpen, ResetIsRefusedWhileAnotherIsInTheMiddleOfAChange) {
+    opened o = open_as(true);
+    ASSERT_EQ(o.code, 0U);
+    void *block = nullptr;
+    ASSERT_EQ(shmwin_malloc(o.id, 100, &block), 0U);
+    gate ready, go;
+    const pid_t client = start([&] {
+        const opened c = open_as(false);
+        if (c.code != 0 || shmwin_lock(c.id) != 0) {
+            return 1;
+        }
+        {
+            const mfwd6::journal::group change;
+            ready.open();
+            go.wait();
+        }
+        return shmwin_unlock(c.id) == 0 ? 0 : 2;
+    });
+    ready.wait();
+    EXPECT_EQ(shmwin_reset(o.id), SHMWIN_ERR_IN_USE);
+    EXPECT_EQ(live_blocks(o.id).size(), 1U);
+    go.open();
+    EXPECT_EQ(end_of(client), 0);
+    EXPECT_EQ(shmwin_reset(o.id), 0U);
+    EXPECT_TRUE(live_blocks(o.id).empty());
+    o.close();
 }
 
 TEST_F(WindowOpen, RepairThatIsNotCarriedOutCanBeAskedForAgain) {

@@ -168,6 +168,10 @@ cerrno ipv4mc_route_commit(const route_request &request) {
     if (rc == 0) {
         rc = program(request);
     }
+    if (rc != 0 && is_new) {
+        // Nobody tells a detached leaf that its parent goes.
+        store((*request.route_entry)->IF_parent, nullptr);
+    }
     if (rc == 0 && is_new) {
         rc = publish(request);
     }

@@ -72,7 +72,9 @@ void unlink_tid_table(const table_request &request) {
     }
 }
 
-// The name stays in its thread, so that a later activation finds the table by name.
+// The name stays in its thread, so that a later activation finds the table by name. A table that
+// cannot be found by name, as it has none or another one has it, keeps its id: without either
+// nobody would find it, and the platform could not be told which one it is.
 void unlink_vrf_table(const table_request &request) {
     ipv4mc_table_st *table = request.vrf_table;
     if (table->tid_table != nullptr) {
@@ -81,7 +83,7 @@ void unlink_vrf_table(const table_request &request) {
     TABLE_DEBUG(IPV4_DEBUG_EV, "Action %s: Unlinking VID table 0x%x/%s (%c)", action_text(request),
                 table->vrf_id, table->vrf_name, yes_no(table->tid_table));
     store(table->active, 0U);
-    if (table->vrf_id != 0) {
+    if (table->vrf_id != 0 && tree_node_linked(&table->node[IPV4MC_TABLE_THREAD_NAME])) {
         ipmc_table_rem_wavl(table, IPV4MC_TABLE_THREAD_VRF_ID);
         store(table->vrf_id, 0U);
     }

@@ -349,6 +349,9 @@ bool remove_routes(table_request &request) {
     const cerrno rc =
         ip6mc_route_delete_all(request.tid_table, request.arg, 2,
                                request.action == IPV4MC_ACTION_CLEAR_ROUTES ? 1 : 0, &stopped);
+    if (request.action == IPV4MC_ACTION_DELETE) {
+        ipmc_table_remove_rest(request.tid_table);
+    }
     drop_core_routes(request);
     if (rc != 0) {
         TABLE_ERR("Cannot delete all routes & signals from Table t:0x%x : %s", request.tid,

@@ -49,6 +49,10 @@ cerrno ipmc_table_deactivate(table_request &request);
 // of would outlive the other's record.
 void ipmc_table_cut_links(ipv4mc_table_st *table);
 
+// Ends the routes and signals that the bulk removal left, ahead of the table's own end: routes with
+// an interface that the platform would not let go, and signal routes with several interfaces.
+void ipmc_table_remove_rest(ipv4mc_table_st *table);
+
 // Takes the keys of a VRF table away, and with them its places in the trees.
 void ipmc_table_drop_vrf_keys(ipv4mc_table_st *table);
 

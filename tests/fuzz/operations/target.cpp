@@ -1,0 +1,106 @@
+// Random operations on two tables, a handful of routes and interfaces, with platform faults and
+// restarts, against a plain model.
+//
+// The first byte of an input chooses its settings; each operation takes a byte that names it, with
+// bit 0x80 for a fault that is armed for it, and a few bytes of its own.
+#include "tests/fuzz/operations/complaint.h"
+#include "tests/fuzz/operations/world.h"
+
+namespace fuzz {
+namespace {
+
+constexpr size_t most_operations = 80;
+constexpr size_t operations_between_checks = 4;  // of the whole window, which take their time
+
+}  // namespace
+
+void world::step(input &in) {
+    // Weighted by repetition: routes and interfaces first of all.
+    using operation = void (world::*)(input &);
+    static constexpr operation operations[] = {
+        &world::create_route,
+        &world::create_route,
+        &world::create_route,
+        &world::commit_pending_route,
+        &world::change_route,
+        &world::change_route,
+        &world::delete_route,
+        &world::clear_route,
+        &world::mark_srd,
+        &world::create_intf,
+        &world::commit_pending_intf,
+        &world::add_intf,
+        &world::add_intf,
+        &world::add_intf,
+        &world::change_intf,
+        &world::commit_again_as_new,
+        &world::delete_intf,
+        &world::clear_pending_intf,
+        &world::lock_interface,
+        &world::look_up,
+        &world::try_odd_calls,
+        &world::post_signal,
+        &world::post_signal,
+        &world::probe_signal,
+        &world::remove_signal,
+        &world::remove_signals_of_route,
+        &world::drain_changed_routes,
+        &world::look_up_signal,
+        &world::set_capacity,
+        &world::raise_async_error,
+        &world::let_time_pass,
+        &world::not_ready,
+        // From here on those that take more than one route away.
+        &world::operate_on_table,
+        &world::operate_on_table,
+        &world::operate_on_table,
+        &world::walk_all_tables,
+        &world::delete_all_routes,
+        &world::walk_and_delete,
+        &world::remove_all_signals,
+        &world::restart,
+    };
+    constexpr size_t first_that_ends_pending = 32;
+    const uint8_t shape = in.byte();
+    const size_t n = (shape & 0x7fU) % std::size(operations);
+    if (n >= first_that_ends_pending) {
+        for (auto &each : tids_) {
+            give_up_pending(*each.second);
+        }
+    }
+    if ((shape & 0x80) != 0) {
+        arm_fault(in);
+    }
+    (this->*operations[n])(in);
+    hw_.heal();
+    compare();
+}
+
+namespace {
+
+void run(input &in) {
+    start_process();
+    check_nothing_left();
+    forget_notes();
+    const uint8_t shape = in.byte();
+    world w({(shape & 1) != 0, (shape & 2) != 0});
+    if ((shape & 8) == 0) {
+        w.make_tables();
+    }
+    for (size_t n = 0; n < most_operations && !in.empty(); ++n) {
+        w.step(in);
+        if (n % operations_between_checks == 0 && !w.is_in_the_middle()) {
+            check_window();
+        }
+    }
+    w.end((shape & 4) != 0);
+}
+
+}  // namespace
+}  // namespace fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
+    fuzz::input in(bytes, size);
+    fuzz::run(in);
+    return 0;
+}
