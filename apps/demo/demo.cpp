@@ -84,7 +84,7 @@ class demonstration {
     // The exit code.
     int run() {
         begin();
-        watch(2);
+        watch(4);
         kill_owner();
         add_receiver();
         kill_both();
@@ -106,7 +106,8 @@ class demonstration {
             router_->signald());
         say("   One route for a film, one for every group of a /96:");
         ctl({"add", "route", "fd00:1::10", film, "--from", "source", "--to", "one", "two"});
-        ctl({"add", "route", "--from", "source", "--to", "one,two,three", "*", "ff3e::9:0:0/96"});
+        ctl({"add", "route", "any", "ff3e::9:0:0/96", "--from", "source", "--to", "one", "two",
+             "three"});
         say("2. The source sends the film with %u packets a second, and news in a group of the "
             "/96.",
             pace);

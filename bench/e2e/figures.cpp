@@ -14,16 +14,12 @@
 #include <string>
 #include <vector>
 
-#include "apps/mfwd6-signald/window.h"
 #include "apps/netlab/by_hand.h"
 #include "apps/netlab/lab.h"
 #include "apps/netlab/programs.h"
 #include "apps/netlab/receiver.h"
 #include "apps/netlab/sender.h"
-#include "ipv4/multicast/lib/ip6mc_signal.h"
-#include "ipv4/multicast/lib/ip6mc_table.h"
-#include "services/diag/run_dir.h"
-#include "services/window/setup.h"
+#include "tests/e2e/window_view.h"
 
 namespace {
 
@@ -159,33 +155,11 @@ void measure_kills() {
 
 // ---- signals
 
-ip_maddr_st address(const std::string &text) {
-    const in6_addr a = netlab::parse_address(text);
-    ip_maddr_st m = {};
-    std::memcpy(m.bytes, &a, sizeof(m.bytes));
-    return m;
-}
-
-bool signal_is_there(const std::string &g) {
-    ipv4mc_table_st *const table = ip6mc_table_tid_get_first();
-    const ip_maddr_st source = address("fd00:1::10");
-    const ip_maddr_st wanted = address(g);
-    ipv4mc_route_entry_st *route = nullptr;
-    return table != nullptr &&
-           ip6mc_signal_lookup(table, &source, &wanted, 0, &route, nullptr) == 0 &&
-           route != nullptr;
-}
-
 void measure_signals() {
     constexpr int flows = 200;
     const site s;
     const netlab::router router(s.lab.router(), interfaces);
-    diag_set_run_dir(router.run_dir().c_str());
-    shmwin_set_run_dir(router.run_dir().c_str());
-    mfwd6::signald::window window(router.run_dir());
-    while (window.attach() != 0) {
-        std::this_thread::sleep_for(10ms);
-    }
+    const e2e::window_view window(router.run_dir());
     std::vector<double> took;
     int missed = 0;
     for (int i = 0; i < flows; ++i) {
@@ -193,7 +167,7 @@ void measure_signals() {
         netlab::sender stream(s.source, g);
         const uint64_t began = netlab::now_ns();
         stream.burst(1);
-        while (!signal_is_there(g) && seconds_since(began) < 1) {
+        while (e2e::window_view::signal("fd00:1::10", g) == nullptr && seconds_since(began) < 1) {
             std::this_thread::sleep_for(20us);
         }
         missed += seconds_since(began) >= 1 ? 1 : 0;

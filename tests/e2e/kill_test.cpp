@@ -19,6 +19,22 @@ struct victim {
     bool signald;
 };
 
+void PrintTo(const victim &v, std::ostream *out) {
+    *out << v.name;
+}
+
+// The first sequence numbers up to `last` that did not arrive.
+std::vector<uint64_t> missing(const netlab::stream_report &got, uint64_t last) {
+    constexpr size_t shown = 10;
+    std::vector<uint64_t> numbers;
+    for (uint64_t n = 1; n <= last && numbers.size() < shown; ++n) {
+        if (got.missing(n, n) != 0) {
+            numbers.push_back(n);
+        }
+    }
+    return numbers;
+}
+
 class Kill : public EndToEnd, public testing::WithParamInterface<victim> {
   protected:
     void SetUp() override {
@@ -58,7 +74,7 @@ class Kill : public EndToEnd, public testing::WithParamInterface<victim> {
             SCOPED_TRACE(name + ", " + stream.group());
             EXPECT_TRUE(receiver->wait_sequence(stream.stream(), stream.sent(), patience));
             const netlab::stream_report got = receiver->report(stream.stream());
-            EXPECT_EQ(got.missing(1, stream.sent()), 0U);
+            EXPECT_EQ(missing(got, stream.sent()), std::vector<uint64_t>{});
             EXPECT_EQ(got.duplicates, 0U);
             EXPECT_EQ(receiver->overrun(), 0U);
         }
@@ -86,6 +102,9 @@ class Kill : public EndToEnd, public testing::WithParamInterface<victim> {
 TEST_P(Kill, LosesNoPacketAndNoState) {
     netlab::sender stream(*site_->hosts.at("source"), group);
     netlab::sender derived(*site_->hosts.at("source"), range_group);
+    // The kernel keeps four packets of a flow that it asks about; the fifth comes when it was told.
+    derived.burst(1);
+    ASSERT_TRUE(site_->receivers.at("one")->wait_packets(derived.stream(), 1, patience));
     stream.start(pace);
     derived.start(pace / 10);
     std::this_thread::sleep_for(200ms);
