@@ -207,7 +207,8 @@ inline std::string faults(const std::vector<uint32_t> &tids, const std::vector<i
         seen.expect(r->IF_parent == nullptr || seen.routes.count(r->IF_parent) != 0,
                     "a parent that is gone");
     }
-    look_at_encap(seen, 7);
+    for (const uint32_t encap : {7U, 8U})
+        look_at_encap(seen, encap);
     look_at_retry_queue(seen);
     for (const ifhtype ifh : handles) {
         if (ipv4mc_idb_st *idb = bed::idb_of(ifh)) {
