@@ -275,7 +275,8 @@ class RemovalCrash : public testing::TestWithParam<int> {
 };
 
 std::string wrong_now(const char *when) {
-    const std::string wrong = whole::faults({red_tid, blue_tid, kit::default_tid}, {1, 2, 3});
+    const std::string wrong =
+        whole::faults({red_tid, blue_tid, kit::default_tid}, {1, 2, 3}, {encap_id, empty_encap_id});
     return wrong.empty() ? "" : std::string(when) + ": " + wrong;
 }
 

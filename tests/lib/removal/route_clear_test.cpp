@@ -48,13 +48,8 @@ TEST_F(RouteClear, TheRouteStaysWithItsKeyAndLosesItsInterfaces) {
     EXPECT_EQ(route->rate, rate);
     EXPECT_EQ(table->rate_route_count, 1);
     EXPECT_EQ(table->route_counters.route_clears, 1U);
-    std::vector<std::string> calls;
-    for (const auto &call : platform_calls()) {
-        if (call.find("idb") != 0)
-            calls.push_back(call);
-    }
-    EXPECT_EQ(calls, (texts{"intf 4 new 0 -> 0", "intf 4 new 0 -> 0", "intf 4 new 0 -> 0",
-                            "route 6 new 0 -> 0"}));
+    EXPECT_EQ(rig::route_calls(), (texts{"intf 4 new 0 -> 0", "intf 4 new 0 -> 0",
+                                         "intf 4 new 0 -> 0", "route 6 new 0 -> 0"}));
     EXPECT_TRUE(errors().empty());
     EXPECT_TRUE(has_text(heard.lines(IPV4_DEBUG_DEV),
                          "0xe0000005 [0x0] - 0x0, attr 0x2000001, p:N n:N d:N h:A, rp:N "
@@ -212,27 +207,14 @@ TEST_F(RouteClear, EgressGoesWithoutProgrammingTheEncap) {
 }
 
 TEST_F(RouteClear, TheLastReceiverOfACustomerClearsTheFlagOfItsCoreRoutes) {
-    auto *fed = add(core, sg(9));
-    EXPECT_EQ(ip6mc_route_link_route_to_vrf(fed, 0, table->tid, "core"), 0U);
-    auto *route = add(table, sg(1));
-    for (ifhtype ifh = 1; ifh <= 2; ++ifh)
-        join(route, {0, ifh, 0, 0}, MRIB_INTF_EG);
-    route->intf_local_EG_cnt = 2;
-    table->route_counters.local_eg_cnt = 2;
-    ip6mc_tbl_update_memd_routes(table, 1);
-    ASSERT_EQ(fed->attributes, MRIB_ROUTE_DT);
+    const auto [fed, route] = rig::fed_customer(core, table);
     forget();
     EXPECT_EQ(rig::clear(table, route), 0U);
     EXPECT_EQ(table->route_counters.local_eg_cnt, 0U);
     EXPECT_EQ(fed->attributes, 0U);
-    texts calls;
-    for (const auto &call : platform_calls()) {
-        if (call.find("idb") != 0)
-            calls.push_back(call);
-    }
     // Other than in DELETE the core route comes ahead of the interface.
-    EXPECT_EQ(calls, (texts{"intf 4 new 0 -> 0", "route 8 new 0 -> 0", "intf 4 new 0 -> 0",
-                            "route 6 new 0 -> 0"}));
+    EXPECT_EQ(rig::route_calls(), (texts{"intf 4 new 0 -> 0", "route 8 new 0 -> 0",
+                                         "intf 4 new 0 -> 0", "route 6 new 0 -> 0"}));
 }
 
 TEST_F(RouteClear, ACustomerWithVeryManyCoreRoutesIsClearedTheSameWay) {

@@ -543,15 +543,7 @@ TEST_F(RouteDelete, WithEveryRouteSparedTheSignalsGoAllTheSame) {
 }
 
 TEST_F(RouteDelete, TheLastReceiverOfACustomerClearsTheFlagOfItsCoreRoutes) {
-    auto *fed = add(core, sg(9));
-    EXPECT_EQ(ip6mc_route_link_route_to_vrf(fed, 0, table->tid, "core"), 0U);
-    auto *route = add(table, sg(1));
-    for (ifhtype ifh = 1; ifh <= 2; ++ifh)
-        join(route, {0, ifh, 0, 0}, MRIB_INTF_EG);
-    route->intf_local_EG_cnt = 2;
-    table->route_counters.local_eg_cnt = 2;
-    ip6mc_tbl_update_memd_routes(table, 1);
-    ASSERT_EQ(fed->attributes, MRIB_ROUTE_DT);
+    const auto [fed, route] = rig::fed_customer(core, table);
     // One that stays keeps it.
     sim_arm_fault(SIM_OP_INTF, IPV4MC_ACTION_DELETE, 1, 1, 71);
     EXPECT_EQ(erase(table, route), 71U);
@@ -560,13 +552,9 @@ TEST_F(RouteDelete, TheLastReceiverOfACustomerClearsTheFlagOfItsCoreRoutes) {
     forget();
     EXPECT_EQ(erase(table, route), 0U);
     EXPECT_EQ(fed->attributes, 0U);
-    texts calls;
-    for (const auto &call : platform_calls()) {
-        if (call.find("idb") != 0)
-            calls.push_back(call);
-    }
     // The interface, the core route that it fed, and the route itself.
-    EXPECT_EQ(calls, (texts{"intf 4 new 0 -> 0", "route 8 new 0 -> 0", "route 4 new 0 -> 0"}));
+    EXPECT_EQ(rig::route_calls(),
+              (texts{"intf 4 new 0 -> 0", "route 8 new 0 -> 0", "route 4 new 0 -> 0"}));
 }
 
 TEST_F(RouteDelete, TheLastFailureIsTheResultAndStopsNothing) {
