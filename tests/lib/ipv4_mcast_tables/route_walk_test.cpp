@@ -173,7 +173,20 @@ TEST_P(RouteWalk, TheProcessorIsGivenUpAfterSoManyRoutes) {
     EXPECT_EQ(stayed, 7U);
     EXPECT_EQ(yields, 0);
 
+    for (const auto &[every, expected] : {std::pair{0U, 0}, {2U, 3}}) {
+        for (uint8_t i = 1; i <= 7; ++i)
+            add(seven, i, 1);
+        yields = 0;
+        EXPECT_EQ(ip6mc_route_delete_all(seven, every, 2, 1, &stayed), 0U);
+        EXPECT_EQ(yields, expected) << every;
+    }
+
     ipv6_mlib_pak_client_mutex_lock("holder", 42);
+    heard.clear();
+    EXPECT_EQ(ip6mc_route_delete_all(seven, 0, 2, 0, &stayed), 0U);
+    const texts told = heard.errors();
+    ASSERT_EQ(told.size(), 1U);
+    EXPECT_NE(told[0].find("] Mult lock count 1 (holder/42)"), std::string::npos) << told[0];
     heard.clear();
     int calls = 0;
     EXPECT_EQ(ip6mc_route_walk(five, 4, count, &calls), 0U);

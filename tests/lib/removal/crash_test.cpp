@@ -25,6 +25,7 @@ namespace {
 constexpr uint32_t red_tid = 0xe0000005;
 constexpr uint32_t blue_tid = 0xe0000006;
 constexpr uint32_t encap_id = 7;
+constexpr uint32_t empty_encap_id = 8;
 constexpr uint64_t IA = MRIB_ROUTE_IA;
 constexpr uint64_t IF = MRIB_ROUTE_IF;
 constexpr uint64_t core_bits = MRIB_ROUTE_TID_DEMAND;
@@ -82,9 +83,9 @@ void add_interface(ipv4mc_route_entry_st *route, const intf_key &k, uint64_t att
         ++route->tmi_cnt;
 }
 
-void link_encap(ipv4mc_route_entry_st *route) {
+void link_encap(ipv4mc_route_entry_st *route, uint32_t id = encap_id) {
     ipv4mc_route_update_st upd{};
-    upd.encap_id = encap_id;
+    upd.encap_id = id;
     ip6mc_route_update(route, IPV4MC_ROUTE_UPDATE_ENCAP, &upd);
 }
 
@@ -115,6 +116,7 @@ void prepare(scene *shared) {
     make_table(red_tid, 0x60000005, "red");
     make_table(blue_tid, 0x60000006, "blue");
     rig::make_encap(encap_id, IPV4MC_ENCAP_LKP_ON_FIRST);
+    rig::make_encap(empty_encap_id, IPV4MC_ENCAP_LKP_ON_FIRST);
     auto *transport = rig::make_transport();
     auto *other_transport = rig::make_transport();
     const auto blocks = kit::live_blocks();
@@ -136,6 +138,7 @@ void prepare(scene *shared) {
     add_interface(route, {0, 3, 0, 0}, MRIB_INTF_MI | MRIB_INTF_COUNTED);
     add_interface(route, {IPV4MC_INTF_AMT, 3, 0x01020304, 9}, 0);
     add_interface(grand, {0, 1, 0, 0}, 0);
+    add_interface(add(table(blue_tid), sg(31)), {0, 3, 0, 0}, MRIB_INTF_EG);
     ip6mc_tbl_update_memd_routes(red(), 1);
     ip6mc_route_encap_ole_link(route->intf_list);
     rig::tie(ip6mc_intf_route_lookup(route, 0, 1, 0, 0), transport);
@@ -194,6 +197,12 @@ void end_table(ipv4mc_action_type action) {
                           vrf != nullptr ? "red" : "", &given, 4);
 }
 
+ipv4mc_encap_entry_st *encap(uint32_t id) {
+    ipv4mc_encap_entry_st *found = nullptr;
+    ip6mc_encapid_lookup(id, &found);
+    return found;
+}
+
 struct operation {
     const char *name;
     std::function<void()> work;
@@ -223,8 +232,9 @@ const operation operations[] = {
          if (entry != nullptr)
              intf_operate(IPV4MC_ACTION_DELETE, route, {1, 3, 0x01020304, 9}, &entry, 0);
      }},
-    {"an encap that goes", [] { update(IPV4MC_ROUTE_UPDATE_ENCAP, {}); }},
-    {"an encap that comes", [] { link_encap(find(red(), star_g("ff3e::", 32))); }},
+    {"an encap that goes", [] { update(IPV4MC_ROUTE_UPDATE_ENCAP, {}); },
+     [] { return encap(encap_id)->ip_lkp == 0 ? "" : "an encap that still looks up"; }},
+    {"an encap that comes", [] { link_encap(find(table(blue_tid), sg(31)), empty_encap_id); }},
     {"links of a core route",
      [] {
          auto *route = find(core(), core_key(1));
@@ -265,7 +275,8 @@ class RemovalCrash : public testing::TestWithParam<int> {
 };
 
 std::string wrong_now(const char *when) {
-    const std::string wrong = whole::faults({red_tid, blue_tid, kit::default_tid}, {1, 2, 3});
+    const std::string wrong =
+        whole::faults({red_tid, blue_tid, kit::default_tid}, {1, 2, 3}, {encap_id, empty_encap_id});
     return wrong.empty() ? "" : std::string(when) + ": " + wrong;
 }
 
@@ -304,7 +315,7 @@ uint64_t step_from(uint64_t point) {
     static const char *const given = getenv("MFWD6_CRASH_STEP");
     if (given != nullptr)
         return strtoull(given, nullptr, 10);
-    return point < 40 ? 9 : 97;
+    return point < 60 ? 3 : point < 300 ? 19 : 89;
 }
 
 }  // namespace

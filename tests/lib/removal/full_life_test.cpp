@@ -11,6 +11,7 @@
 
 #include "services/diag/text.h"
 #include "services/window/epochs.h"
+#include "services/window/inspect.h"
 #include "tests/kit/child.h"
 #include "tests/lib/removal/rig.h"
 
@@ -24,6 +25,19 @@ constexpr ifhtype interfaces = 6;
 constexpr uint32_t tid_of(uint32_t n) {
     return 0xe0000010 + n;
 }
+
+constexpr uint64_t all_steps = 10'000;
+
+// What an owner is in the middle of, as far as its death then may lose blocks.
+enum phase : uint32_t { nothing, creating_route, creating_interface, phases };
+
+struct shared {
+    std::atomic<uint32_t> stop;
+    std::atomic<uint32_t> phase;
+    std::atomic<uint64_t> steps;  // of all owners
+    uint32_t at_start[IPMC_SHMWIN_ALLOC_TYPES];
+    uint32_t at_end[IPMC_SHMWIN_ALLOC_TYPES];
+};
 
 // Freed blocks wait for the readers; without room the block is ended at once only when nobody
 // reads.
@@ -71,13 +85,16 @@ key random_key(std::mt19937 &random) {
     }
 }
 
-void change_interfaces(std::mt19937 &random, ipv4mc_route_entry_st *route) {
+void change_interfaces(std::mt19937 &random, ipv4mc_route_entry_st *route, shared *all) {
     const intf_key k{0, static_cast<ifhtype>(1 + random() % interfaces), 0, 0};
     ipv4mc_intf_entry_st *entry = nullptr;
+    const uint32_t outer = all->phase.load();
+    all->phase.store(outer != nothing ? outer : creating_interface);
     const cerrno rc = intf_operate(IPV4MC_ACTION_CREATE, route, k, &entry, 1);
-    if (rc == 0) {
+    if (rc == 0)
         intf_operate(IPV4MC_ACTION_COMMIT, route, k, &entry, 1);
-    } else if (random() % 2 == 0) {
+    all->phase.store(outer);
+    if (rc != 0 && random() % 2 == 0) {
         intf_operate(IPV4MC_ACTION_DELETE, route, k, &entry, 0, entry->attributes);
     }
 }
@@ -88,20 +105,23 @@ void erase_properly(ipv4mc_table_st *table, ipv4mc_route_entry_st *route) {
     rig::erase(table, route, old);
 }
 
-void step(std::mt19937 &random, const owner &o) {
+void step(std::mt19937 &random, const owner &o, shared *all) {
     static const uint64_t words[] = {0, MRIB_ROUTE_IA, MRIB_ROUTE_IF,
                                      MRIB_ROUTE_IA | MRIB_ROUTE_IF};
     ipv4mc_table_st *table = o.table[random() % tables];
     const key k = random_key(random);
     ipv4mc_route_entry_st *route = nullptr;
     int is_new = 0;
+    all->phase.store(creating_route);
     operate(IPV4MC_ACTION_CREATE, table, k, &route, &is_new);
     if (is_new != 0) {
         route->attributes = words[random() % 4];
-        change_interfaces(random, route);
+        change_interfaces(random, route, all);
         commit(table, route, 1);
-        return;
     }
+    all->phase.store(nothing);
+    if (is_new != 0)
+        return;
     const uint64_t old = route->attributes;
     switch (random() % 6) {
         case 0:
@@ -116,7 +136,7 @@ void step(std::mt19937 &random, const owner &o) {
             commit(table, route, 0, old);
             break;
         default:
-            change_interfaces(random, route);
+            change_interfaces(random, route, all);
             break;
     }
 }
@@ -152,12 +172,15 @@ std::string check(const owner &o) {
         if (listed != idb->route_count)
             return "route_count";
     }
-    if (rig::header()->alloc_count[IPMC_SHMWIN_ALLOC_INTF] < intfs)
+    if (ipmc_shmwin_live_blocks(rig::header(), IPMC_SHMWIN_ALLOC_INTF) < intfs)
         return "count of interface blocks";
-    return "";
+    char why[256] = "";
+    return shmwin_check_heap(ipv4mc_desc->shmwin_id, why, sizeof(why)) == 0 ? "" : why;
 }
 
-int run_owner(const kit::post &parent, const char *hardware, uint32_t seed, uint32_t steps) {
+// Works on after its first steps, until it is killed.
+int run_owner(const kit::post &parent, const char *hardware, uint32_t seed, uint32_t steps,
+              shared *all) {
     owner o(hardware);
     const std::string wrong = check(o);
     if (!wrong.empty()) {
@@ -166,19 +189,20 @@ int run_owner(const kit::post &parent, const char *hardware, uint32_t seed, uint
     }
     parent.tell();
     std::mt19937 random(seed);
-    for (uint32_t n = 0; n < steps; ++n) {
-        step(random, o);
+    for (uint32_t n = 0;; ++n) {
+        if (n == steps) {
+            const std::string later = check(o);
+            if (!later.empty()) {
+                fprintf(stderr, "after %u steps: %s\n", steps, later.c_str());
+                return 2;
+            }
+            parent.tell();
+        }
+        step(random, o, all);
+        all->steps.fetch_add(1);
         if (n % 32 == 0)
             reclaim();
     }
-    const std::string later = check(o);
-    if (!later.empty()) {
-        fprintf(stderr, "after %u steps: %s\n", steps, later.c_str());
-        return 2;
-    }
-    parent.tell();
-    parent.hear();  // the window stays: this process is killed
-    return 0;
 }
 
 bool matches(const ipv4mc_route_entry_st *route, const key &k) {
@@ -244,17 +268,12 @@ int empty(const kit::post &, const char *hardware, uint32_t *counts) {
             return 5;
     }
     reclaim();
-    std::memcpy(counts, rig::header()->alloc_count, sizeof(rig::header()->alloc_count));
+    for (uint32_t type = 0; type < IPMC_SHMWIN_ALLOC_TYPES; ++type)
+        counts[type] = ipmc_shmwin_live_blocks(rig::header(), type);
     fflush(nullptr);
     kill(getpid(), SIGKILL);  // the window stays
     return 6;
 }
-
-struct shared {
-    std::atomic<uint32_t> stop;
-    uint32_t at_start[IPMC_SHMWIN_ALLOC_TYPES];
-    uint32_t at_end[IPMC_SHMWIN_ALLOC_TYPES];
-};
 
 constexpr int killed = 128 + SIGKILL;
 
@@ -293,20 +312,22 @@ TEST_P(FullLife, SurvivesItsOwnersAndEndsWithWhatItBeganWith) {
         ASSERT_EQ(reader.hear(), '.');
     }
     std::mt19937 random(4711);
-    constexpr uint32_t owners = 20;
     constexpr uint32_t steps = 500;
-    for (uint32_t n = 0; n < owners; ++n) {
+    uint32_t owners = 0;
+    uint32_t died_in[phases] = {};
+    for (; all_->steps.load() < all_steps; ++owners) {
         const auto seed = static_cast<uint32_t>(random());
-        kit::child worker(
-            [&](const kit::post &up) { return run_owner(up, hardware_.c_str(), seed, steps); });
-        ASSERT_EQ(worker.hear(), '.') << "owner " << n;
-        if (n % 4 == 3) {
-            ASSERT_EQ(worker.hear(), '.') << "owner " << n;  // all its steps
-        } else {
-            // The point of death is anywhere: this wait orders nothing.
-            usleep(static_cast<useconds_t>(random() % 12000));
+        kit::child worker([&](const kit::post &up) {
+            return run_owner(up, hardware_.c_str(), seed, steps, all_);
+        });
+        ASSERT_EQ(worker.hear(), '.') << "owner " << owners;
+        if (owners % 4 == 3) {
+            ASSERT_EQ(worker.hear(), '.') << "owner " << owners;  // a look behind its first steps
         }
+        // The point of death is anywhere: this wait orders nothing.
+        usleep(static_cast<useconds_t>(random() % 8000));
         worker.kill();
+        ++died_in[all_->phase.exchange(nothing)];
     }
     ASSERT_EQ(end_with(all_->at_end), killed);
     all_->stop.store(1);
@@ -317,13 +338,16 @@ TEST_P(FullLife, SurvivesItsOwnersAndEndsWithWhatItBeganWith) {
         const uint32_t then = all_->at_start[type];
         uint32_t lost = 0;
         switch (type) {
-            case IPMC_SHMWIN_ALLOC_ROUTE:  // a leaf created and not committed, or hidden and not
-                                           // freed
-            case IPMC_SHMWIN_ALLOC_INTF:   // an entry that had not joined its route
-            case IPMC_SHMWIN_ALLOC_IDB:    // an interface made for an entry that never joined it
-                lost = owners;
+            // A leaf created and not committed, its interface, and an entry that had not joined.
+            case IPMC_SHMWIN_ALLOC_ROUTE:
+            case IPMC_SHMWIN_ALLOC_IDB:
+                lost = died_in[creating_route];
                 break;
-            case IPMC_SHMWIN_ALLOC_AVL:  // the key object of each process that searched tables
+            case IPMC_SHMWIN_ALLOC_INTF:
+                lost = died_in[creating_route] + died_in[creating_interface];
+                break;
+            // The key of each process that searched tables: owners, readers, the one that counts.
+            case IPMC_SHMWIN_ALLOC_AVL:
                 lost = owners + 3;
                 break;
             case IPMC_SHMWIN_ALLOC_GTRIE_INDEX:  // an index keeps its size
@@ -334,6 +358,8 @@ TEST_P(FullLife, SurvivesItsOwnersAndEndsWithWhatItBeganWith) {
         EXPECT_GE(now, then) << "type " << type;
         EXPECT_LE(now, then + lost) << "type " << type;
     }
+    printf("%lu steps of %u owners, %u killed in a creation\n", all_->steps.load(), owners,
+           died_in[creating_route] + died_in[creating_interface]);
 }
 
 INSTANTIATE_TEST_SUITE_P(Tries, FullLife, testing::Values(0, 1));

@@ -81,6 +81,32 @@ inline ipv4mc_regdb_entry_st *make_transport() {
         ipv4mc_shmwin_malloc_inline(sizeof(ipv4mc_regdb_entry_st), IPMC_SHMWIN_ALLOC_REGDB));
 }
 
+// A route with two local receivers in a customer's table, and the core route that feeds them.
+struct fed_customer {
+    fed_customer(ipv4mc_table_st *core, ipv4mc_table_st *table)
+        : fed(bed::add(core, bed::sg(9))), route(bed::add(table, bed::sg(1))) {
+        EXPECT_EQ(ip6mc_route_link_route_to_vrf(fed, IPV4MC_VRF_LOCAL, table->tid, "core"), 0U);
+        for (ifhtype ifh = 1; ifh <= 2; ++ifh)
+            bed::join(route, {0, ifh, 0, 0}, MRIB_INTF_EG);
+        route->intf_local_EG_cnt = 2;
+        table->route_counters.local_eg_cnt = 2;
+        ip6mc_tbl_update_memd_routes(table, 1);
+        EXPECT_EQ(fed->attributes, MRIB_ROUTE_DT);
+    }
+    ipv4mc_route_entry_st *fed;
+    ipv4mc_route_entry_st *route;
+};
+
+// Calls of the platform in order, without those about interfaces themselves.
+inline std::vector<std::string> route_calls() {
+    std::vector<std::string> calls;
+    for (const auto &call : bed::platform_calls()) {
+        if (call.find("idb") != 0)
+            calls.push_back(call);
+    }
+    return calls;
+}
+
 // Ties an entry to a next hop, at the head of its list.
 inline void tie(ipv4mc_intf_entry_st *entry, ipv4mc_regdb_entry_st *transport) {
     entry->attributes |= MRIB_INTF_REGDB;

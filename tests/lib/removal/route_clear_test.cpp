@@ -48,13 +48,8 @@ TEST_F(RouteClear, TheRouteStaysWithItsKeyAndLosesItsInterfaces) {
     EXPECT_EQ(route->rate, rate);
     EXPECT_EQ(table->rate_route_count, 1);
     EXPECT_EQ(table->route_counters.route_clears, 1U);
-    std::vector<std::string> calls;
-    for (const auto &call : platform_calls()) {
-        if (call.find("idb") != 0)
-            calls.push_back(call);
-    }
-    EXPECT_EQ(calls, (texts{"intf 4 new 0 -> 0", "intf 4 new 0 -> 0", "intf 4 new 0 -> 0",
-                            "route 6 new 0 -> 0"}));
+    EXPECT_EQ(rig::route_calls(), (texts{"intf 4 new 0 -> 0", "intf 4 new 0 -> 0",
+                                         "intf 4 new 0 -> 0", "route 6 new 0 -> 0"}));
     EXPECT_TRUE(errors().empty());
     EXPECT_TRUE(has_text(heard.lines(IPV4_DEBUG_DEV),
                          "0xe0000005 [0x0] - 0x0, attr 0x2000001, p:N n:N d:N h:A, rp:N "
@@ -209,6 +204,37 @@ TEST_F(RouteClear, EgressGoesWithoutProgrammingTheEncap) {
     // Other than DELETE it tells of the encap's count only.
     EXPECT_EQ(heard.lines(IPV4_DEBUG_ROUTE),
               texts{"2001:db8::1,ff3e::1/256: Dec local EG cnt (0) on EID 0x50"});
+}
+
+TEST_F(RouteClear, TheLastReceiverOfACustomerClearsTheFlagOfItsCoreRoutes) {
+    const auto [fed, route] = rig::fed_customer(core, table);
+    forget();
+    EXPECT_EQ(rig::clear(table, route), 0U);
+    EXPECT_EQ(table->route_counters.local_eg_cnt, 0U);
+    EXPECT_EQ(fed->attributes, 0U);
+    // Other than in DELETE the core route comes ahead of the interface.
+    EXPECT_EQ(rig::route_calls(), (texts{"intf 4 new 0 -> 0", "route 8 new 0 -> 0",
+                                         "intf 4 new 0 -> 0", "route 6 new 0 -> 0"}));
+}
+
+TEST_F(RouteClear, ACustomerWithVeryManyCoreRoutesIsClearedTheSameWay) {
+    constexpr uint32_t many = 600;
+    for (uint32_t n = 0; n < many; ++n)
+        ip6mc_route_link_route_to_vrf(add(core, sg(1000 + n)), 0, table->tid, "core");
+    auto *route = add(table, sg(1));
+    join(route, {0, 1, 0, 0}, MRIB_INTF_EG);
+    route->intf_local_EG_cnt = 1;
+    table->route_counters.local_eg_cnt = 1;
+    ip6mc_tbl_update_memd_routes(table, 1);
+    EXPECT_EQ(rig::clear(table, route), 0U);
+    EXPECT_EQ(route->intf_list, nullptr);
+    EXPECT_EQ(table->route_counters.local_eg_cnt, 0U);
+    uint32_t count = 0;
+    for (auto *fed = table->memd_route_list; fed != nullptr; fed = fed->memd_next[0]) {
+        EXPECT_EQ(fed->attributes, 0U);
+        ++count;
+    }
+    EXPECT_EQ(count, many);
 }
 
 TEST_F(RouteClear, ListsAndTheirMarksGo) {

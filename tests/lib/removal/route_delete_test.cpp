@@ -1,4 +1,4 @@
-#include "services/events/event_manager.h"
+#include "ipv4/multicast/lib/ip6mc_signal.h"
 #include "tests/kit/service_faults.h"
 #include "tests/lib/removal/rig.h"
 
@@ -523,6 +523,38 @@ TEST_F(RouteDelete, EveryRouteAndNoneButThoseThatAreSpared) {
     EXPECT_EQ(ip6mc_route_delete_all(table->vtable, 0, 0, 0, &spared), 0U);
     EXPECT_EQ(spared, 0U);
     EXPECT_EQ(table->rate_route_count, 0);
+}
+
+TEST_F(RouteDelete, WithEveryRouteSparedTheSignalsGoAllTheSame) {
+    for (uint32_t n = 0; n < 3; ++n)
+        add(table, sg(n))->route_flags = IPV4MC_ROUTE_FLAG_SRD;
+    const key k = sg(99);
+    ipv4mc_route_entry_st *signal = nullptr;
+    ASSERT_EQ(ip6mc_signal_add(table, &k.source, &k.group, 0x10, &signal), 0U);
+    ASSERT_EQ(ip6mc_signal_lookup(table, &k.source, &k.group, 0, &signal, nullptr), 0U);
+    ASSERT_NE(signal, nullptr);
+    uint32_t spared = 0;
+    EXPECT_EQ(ip6mc_route_delete_all(table, 0, 0, 1, &spared), 0U);
+    EXPECT_EQ(spared, 3U);
+    EXPECT_EQ(table->rate_route_count, 3);
+    ip6mc_signal_lookup(table, &k.source, &k.group, 0, &signal, nullptr);
+    EXPECT_EQ(signal, nullptr);
+    EXPECT_EQ(rig::header()->changed_route_head, nullptr);
+}
+
+TEST_F(RouteDelete, TheLastReceiverOfACustomerClearsTheFlagOfItsCoreRoutes) {
+    const auto [fed, route] = rig::fed_customer(core, table);
+    // One that stays keeps it.
+    sim_arm_fault(SIM_OP_INTF, IPV4MC_ACTION_DELETE, 1, 1, 71);
+    EXPECT_EQ(erase(table, route), 71U);
+    EXPECT_EQ(table->route_counters.local_eg_cnt, 1U);
+    EXPECT_EQ(fed->attributes, MRIB_ROUTE_DT);
+    forget();
+    EXPECT_EQ(erase(table, route), 0U);
+    EXPECT_EQ(fed->attributes, 0U);
+    // The interface, the core route that it fed, and the route itself.
+    EXPECT_EQ(rig::route_calls(),
+              (texts{"intf 4 new 0 -> 0", "route 8 new 0 -> 0", "route 4 new 0 -> 0"}));
 }
 
 TEST_F(RouteDelete, TheLastFailureIsTheResultAndStopsNothing) {

@@ -187,9 +187,10 @@ inline void look_at_retry_queue(survey &seen) {
     seen.expect(queued.empty(), "a queued route that is gone");
 }
 
-// The first thing that is wrong with these tables and interfaces, and with what all routes share;
-// empty when all is well.
-inline std::string faults(const std::vector<uint32_t> &tids, const std::vector<ifhtype> &handles) {
+// The first thing that is wrong with these tables, interfaces and encaps, and with what all routes
+// share; empty when all is well.
+inline std::string faults(const std::vector<uint32_t> &tids, const std::vector<ifhtype> &handles,
+                          const std::vector<uint32_t> &encaps) {
     survey seen;
     for (const std::string &wrong : kit::window_faults())
         seen.complain(wrong);
@@ -207,7 +208,8 @@ inline std::string faults(const std::vector<uint32_t> &tids, const std::vector<i
         seen.expect(r->IF_parent == nullptr || seen.routes.count(r->IF_parent) != 0,
                     "a parent that is gone");
     }
-    look_at_encap(seen, 7);
+    for (const uint32_t encap : encaps)
+        look_at_encap(seen, encap);
     look_at_retry_queue(seen);
     for (const ifhtype ifh : handles) {
         if (ipv4mc_idb_st *idb = bed::idb_of(ifh)) {

@@ -121,9 +121,9 @@ void mlib::drop_mdt_reference(ipv4mc_table_st *table, mrib_attrib_entry_type att
     ip6mc_idb_mdt_unlock(table, ifh, kind);
 }
 
-cerrno mlib::unbind_gre_transport(ipv4mc_route_entry_st *route) {
+void mlib::unbind_gre_transport(ipv4mc_route_entry_st *route, end_of_route how) {
     if (route->regdb_entry == nullptr) {
-        return 0;
+        return;
     }
     // A core tree is known by the last 32 bits of the route's addresses.
     ipv4mc_regdb_key_st key{};
@@ -132,7 +132,18 @@ cerrno mlib::unbind_gre_transport(ipv4mc_route_entry_st *route) {
     key.u.core.source = {MDT_ADDR_CORE_IPV4, route->source.words[3], 0};
     ipv4mc_regdb_core_info_st nobody{};
     nobody.type = IPV4MC_CORE_INFO_GRE;
-    return ip6mc_regdb_operation(IPV4MC_ACTION_COMMIT, &key, 0, &nobody, &route->regdb_entry);
+    const cerrno rc =
+        ip6mc_regdb_operation(IPV4MC_ACTION_COMMIT, &key, 0, &nobody, &route->regdb_entry);
+    if (rc == 0) {
+        return;
+    }
+    if (how == end_of_route::deleted) {
+        MLIB_ERR("Route-Delete: Regdb-Unlink COMMIT failed (%s) for GRE: (%s, %s)",
+                 cerr_strerror(rc), source_text(&route->source), address_text(&route->group));
+    } else {
+        MLIB_ERR("Route-Clear: Regdb-Unlink COMMIT failed (%s) for GRE: (%s, %s)",
+                 cerr_strerror(rc), source_text(&route->source), address_text(&route->group));
+    }
 }
 
 void mlib::tell_problem(const char *function, int line, const char *text) {

@@ -238,15 +238,6 @@ void unlink_from_vrfs(ipv4mc_route_entry_st *route, const char *text) {
     clear_bits(route, mlib::vrf_link_bits | MRIB_ROUTE_DT | MRIB_ROUTE_DT_REMOTE);
 }
 
-void unbind_transport(ipv4mc_route_entry_st *route) {
-    const cerrno rc = mlib::unbind_gre_transport(route);
-    if (rc != 0) {
-        MLIB_ERR("Route-Clear: Regdb-Unlink COMMIT failed (%s) for GRE: (%s, %s)",
-                 cerr_strerror(rc), mlib::source_text(&route->source),
-                 mlib::address_text(&route->group));
-    }
-}
-
 // The flag and the bits go with the lists, other than in DELETE: this route lives on.
 void leave_candidates(ipv4mc_route_entry_st *route) {
     const group change;
@@ -348,7 +339,7 @@ void ip6mc_route_clear(ipv4mc_table_st *table, ipv4mc_route_entry_st *route, cha
     clear_fields(route);
     give_back_mdt_handle(route);
     unlink_from_vrfs(route, text);
-    unbind_transport(route);
+    mlib::unbind_gre_transport(route, mlib::end_of_route::cleared);
     leave_candidates(route);
     leave_update_lists(route);
     clear_properties(route, text);

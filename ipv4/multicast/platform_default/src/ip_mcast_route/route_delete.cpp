@@ -68,15 +68,6 @@ cerrno turn_children_away(const route_request &request, ipv4mc_route_entry_st *r
     return rc;
 }
 
-void unbind_transport(ipv4mc_route_entry_st *route) {
-    const cerrno rc = mlib::unbind_gre_transport(route);
-    if (rc != 0) {
-        MLIB_ERR("Route-Delete: Regdb-Unlink COMMIT failed (%s) for GRE: (%s, %s)",
-                 cerr_strerror(rc), mlib::source_text(&route->source),
-                 mlib::address_text(&route->group));
-    }
-}
-
 // The flag and the attribute bits that go with these lists stay: the record goes with them.
 void leave_global_lists(ipv4mc_route_entry_st *route) {
     const uint32_t tid = tid_or(route->table, mlib::no_table);
@@ -313,7 +304,7 @@ void free_leaf(const route_request &request, ipv4mc_route_entry_st *route) {
 }
 
 cerrno take_apart(const route_request &request, ipv4mc_route_entry_st *route) {
-    unbind_transport(route);
+    mlib::unbind_gre_transport(route, mlib::end_of_route::deleted);
     leave_global_lists(route);
     leave_core(request, route);
     tell_list_state(route);

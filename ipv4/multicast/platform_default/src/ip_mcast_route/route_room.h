@@ -32,9 +32,8 @@ void drop_mdt_reference(ipv4mc_table_st *table, mrib_attrib_entry_type attribute
 // stays.
 bool leave_mdt_candidates(ipv4mc_route_entry_st *route);
 
-// Unbinds the GRE transport that rides on a core route. The result of the transport's operation, 0
-// when there is none.
-cerrno unbind_gre_transport(ipv4mc_route_entry_st *route);
+// Unbinds the GRE transport that rides on a core route, if there is one. A failure is reported.
+void unbind_gre_transport(ipv4mc_route_entry_st *route, end_of_route how);
 
 // A core route with either bit is linked to customer tables.
 inline constexpr uint64_t vrf_link_bits = MRIB_ROUTE_TID_DEMAND | MRIB_ROUTE_TID_STICKY;

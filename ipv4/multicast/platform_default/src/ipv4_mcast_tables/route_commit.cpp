@@ -14,6 +14,7 @@
 
 namespace {
 
+using mfwd6::journal::publish;
 using mfwd6::journal::store;
 
 constexpr uint64_t attribute_ia = MRIB_ROUTE_IA;
@@ -39,7 +40,7 @@ cerrno find_parent(const route_request &request) {
                  REQUEST_ACTION, static_cast<int>(rc), cerr_strerror(rc));
         return rc;
     }
-    store(route->IF_parent, parent);
+    publish(route->IF_parent, parent);  // readers follow it
     if (parent != nullptr) {
         MLIB_DEBUG(IPV4_DEBUG_EV, "[%d] Route (%s,%s/%d). New IF parent is (%s,%s/%d)", __LINE__,
                    REQUEST_KEY, ROUTE_ARGS(parent));
@@ -84,7 +85,7 @@ cerrno program(const route_request &request) {
 }
 
 // From here on the route is found. An error cannot be repaired.
-cerrno publish(const route_request &request) {
+cerrno insert(const route_request &request) {
     cerrno error = 0;
     ip6mc_gtrie_platform_leaf_insert(request.table->ingress_gtrie, *request.route_entry, &error);
     if (error == 0) {
@@ -173,7 +174,7 @@ cerrno ipv4mc_route_commit(const route_request &request) {
         store((*request.route_entry)->IF_parent, nullptr);
     }
     if (rc == 0 && is_new) {
-        rc = publish(request);
+        rc = insert(request);
     }
     if (rc == 0) {
         rc = turn_children_to(request);
