@@ -113,8 +113,8 @@ struct walk {
         return result == 0;
     }
 
-    template <class T>
-    void each(const mfwd6::sim::slot_table<T> &table, uint32_t least_state,
+    template <class Table>
+    void each(const Table &table, uint32_t least_state,
               ip6mc_platform_held_st (*tell)(const hardware &, uint32_t)) {
         for (uint32_t slot = 0; result == 0 && slot < table.used(); ++slot) {
             if (table.at(slot).head.state >= least_state && !visit(tell(hw(), slot))) {
@@ -171,11 +171,8 @@ struct walk {
 uint32_t find_intf(const ip6mc_platform_held_st &held) {
     const uint32_t route =
         hw().find_route(make_route_key(held.tid, held.source, held.group, held.pfx_len));
-    if (route == no_slot) {
-        return no_slot;
-    }
     const uint32_t key_ifh = held.intf_type == IPV4MC_INTF_ORDINARY ? held.ifh : 0;
-    return hw().intfs.find({route, held.intf_type, key_ifh, held.amt_addr, held.amt_port, 0});
+    return hw().find_intf({route, held.intf_type, key_ifh, held.amt_addr, held.amt_port, 0});
 }
 
 regdb_key transport_of(const ip6mc_platform_held_st &held) {

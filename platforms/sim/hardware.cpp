@@ -22,6 +22,17 @@ ip_maddr_st cut(const ip_maddr_st &address, uint32_t bits) {
     return out;
 }
 
+uint32_t hash_id(uint32_t vrf_id) {
+    const uint64_t word = vrf_id;
+    return hash_words(&word, 1);
+}
+
+uint32_t hash_name(const char *name) {
+    uint64_t words[(IPV4MC_VRF_NAME_SIZE + 7) / 8] = {};
+    std::memcpy(words, name, strnlen(name, IPV4MC_VRF_NAME_SIZE));
+    return hash_words(words, std::size(words));
+}
+
 }  // namespace
 
 hardware &hw() {
@@ -49,8 +60,12 @@ cerrno hardware::open(int folder_fd) {
         close_all();
         return failed;
     }
+    const cerrno not_computed = compute();
+    if (not_computed != 0) {
+        close();
+        return not_computed;
+    }
     opened_ = true;
-    compute();
     return 0;
 }
 
@@ -84,6 +99,9 @@ void hardware::close() {
     std::fill(std::begin(counts_), std::end(counts_), 0);
     std::fill(std::begin(lengths_), std::end(lengths_), 0);
     orphans_ = 0;
+    vrfs_by_id_.clear();
+    vrfs_by_name_.clear();
+    latest_route_ = no_slot;
 }
 
 void hardware::clear() {
@@ -99,6 +117,9 @@ void hardware::clear() {
     std::fill(std::begin(counts_), std::end(counts_), 0);
     std::fill(std::begin(lengths_), std::end(lengths_), 0);
     orphans_ = 0;
+    vrfs_by_id_.clear();
+    vrfs_by_name_.clear();
+    latest_route_ = no_slot;
 }
 
 void hardware::unlimited() {
@@ -109,22 +130,23 @@ void hardware::unlimited() {
 // ---- what is computed from the arrays
 // ---------------------------------------------------------------
 
-void hardware::compute() {
+cerrno hardware::compute() {
     for (uint32_t slot = 0; slot < tids.used(); ++slot) {
         if (tids.live(slot)) {
             tids.at(slot).routes = 0;
             counted(IP6MC_PLATFORM_TABLE, 1);
         }
     }
-    compute_routes();
-    compute_others();
+    const cerrno failed = compute_routes();
+    return failed != 0 ? failed : compute_others();
 }
 
-void hardware::compute_routes() {
+cerrno hardware::compute_routes() {
     for (uint32_t slot = 0; slot < routes.used(); ++slot) {
         if (routes.live(slot)) {
             routes.at(slot).first_intf = no_slot;
             routes.at(slot).intf_count = 0;
+            routes.at(slot).intfs_indexed = 0;
             counted(IP6MC_PLATFORM_ROUTE, route_held(slot) ? 1 : 0);
             count_in_table(routes.at(slot).key.tid, 1);
             count_length(slot, 1);
@@ -136,20 +158,29 @@ void hardware::compute_routes() {
         }
         const uint32_t route = intfs.at(slot).key.route;
         if (route >= routes.used() || !routes.live(route)) {
-            intfs.remove(slot);  // its route went, and the process with it before this was done
+            intfs.forget(slot);  // its route went, and the process with it before this was done
             continue;
         }
-        link_intf(slot);
+        if (const cerrno failed = intfs.link(routes.at(route), slot); failed != 0) {
+            return failed;
+        }
         counted(IP6MC_PLATFORM_INTF, 1);
     }
     for (uint32_t slot = 0; slot < routes.used(); ++slot) {
         forget_route_if_bare(slot);
     }
+    return 0;
 }
 
-void hardware::compute_others() {
+cerrno hardware::compute_others() {
     for (uint32_t slot = 0; slot < vrfs.used(); ++slot) {
-        counted(IP6MC_PLATFORM_TABLE, vrfs.at(slot).head.state != slot_free ? 1 : 0);
+        const vrf_slot &vrf = vrfs.at(slot);
+        if (vrf.head.state != slot_free) {
+            counted(IP6MC_PLATFORM_TABLE, 1);
+            if (!index_vrf(slot)) {
+                return ENOMEM;
+            }
+        }
     }
     for (uint32_t slot = 0; slot < idbs.used(); ++slot) {
         if (idbs.live(slot)) {
@@ -183,6 +214,7 @@ void hardware::compute_others() {
     for (uint32_t slot = 0; slot < regdbs.used(); ++slot) {
         counted(IP6MC_PLATFORM_REGDB, regdbs.live(slot) ? 1 : 0);
     }
+    return 0;
 }
 
 // ---- tables
@@ -208,14 +240,26 @@ cerrno hardware::hold_tid(uint32_t tid, uint32_t *slot) {
     return 0;
 }
 
+// A VRF side whose keys another one has too is the one in the lower slot.
+uint32_t hardware::find_vrf(uint32_t vrf_id, const char *name) const {
+    uint32_t by_id = no_slot;
+    uint32_t by_name = no_slot;
+    if (vrf_id != 0) {
+        by_id = vrfs_by_id_.find_lowest(
+            hash_id(vrf_id), [&](uint32_t slot) { return vrfs.at(slot).vrf_id == vrf_id; });
+    }
+    if (name[0] != 0) {
+        by_name = vrfs_by_name_.find_lowest(hash_name(name), [&](uint32_t slot) {
+            return std::strncmp(vrfs.at(slot).vrf_name, name, sizeof(vrf_slot::vrf_name)) == 0;
+        });
+    }
+    return std::min(by_id, by_name);
+}
+
 cerrno hardware::hold_vrf(uint32_t vrf_id, const char *name, bool make, uint32_t *slot) {
-    for (*slot = 0; *slot < vrfs.used(); ++*slot) {
-        const vrf_slot &vrf = vrfs.at(*slot);
-        if (vrf.head.state != slot_free &&
-            ((vrf_id != 0 && vrf.vrf_id == vrf_id) ||
-             (name[0] != 0 && std::strncmp(vrf.vrf_name, name, sizeof(vrf.vrf_name)) == 0))) {
-            return 0;
-        }
+    *slot = find_vrf(vrf_id, name);
+    if (*slot != no_slot) {
+        return 0;
     }
     if (!make) {
         return ENOENT;
@@ -227,6 +271,37 @@ cerrno hardware::hold_vrf(uint32_t vrf_id, const char *name, bool make, uint32_t
         counted(IP6MC_PLATFORM_TABLE, 1);
     }
     return failed;
+}
+
+bool hardware::index_vrf(uint32_t slot) {
+    const vrf_slot &vrf = vrfs.at(slot);
+    if (vrf.vrf_id != 0 && !vrfs_by_id_.insert(hash_id(vrf.vrf_id), slot)) {
+        return false;
+    }
+    return vrf.vrf_name[0] == 0 || vrfs_by_name_.insert(hash_name(vrf.vrf_name), slot);
+}
+
+void hardware::unindex_vrf(uint32_t slot) {
+    const vrf_slot &vrf = vrfs.at(slot);
+    vrfs_by_id_.erase(hash_id(vrf.vrf_id), slot);
+    vrfs_by_name_.erase(hash_name(vrf.vrf_name), slot);
+}
+
+cerrno hardware::name_vrf(uint32_t slot, uint32_t vrf_id, const char *name) {
+    vrf_slot &vrf = vrfs.at(slot);
+    const bool same_id = vrf_id == 0 || vrf.vrf_id == vrf_id;
+    const bool same_name =
+        name[0] == 0 || std::strncmp(vrf.vrf_name, name, sizeof(vrf.vrf_name)) == 0;
+    if (same_id && same_name) {
+        return 0;
+    }
+    unindex_vrf(slot);
+    vrf.vrf_id = same_id ? vrf.vrf_id : vrf_id;
+    if (!same_name) {
+        std::memset(vrf.vrf_name, 0, sizeof(vrf.vrf_name));
+        std::memcpy(vrf.vrf_name, name, strnlen(name, sizeof(vrf.vrf_name) - 1));
+    }
+    return index_vrf(slot) ? 0 : cerrno{ENOMEM};
 }
 
 void hardware::drop_tid(uint32_t slot) {
@@ -241,6 +316,7 @@ void hardware::drop_tid(uint32_t slot) {
 }
 
 void hardware::drop_vrf(uint32_t slot) {
+    unindex_vrf(slot);
     vrfs.give_back(slot);
     counted(IP6MC_PLATFORM_TABLE, -1);
 }
@@ -262,8 +338,17 @@ void hardware::count_length(uint32_t slot, int change) {
     }
 }
 
+uint32_t hardware::find_route(const route_key &key) const {
+    const uint32_t latest = latest_route_;
+    if (latest != no_slot && routes.live(latest) &&
+        std::memcmp(&routes.at(latest).key, &key, sizeof(key)) == 0) {
+        return latest;
+    }
+    return latest_route_ = routes.find(key);
+}
+
 cerrno hardware::announce_route(const route_key &key, uint32_t *slot) {
-    *slot = routes.find(key);
+    *slot = find_route(key);
     if (*slot != no_slot) {
         return 0;
     }
@@ -272,6 +357,7 @@ cerrno hardware::announce_route(const route_key &key, uint32_t *slot) {
         count_in_table(key.tid, 1);
         routes.at(*slot).obj_id = IPMC_OBJ_ID_NONE;
         routes.at(*slot).first_intf = no_slot;
+        latest_route_ = *slot;
     }
     return failed;
 }
@@ -336,63 +422,36 @@ uint32_t hardware::match_route(uint32_t tid, const ip_maddr_st &source,
 // ---- interfaces of routes
 // -------------------------------------------------------------------------
 
-void hardware::link_intf(uint32_t slot) {
-    intf_slot &intf = intfs.at(slot);
-    route_slot &route = routes.at(intf.key.route);
-    intf.next = route.first_intf;
-    intf.prev = no_slot;
-    if (intf.next != no_slot) {
-        intfs.at(intf.next).prev = slot;
-    }
-    route.first_intf = slot;
-    ++route.intf_count;
-}
-
-void hardware::unlink_intf(uint32_t slot) {
-    const intf_slot &intf = intfs.at(slot);
-    route_slot &route = routes.at(intf.key.route);
-    (intf.prev == no_slot ? route.first_intf : intfs.at(intf.prev).next) = intf.next;
-    if (intf.next != no_slot) {
-        intfs.at(intf.next).prev = intf.prev;
-    }
-    --route.intf_count;
-}
-
 cerrno hardware::hold_intf(const intf_key &key, uint32_t ifh, uint32_t *slot) {
-    *slot = intfs.find(key);
+    route_slot &route = routes.at(key.route);
+    *slot = intfs.find(route, key);
     if (*slot != no_slot) {
         return 0;
     }
     cerrno failed = room(IP6MC_PLATFORM_INTF);
-    failed = failed != 0 ? failed : intfs.add(key, slot_created, slot);
+    failed = failed != 0 ? failed : intfs.add(route, key, slot_created, slot);
     if (failed != 0) {
         forget_route_if_bare(key.route);
         return failed;
     }
     intfs.at(*slot).ifh = ifh;
     intfs.at(*slot).obj_id = IPMC_OBJ_ID_NONE;
-    link_intf(*slot);
     counted(IP6MC_PLATFORM_INTF, 1);
     return 0;
 }
 
 void hardware::drop_intf(uint32_t slot) {
     const uint32_t route = intfs.at(slot).key.route;
-    unlink_intf(slot);
-    intfs.remove(slot);
+    intfs.remove(routes.at(route), slot);
     counted(IP6MC_PLATFORM_INTF, -1);
     forget_route_if_bare(route);
 }
 
 void hardware::drop_intfs_of(uint32_t route) {
-    for (uint32_t slot = routes.at(route).first_intf; slot != no_slot;) {
-        const uint32_t next = intfs.at(slot).next;
-        intfs.remove(slot);
+    while (routes.at(route).first_intf != no_slot) {
+        intfs.remove(routes.at(route), routes.at(route).first_intf);
         counted(IP6MC_PLATFORM_INTF, -1);
-        slot = next;
     }
-    routes.at(route).first_intf = no_slot;
-    routes.at(route).intf_count = 0;
 }
 
 // ---- the rest

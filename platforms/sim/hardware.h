@@ -29,7 +29,7 @@ struct tid_slot {
     uint64_t routes;  // computed: named in this table
 };
 
-// The VRF side of a table is known by name, by id, or by both; there are few, they are searched.
+// The VRF side of a table is known by name, by id, or by both.
 struct vrf_slot {
     slot_head head;
     uint32_t vrf_id;
@@ -61,9 +61,9 @@ struct route_slot {
     uint8_t t_bit;
     uint8_t acct;
     uint8_t acct_fwd_only;
-    uint8_t reserved;
-    uint32_t first_intf;  // computed; latest first
-    uint32_t intf_count;  // computed
+    uint8_t intfs_indexed;  // computed
+    uint32_t first_intf;    // computed; latest first
+    uint32_t intf_count;    // computed
 };
 
 struct intf_key {
@@ -161,6 +161,50 @@ struct leaf_slot {
     uint32_t reserved;
 };
 
+// Interfaces of routes. Those of a route with few are found along its list, which is at hand when
+// they are made; only the others are worth an index.
+class intf_table {
+  public:
+    cerrno open(int folder_fd, const char *name, uint64_t most) {
+        index_.clear();
+        return slots_.open(folder_fd, name, most);
+    }
+    void close() {
+        slots_.close();
+        index_.clear();
+    }
+    void clear() {
+        slots_.clear();
+        index_.clear();
+    }
+
+    uint32_t used() const { return slots_.used(); }
+    intf_slot &at(uint32_t slot) const { return slots_.at(slot); }
+    bool live(uint32_t slot) const { return at(slot).head.state != slot_free; }
+    void set_state(uint32_t slot, uint32_t state) { slots_.keep(slot, state); }
+    uint32_t find(const route_slot &route, const intf_key &key) const;
+
+    // Makes a slot with this key, which must be new, at the head of the route's list.
+    cerrno add(route_slot &route, const intf_key &key, uint32_t state, uint32_t *slot);
+
+    // The same for a slot that an earlier process left.
+    cerrno link(route_slot &route, uint32_t slot);
+
+    void remove(route_slot &route, uint32_t slot);
+
+    // Frees a slot that is on no list.
+    void forget(uint32_t slot) { slots_.give_back(slot); }
+
+  private:
+    static constexpr uint32_t most_listed = 16;
+
+    cerrno index_all(route_slot &route);
+    void unlink(route_slot &route, uint32_t slot);
+
+    slot_array<intf_slot> slots_;
+    slot_index index_;
+};
+
 class hardware {
   public:
     // In memory with a negative folder, else in the files of that folder.
@@ -188,11 +232,13 @@ class hardware {
     // Tables. `hold_vrf` finds the VRF side by name or id, and makes it with `make`.
     cerrno hold_tid(uint32_t tid, uint32_t *slot);
     cerrno hold_vrf(uint32_t vrf_id, const char *name, bool make, uint32_t *slot);
+    // Gives a VRF side those of its keys that are not 0 and not empty.
+    cerrno name_vrf(uint32_t slot, uint32_t vrf_id, const char *name);
     void drop_tid(uint32_t slot);
     void drop_vrf(uint32_t slot);
 
     // Routes. `announce` gives the slot of a route that is named, held or not.
-    uint32_t find_route(const route_key &key) const { return routes.find(key); }
+    uint32_t find_route(const route_key &key) const;
     cerrno announce_route(const route_key &key, uint32_t *slot);
     cerrno hold_route(uint32_t slot, uint32_t state);
     void drop_route(uint32_t slot);
@@ -203,6 +249,9 @@ class hardware {
     uint32_t match_route(uint32_t tid, const ip_maddr_st &source, const ip_maddr_st &group) const;
 
     // Interfaces of routes.
+    uint32_t find_intf(const intf_key &key) const {
+        return key.route == no_slot ? no_slot : intfs.find(routes.at(key.route), key);
+    }
     cerrno hold_intf(const intf_key &key, uint32_t ifh, uint32_t *slot);
     void drop_intf(uint32_t slot);
     void drop_intfs_of(uint32_t route);
@@ -222,7 +271,7 @@ class hardware {
     slot_table<tid_slot> tids;
     slot_array<vrf_slot> vrfs;
     slot_table<route_slot> routes;
-    slot_table<intf_slot> intfs;
+    intf_table intfs;
     slot_table<idb_slot> idbs;
     slot_table<member_slot> members;
     slot_table<encap_slot> encaps;
@@ -230,13 +279,14 @@ class hardware {
     slot_table<regdb_slot> regdbs;
 
   private:
+    uint32_t find_vrf(uint32_t vrf_id, const char *name) const;
+    bool index_vrf(uint32_t slot);  // false: out of memory
+    void unindex_vrf(uint32_t slot);
     cerrno open_all(int folder_fd);
     void close_all();
-    void compute();
-    void compute_routes();
-    void compute_others();
-    void link_intf(uint32_t slot);
-    void unlink_intf(uint32_t slot);
+    cerrno compute();
+    cerrno compute_routes();
+    cerrno compute_others();
     void forget_route_if_bare(uint32_t slot);
     void count_length(uint32_t slot, int change);
     void count_in_table(uint32_t tid, int change);
@@ -248,6 +298,9 @@ class hardware {
     cerrno full_code_ = 28;                               // ENOSPC
     uint64_t lengths_[IPV4MC_ROUTE_PFX_LEN_SG + 1] = {};  // committed routes by length
     uint64_t orphans_ = 0;                                // routes whose table is not held
+    slot_index vrfs_by_id_;
+    slot_index vrfs_by_name_;
+    mutable uint32_t latest_route_ = no_slot;  // found last: calls come in rows about one route
 };
 
 // The one hardware of the process, in memory until told otherwise. Opened at the first use.

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 
 namespace mfwd6::sim {
 
@@ -14,6 +15,10 @@ namespace {
 
 constexpr uint64_t magic = 0x6d66776436736d31;
 constexpr size_t step = size_t{1} << 20;
+
+// Memory beyond this is asked for in large pages; below it they would only take time to clear.
+constexpr size_t large_page = size_t{2} << 20;
+constexpr size_t worth_large_pages = 2 * large_page;
 
 size_t round_up(size_t bytes, size_t unit) {
     return (bytes + unit - 1) / unit * unit;
@@ -24,6 +29,17 @@ cerrno last_error() {
 }
 
 }  // namespace
+
+void *allocate_cells(size_t bytes) {
+    if (bytes < worth_large_pages) {
+        return std::malloc(bytes);
+    }
+    void *memory = std::aligned_alloc(large_page, round_up(bytes, large_page));
+    if (memory != nullptr) {
+        (void)madvise(memory, bytes, MADV_HUGEPAGE);  // a wish
+    }
+    return memory;
+}
 
 cerrno region::open_memory(uint32_t element_bytes, uint64_t most) {
     reserved_ = round_up(region_head_bytes + element_bytes * most, step);
@@ -118,6 +134,8 @@ cerrno region::extend(size_t bytes) {
         }
     } else if (mprotect(base_ + usable_, bytes - usable_, PROT_READ | PROT_WRITE) != 0) {
         return last_error();
+    } else if (usable_ >= worth_large_pages) {
+        (void)madvise(base_ + usable_, bytes - usable_, MADV_HUGEPAGE);  // a wish
     }
     usable_ = bytes;
     return 0;

@@ -22,6 +22,10 @@ struct region_head {
 
 inline constexpr size_t region_head_bytes = 4096;
 
+// Memory for an index, given back with free(3): of large pages where it is large, since an index is
+// touched at random. NULL: out of memory.
+void *allocate_cells(size_t bytes);
+
 class region {
   public:
     // Empty, in process memory, for up to `most` elements. ENOMEM.

@@ -144,7 +144,7 @@ cerrno intf_action(hardware &h, ipv4mc_action_type action, const route_key &key,
                             action == IPV4MC_ACTION_CREATE ? slot_created : slot_committed);
     }
     const uint32_t route = h.find_route(key);
-    const uint32_t slot = route == no_slot ? no_slot : h.intfs.find(intf_key_of(route, intf));
+    const uint32_t slot = h.find_intf(intf_key_of(route, intf));
     if (slot == no_slot) {
         return 0;
     }

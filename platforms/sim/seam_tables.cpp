@@ -53,13 +53,10 @@ cerrno vrf_action(hardware &h, ipv4mc_action_type action, const side &s) {
     if (failed != 0) {
         return makes ? failed : 0;
     }
-    mfwd6::sim::vrf_slot &vrf = h.vrfs.at(slot);
-    if (makes) {
-        vrf.vrf_id = s.vrf_id != 0 ? s.vrf_id : vrf.vrf_id;
-        if (s.name[0] != 0) {
-            copy_name(vrf.vrf_name, s.name);
-        }
+    if (const cerrno unnamed = makes ? h.name_vrf(slot, s.vrf_id, s.name) : 0; unnamed != 0) {
+        return unnamed;
     }
+    mfwd6::sim::vrf_slot &vrf = h.vrfs.at(slot);
     switch (action) {
         case IPV4MC_ACTION_ACTIVATE:
             vrf.active = 1;

@@ -139,6 +139,19 @@ class slot_index {
         }
     }
 
+    // The lowest slot with this hash for which `is_it(slot)` holds, or no_slot.
+    template <class Test>
+    uint32_t find_lowest(uint32_t hash, Test is_it) const {
+        uint32_t lowest = no_slot;
+        find(hash, [&](uint32_t slot) {
+            if (slot < lowest && is_it(slot)) {
+                lowest = slot;
+            }
+            return false;
+        });
+        return lowest;
+    }
+
     // False: out of memory, nothing changed.
     bool insert(uint32_t hash, uint32_t slot) {
         if ((count_ + 1) * 5 > (mask_ + 1) * 3 || cells_ == nullptr) {
@@ -151,7 +164,11 @@ class slot_index {
         return true;
     }
 
+    // Nothing where it is not in the index.
     void erase(uint32_t hash, uint32_t slot) {
+        if (count_ == 0) {
+            return;
+        }
         uint64_t i = hash & mask_;
         while (cells_[i].slot != slot) {
             if (cells_[i].slot == no_slot) {
@@ -200,7 +217,7 @@ class slot_index {
 
     bool grow() {
         const uint64_t size = cells_ == nullptr ? 64 : (mask_ + 1) * 2;
-        auto *bigger = static_cast<cell *>(std::malloc(size * sizeof(cell)));
+        auto *bigger = static_cast<cell *>(allocate_cells(size * sizeof(cell)));
         if (bigger == nullptr) {
             return false;
         }

@@ -182,12 +182,14 @@ GATE(fib_obj_id_params_set_mem_alloc_fn, (fib_obj_id_params_t * params, fib_obj_
      (params, fn))
 GATE(fib_obj_id_params_set_mem_free_fn, (fib_obj_id_params_t * params, fib_obj_id_mem_free_fn fn),
      (params, fn))
-// The type of a function that checks formats is no template argument.
-#define DEBUG_FN_GATE(function)                                                                 \
-    static kit::gate<cerrno (*)(fib_obj_id_params_t *, void *)> gate_##function(#function);     \
-    extern "C" cerrno function(fib_obj_id_params_t *params, fib_obj_id_dbg_fn fn) {             \
-        const cerrno code = gate_##function.refusal();                                          \
-        return code != 0 ? code : gate_##function.behind(params, reinterpret_cast<void *>(fn)); \
+// The type of a function that checks formats is no template argument: the gate holds another one,
+// and the call is made by the right one.
+#define DEBUG_FN_GATE(function)                                                             \
+    static kit::gate<cerrno (*)(fib_obj_id_params_t *, void *)> gate_##function(#function); \
+    extern "C" cerrno function(fib_obj_id_params_t *params, fib_obj_id_dbg_fn fn) {         \
+        const cerrno code = gate_##function.refusal();                                      \
+        const auto behind = reinterpret_cast<decltype(&function)>(gate_##function.behind);  \
+        return code != 0 ? code : behind(params, fn);                                       \
     }
 DEBUG_FN_GATE(fib_obj_id_params_set_dbg_fn)
 DEBUG_FN_GATE(fib_obj_id_params_set_dbg_err_fn)
