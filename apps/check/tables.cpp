@@ -159,6 +159,24 @@ class table_walk {
             ++*count;
         }
         w_.count(signal ? "signal route" : "route", leaves->size());
+        note_detached(table, field, all_.all_tries.detached(at), signal);
+    }
+
+    void note_detached(const ipv4mc_table_st *table, const char *field, const tries::leaves &leaves,
+                       bool signal) {
+        for (const gtrie::leaf *leaf : leaves) {
+            const auto *route = reinterpret_cast<const ipv4mc_route_entry_st *>(leaf + 1);
+            if (!w_.is(route, kinds::route)) {
+                w_.wrong(about(table), field, "holds a leaf that is no route: " + hex(leaf));
+                continue;
+            }
+            route_facts facts;
+            facts.table = table;
+            facts.signal = signal;
+            if (all_.routes.emplace(route, facts).second) {
+                all_.unpublished.push_back(route);
+            }
+        }
     }
 
     // Group and source with the length make the key of the leaf.

@@ -277,6 +277,9 @@ void tries::walk_trie(const subject &owner, const char *field, const trie *t, vi
     w_.count("trie");
     const uint64_t before = w_.faults();
     walk_handles(t, seen);
+    for (const auto &[each, used] : seen.handles) {
+        walk_detached(each);
+    }
     walk_nodes(t, seen);
     index_walk(w_, t).run();
     if (w_.live() || w_.faults() != before || seen.handles.empty()) {
@@ -297,6 +300,29 @@ void tries::walk_handles(const trie *t, view &seen) {
                       w_.wrong(about(h), "on", "is not that of the trie which lists the handle");
                   }
               });
+}
+
+void tries::walk_detached(const handle *h) {
+    std::unordered_set<const leaf *> met;
+    const uint64_t *at = &h->detached;
+    for (uint64_t word = load(*at); word != 0; word = load(*at)) {
+        const leaf *l =
+            w_.follow(about(h), "detached", reinterpret_cast<const leaf *>(word), kinds::trie_leaf);
+        if (l == nullptr) {
+            return;
+        }
+        if (load(l->magic) != gtrie::leaf_magic || !met.insert(l).second) {
+            return w_.wrong(about(l), "waiting_next", "is no leaf, or was met before");
+        }
+        if (load(l->waiting_at) != at) {
+            w_.wrong(about(l), "waiting_at", "is not where the list comes from");
+        }
+        if (load(l->state) != static_cast<uint32_t>(gtrie::leaf_state::detached)) {
+            w_.wrong(about(l), "state", "is not that of a detached leaf");
+        }
+        detached_[h].push_back(l);
+        at = &l->waiting_next;
+    }
 }
 
 void tries::walk_nodes(const trie *t, view &seen) {

@@ -23,6 +23,9 @@ class tries {
     const leaves *open(const subject &owner, const char *field, void *handle,
                        const gtrie::handle **at);
 
+    // The leaves of a handle that were made and not inserted.
+    const leaves &detached(const gtrie::handle *handle) { return detached_[handle]; }
+
   private:
     struct view {
         std::unordered_map<uint32_t, leaves> of_table;
@@ -32,8 +35,10 @@ class tries {
     void walk_trie(const subject &owner, const char *field, const gtrie::trie *trie, view &seen);
     void walk_handles(const gtrie::trie *trie, view &seen);
     void walk_nodes(const gtrie::trie *trie, view &seen);
+    void walk_detached(const gtrie::handle *handle);
 
     walk &w_;
+    std::unordered_map<const gtrie::handle *, leaves> detached_;
     std::unordered_map<const gtrie::trie *, std::unique_ptr<view>> seen_;
 };
 

@@ -352,6 +352,31 @@ void tell_record(const handle *h, leaf *l, uint64_t linked) {
     journal::store(field->linked, linked);
 }
 
+// Detached leaves are on a list of their handle, so that who comes behind a killed writer finds
+// what it had begun. They use the links by which leaves wait for a slot: a leaf does one or the
+// other.
+void list_detached(handle *h, leaf *l) {
+    const auto head = reinterpret_cast<leaf *>(h->detached);
+    journal::store(l->waiting_next, h->detached);
+    journal::store(l->waiting_at, &h->detached);
+    if (head != nullptr) {
+        journal::store(head->waiting_at, &l->waiting_next);
+    }
+    journal::store(h->detached, reinterpret_cast<uint64_t>(l));
+}
+
+void unlist_detached(leaf *l) {
+    if (l->waiting_at == nullptr) {
+        return;
+    }
+    if (l->waiting_next != 0) {
+        journal::store(reinterpret_cast<leaf *>(l->waiting_next)->waiting_at, l->waiting_at);
+    }
+    journal::store(*l->waiting_at, l->waiting_next);
+    journal::store(l->waiting_at, nullptr);
+    journal::store(l->waiting_next, uint64_t{0});
+}
+
 cerrno create(void *given, const uint8_t *bytes, uint32_t length, void **record, size_t size,
               int *created) {
     if (created != nullptr) {
@@ -385,6 +410,7 @@ cerrno create(void *given, const uint8_t *bytes, uint32_t length, void **record,
         return ENOMEM;
     }
     tell_record(h, made, 0);
+    list_detached(h, made);
     *record = record_of(made);
     *created = 1;
     return 0;
@@ -407,10 +433,13 @@ cerrno insert(void *given, void *record, cerrno *error) {
     }
     const journal::group group;
     // What names the leaf in its record is no reader's: it may come before the leaf is there.
+    unlist_detached(l);
     code = insert_leaf(h->on, l, m);
     if (code == 0) {
         journal::store(h->leaves, h->leaves + 1);
         tell_record(h, l, 1);
+    } else {
+        list_detached(h, l);
     }
     return tell(error, code);
 }
@@ -455,7 +484,15 @@ cerrno free_leaf(void *given, void *record) {
     // The block stays as it is for readers that hold it until free_fn says otherwise: nothing is
     // marked.
     const journal::group group;
+    if (l->state == static_cast<uint32_t>(leaf_state::detached)) {
+        unlist_detached(l);
+    }
     return m.free(l, GTRIE_ALLOC_LEAF);
+}
+
+void *first_detached(void *given) {
+    const handle *h = handle_of(given);
+    return h == nullptr ? nullptr : record_of(reinterpret_cast<leaf *>(h->detached));
 }
 
 }  // namespace
@@ -623,6 +660,10 @@ cerrno ip6mc_gtrie_leaf_free(void *handle, void *leaf) {
 }
 cerrno ip6mc_gtrie_platform_leaf_free(void *handle, void *leaf) {
     return free_leaf(handle, leaf);
+}
+
+void *ip6mc_gtrie_first_detached(void *handle) {
+    return first_detached(handle);
 }
 
 void ip6mc_gtrie_set_hash_for_tests(int constant) {

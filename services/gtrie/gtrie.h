@@ -235,6 +235,10 @@ MFWD6_EXPORT cerrno ip6mc_gtrie_platform_leaf_delete(void *handle, void *leaf, c
 MFWD6_EXPORT cerrno ip6mc_gtrie_leaf_free(void *handle, void *leaf);
 MFWD6_EXPORT cerrno ip6mc_gtrie_platform_leaf_free(void *handle, void *leaf);
 
+/* The detached leaf of this table that was made last, NULL when there is none: what a killed writer
+   had made and not inserted. It is on this list until it is inserted or freed. */
+MFWD6_EXPORT void *ip6mc_gtrie_first_detached(void *handle);
+
 /* --- inspection
  * ---------------------------------------------------------------------------------------- */
 
@@ -257,8 +261,8 @@ MFWD6_EXPORT cerrno ip6mc_gtrie_get_stats(void *handle, ip6mc_gtrie_stats_t *sta
    NULL when all hold, else a text that names what is wrong. Not beside a writer. */
 MFWD6_EXPORT const char *ip6mc_gtrie_verify(void *handle);
 
-/* Calls `fn` with every block that the physical trie and its handles use (leaves in it included),
-   with its type, for a checker that looks for orphans. Not beside a writer. */
+/* Calls `fn` with every block that the physical trie and its handles use (leaves in it and detached
+   ones included), with its type, for a checker that looks for orphans. Not beside a writer. */
 MFWD6_EXPORT cerrno ip6mc_gtrie_walk_blocks(
     void *handle, void (*fn)(const void *block, uint32_t type, void *context), void *context);
 

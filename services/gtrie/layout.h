@@ -25,7 +25,8 @@ enum class leaf_state : uint32_t { detached, arriving, linked, leaving, removed 
 // writer changes for the sake of other leaves is first, as far from the key as it can be.
 struct leaf {
     node *up;               // node with the entry for this leaf
-    uint64_t waiting_next;  // address of a leaf: list of those that found their bucket full
+    uint64_t waiting_next;  // address of a leaf: list of those that found their bucket full; of a
+                            // detached leaf the next of its handle's list
     uint64_t
         *waiting_at;  // the word that points here in that list; null when the leaf is in a bucket
     trie *owner;
@@ -192,7 +193,8 @@ struct handle {
     handle *prev;
     uint64_t apart[words_apart];
     uint64_t leaves;
-    uint64_t behind[words_apart];
+    uint64_t detached;  // address of a leaf: list of those that were made and not inserted
+    uint64_t behind[words_apart - 1];
 };
 static_assert(sizeof(handle) == 336 && offsetof(handle, leaves) == 200);
 

@@ -33,6 +33,7 @@ struct checker {
     void check_leaf(leaf *l, const node *n);
     void check_indexed(leaf *l);
     void check_counts();
+    void check_detached(const handle *h);
     void check_index();
 };
 
@@ -137,6 +138,19 @@ void checker::check_node(const node *n, const node *parent, uint64_t level) {
     }
 }
 
+void checker::check_detached(const handle *h) {
+    const uint64_t *at = &h->detached;
+    while (*at != 0 && wrong == nullptr) {
+        const auto *l = reinterpret_cast<const leaf *>(*at);
+        expect(l->magic == leaf_magic && l->owner == on && l->table == h->table,
+               "detached leaf of another trie");
+        expect(l->state == static_cast<uint32_t>(leaf_state::detached),
+               "leaf on the list of detached ones that is none");
+        expect(l->waiting_at == at, "list of detached leaves broken");
+        at = &l->waiting_next;
+    }
+}
+
 void checker::check_counts() {
     expect(leaves == on->leaves, "leaves miscounted");
     expect(waiting == on->waiting, "waiting leaves miscounted");
@@ -147,6 +161,9 @@ void checker::check_counts() {
     }
     expect(on->lengths == pack_lengths(on->length_map), "packed lengths differ from their map");
     uint64_t of_handles = 0;
+    for (const handle *h = on->handles; h != nullptr; h = h->next) {
+        check_detached(h);
+    }
     const handle *previous_handle = nullptr;
     for (const handle *h = on->handles; h != nullptr; h = h->next) {
         expect(h->magic == handle_magic && h->on == on && h->prev == previous_handle,
@@ -260,6 +277,10 @@ cerrno ip6mc_gtrie_walk_blocks(void *given, void (*fn)(const void *, uint32_t, v
     fn(t, GTRIE_ALLOC_HANDLE, context);
     for (const handle *s = t->handles; s != nullptr; s = s->next) {
         fn(s, GTRIE_ALLOC_HANDLE, context);
+        for (uint64_t l = s->detached; l != 0;
+             l = reinterpret_cast<const leaf *>(l)->waiting_next) {
+            fn(reinterpret_cast<const leaf *>(l), GTRIE_ALLOC_LEAF, context);
+        }
     }
     fn(t->segments, GTRIE_ALLOC_INDEX, context);
     const auto *segments = reinterpret_cast<const uint64_t *>(t->segments + 1);

@@ -80,15 +80,18 @@ TEST(Check, WhatAnOwnersDeathMayLeaveIsListedApart) {
     state.busy->counted_intf_cnt = 2;
     ipv4mc_route_entry_st *detached = bed::create(state.red, bed::sg(0xfff));
     bed::join(detached, {IPV4MC_INTF_ORDINARY, 0x101, 0, 0});
-    ipv4mc_route_entry_st *lost = bed::create(state.red, bed::sg(0xffe));
+    bed::create(state.red, bed::sg(0xffe));
+    ipv4mc_intf_entry_st *lost = nullptr;
+    bed::intf_operate(IPV4MC_ACTION_CREATE, state.busy, {IPV4MC_INTF_ORDINARY, 0x777, 0, 0}, &lost,
+                      1);
     const report found = check_window();
     EXPECT_TRUE(found.clean()) << rich::lines(found);
-    ASSERT_EQ(found.leftovers.size(), 3U) << rich::lines(found);
-    EXPECT_EQ(found.walked.at("unpublished route"), 1U);
+    ASSERT_EQ(found.leftovers.size(), 4U) << rich::lines(found);
+    EXPECT_EQ(found.walked.at("unpublished route"), 2U);
     ASSERT_EQ(found.orphans.size(), 1U);
-    EXPECT_EQ(found.orphans[0].type, IPMC_SHMWIN_ALLOC_ROUTE);
-    EXPECT_LT(found.orphans[0].address, reinterpret_cast<uint64_t>(lost));
-    EXPECT_EQ(found.blocks[IPMC_SHMWIN_ALLOC_ROUTE].orphans, 1U);
+    EXPECT_EQ(found.orphans[0].type, IPMC_SHMWIN_ALLOC_INTF);
+    EXPECT_EQ(found.orphans[0].address, reinterpret_cast<uint64_t>(lost));
+    EXPECT_EQ(found.blocks[IPMC_SHMWIN_ALLOC_INTF].orphans, 1U);
 }
 
 TEST(Check, AnAttachedClientAndAReaderWithoutAnOwnerSeeTheSame) {

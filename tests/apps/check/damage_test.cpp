@@ -1,8 +1,7 @@
 // Each invariant is broken on purpose: the finding names the record and the field.
-#include "tests/apps/check/rich_state.h"
-
 #include "services/gtrie/layout.h"
 #include "services/objid/domain.h"
+#include "tests/apps/check/rich_state.h"
 
 using mfwd6::check::check_window;
 using mfwd6::check::finding;
@@ -46,8 +45,8 @@ class Damage : public testing::Test {
     static bool names(const std::vector<finding> &all, const void *record, const char *field) {
         bool named = false;
         for (const finding &each : all) {
-            named = named || (each.address == reinterpret_cast<uint64_t>(record) &&
-                              each.field == field);
+            named = named ||
+                    (each.address == reinterpret_cast<uint64_t>(record) && each.field == field);
         }
         return named;
     }

@@ -57,7 +57,6 @@ TEST(CheckBesideAnOwner, FindsNothingThatIsOnlyInMotion) {
     }
     EXPECT_GT(routes, 500U);
     owner.kill();
-
 }
 
 TEST(CheckBesideAnOwner, FindsWhatIsWrong) {

@@ -25,8 +25,8 @@ TEST(Reclaim, OfASoundWindowDoesNothing) {
 TEST(Reclaim, GivesBackWhatNobodyReaches) {
     rich::state state;
     const report before = check_window();
-    ipv4mc_route_entry_st *lost = bed::create(state.red, bed::sg(0xfff));
-    lost->rate = rich::allocate<ipv4mc_route_rate_st>(IPMC_SHMWIN_ALLOC_ROUTE);
+    rich::allocate<ipv4mc_route_rate_st>(IPMC_SHMWIN_ALLOC_ROUTE);
+    rich::allocate<ipv4mc_table_st>(IPMC_SHMWIN_ALLOC_TABLE);
     ipv4mc_intf_entry_st *entry = nullptr;
     bed::intf_operate(IPV4MC_ACTION_CREATE, state.busy, {IPV4MC_INTF_ORDINARY, 0x777, 0, 0}, &entry,
                       1);
@@ -38,7 +38,7 @@ TEST(Reclaim, GivesBackWhatNobodyReaches) {
     uint64_t bytes = 0;
     EXPECT_EQ(reclaim(found, &blocks, &bytes), 0U);
     EXPECT_EQ(blocks, 3U);
-    EXPECT_GT(bytes, sizeof(ipv4mc_route_entry_st));
+    EXPECT_GT(bytes, sizeof(ipv4mc_table_st));
     ip6mc_shmwin_free(own);
     const report after = check_window();
     EXPECT_EQ(rich::lines(after), "");

@@ -59,7 +59,9 @@ void give_children(ipv4mc_idb_st *bundle) {
     bundle->bundle_members[1] = {0x302, 2};
     bundle->bundle_member_count = 2;
     static rt_aux_t aux;
-    EXPECT_EQ(rt_aux_init(&aux, [](rt_node_t *) {}, 0), 1);
+    EXPECT_EQ(rt_aux_init(
+                  &aux, [](rt_node_t *) {}, 0),
+              1);
     bundle->vlan_tree = allocate<rt_head_t>(IPMC_SHMWIN_ALLOC_BUNDLE);
     EXPECT_EQ(rt_root_init(bundle->vlan_tree, &aux), 1);
     for (const ifhtype ifh : {0x401U, 0x402U, 0x403U}) {

@@ -33,18 +33,18 @@ class state {
     ~state();
 
     std::unique_ptr<bed::library> lib;
-    ipv4mc_table_st *core = nullptr;   // default table
-    ipv4mc_table_st *red = nullptr;    // tables by table id
+    ipv4mc_table_st *core = nullptr;  // default table
+    ipv4mc_table_st *red = nullptr;   // tables by table id
     ipv4mc_table_st *blue = nullptr;
     ipv4mc_table_st *red_vrf = nullptr;
-    ipv4mc_route_entry_st *above = nullptr;     // inherits forward, a range
-    ipv4mc_route_entry_st *below = nullptr;     // hangs under it
-    ipv4mc_route_entry_st *busy = nullptr;      // has interfaces a, b, c and an AMT one
-    ipv4mc_route_entry_st *feeding = nullptr;   // core route of red
+    ipv4mc_route_entry_st *above = nullptr;    // inherits forward, a range
+    ipv4mc_route_entry_st *below = nullptr;    // hangs under it
+    ipv4mc_route_entry_st *busy = nullptr;     // has interfaces a, b, c and an AMT one
+    ipv4mc_route_entry_st *feeding = nullptr;  // core route of red
     ipv4mc_route_entry_st *feeding_too = nullptr;
-    ipv4mc_route_entry_st *failed = nullptr;    // on the retry queue, as is the one behind it
+    ipv4mc_route_entry_st *failed = nullptr;  // on the retry queue, as is the one behind it
     ipv4mc_route_entry_st *failed_too = nullptr;
-    ipv4mc_route_entry_st *signal = nullptr;    // changed, as is the one behind it
+    ipv4mc_route_entry_st *signal = nullptr;  // changed, as is the one behind it
     ipv4mc_route_entry_st *signal_too = nullptr;
     ipv4mc_intf_entry_st *a = nullptr;  // entries of busy, newest first on its list: amt, c, b, a
     ipv4mc_intf_entry_st *b = nullptr;

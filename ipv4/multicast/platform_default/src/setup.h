@@ -42,6 +42,10 @@ namespace mlib {
 // is in, and frees it.
 void end_idb_in_hand();
 
+// Owner: ends the routes that a killed process had made and not committed, with the interfaces that
+// had joined them. The hardware is not told: its owner compares it with the window behind a start.
+void end_unfinished_routes();
+
 // Tells the client of the present state and the one before.
 void tell_client_of_state();
 

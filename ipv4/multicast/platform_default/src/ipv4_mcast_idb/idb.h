@@ -43,6 +43,10 @@ void classify_idb(ipv4mc_idb_st *idb, bool is_mdt);
 // True when the record has gone.
 cerrno drop_idb_reference(ipv4mc_idb_st **idb_p);
 bool destroy_idb_if_unheld(ipv4mc_idb_st *idb);
+bool is_unheld(const ipv4mc_idb_st *idb);
+
+// The record with this handle, or null, also while the interface half has not started.
+ipv4mc_idb_st *find_idb_record(ifhtype ifh);
 
 // The two steps of ip6mc_idb_lock, likewise: find or create, reported in the name of the caller;
 // and the count. The record may be NULL with 0.

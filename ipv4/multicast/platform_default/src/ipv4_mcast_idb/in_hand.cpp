@@ -35,6 +35,11 @@ void mlib::end_idb_in_hand() {
         return;
     }
     MLIB_TRACE_TEXT(IPV4_DEBUG_IDB, "Ending idb 0x%x, left half made or half destroyed", idb->ifh);
+    end_idb_record(idb);
+}
+
+void mlib::end_idb_record(ipv4mc_idb_st *idb) {
+    ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
     const tbl_write_lock guard(__LINE__);
     const group change;
     void *node = ipmc_idb_idb2wavl(idb);

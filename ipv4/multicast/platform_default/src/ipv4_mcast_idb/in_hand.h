@@ -12,6 +12,10 @@ namespace mlib {
 void take_idb_in_hand(ipv4mc_idb_st *idb);
 void put_idb_out_of_hand(const ipv4mc_idb_st *idb);
 
+// Takes a record out of whatever tree it is in, and frees it. For an owner's start: the platform is
+// not told.
+void end_idb_record(ipv4mc_idb_st *idb);
+
 }  // namespace mlib
 
 #endif

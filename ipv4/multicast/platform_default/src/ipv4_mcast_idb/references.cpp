@@ -19,11 +19,6 @@ namespace {
 using mfwd6::journal::group;
 using mfwd6::journal::store;
 
-bool ipv4mc_idb_delete_test(const ipv4mc_idb_st *idb) {
-    return idb->refcount == 0 && idb->ttl == 0 && idb->aib == nullptr &&
-           idb->platform_boundary_ref == 0;
-}
-
 cerrno destroy_platform_half(ipv4mc_idb_st *idb) {
     const cerrno rc =
         ip6mc_platform_idb_operation_wrapper(IPV4MC_IDB_OP_DESTROY, idb, nullptr, nullptr);
@@ -192,8 +187,13 @@ cerrno mlib::drop_idb_reference(ipv4mc_idb_st **idb_p) {
     return 0;
 }
 
+bool mlib::is_unheld(const ipv4mc_idb_st *idb) {
+    return idb->refcount == 0 && idb->ttl == 0 && idb->aib == nullptr &&
+           idb->platform_boundary_ref == 0;
+}
+
 bool mlib::destroy_idb_if_unheld(ipv4mc_idb_st *idb) {
-    if (!ipv4mc_idb_delete_test(idb)) {
+    if (!is_unheld(idb)) {
         return false;
     }
     store(idb->mcast_enabled, 0U);

@@ -70,9 +70,7 @@ cerrno ip6mc_idb_lookup(ifhtype ifh, ipv4mc_idb_st **idb_p) {
     if (const cerrno rc = mlib::idb_readiness(); rc != 0) {
         return rc;
     }
-    ipv4mc_idb_st key{};
-    key.ifh = ifh;
-    *idb_p = search(ipmc_idb_fns, global_tree(), key, IPV4MC_IDB_THREAD_GLOBAL);
+    *idb_p = mlib::find_idb_record(ifh);
     return 0;
 }
 
@@ -152,6 +150,12 @@ cerrno ip6mc_idb_delete_from_name_tree(ipv4mc_idb_st *idb) {
 }
 
 }  // extern "C"
+
+ipv4mc_idb_st *mlib::find_idb_record(ifhtype ifh) {
+    ipv4mc_idb_st key{};
+    key.ifh = ifh;
+    return search(ipmc_idb_fns, global_tree(), key, IPV4MC_IDB_THREAD_GLOBAL);
+}
 
 void ipmc_idb_wavl_delete(ipv4mc_idb_st *idb) {
     const mlib::idb_name_text name(idb->name);
