@@ -1,6 +1,9 @@
 #include "apps/mfwd6d/owner/platform.h"
 
 #include <dlfcn.h>
+#include <unistd.h>
+
+#include "ipv4/multicast/lib/ip6mc_lib.h"
 
 namespace mfwd6::daemon {
 namespace {
@@ -18,6 +21,20 @@ class symbols {
   private:
     void *object_;
 };
+
+// The path of a file beside the library; empty when it is not there. A bare name would be looked
+// for along the program's own run path, which the address sanitizer's dlopen does not know.
+std::string beside_library(const std::string &file) {
+    Dl_info library{};
+    if (dladdr(reinterpret_cast<void *>(&ip6mc_get_version), &library) == 0 ||
+        library.dli_fname == nullptr) {
+        return "";
+    }
+    std::string path = library.dli_fname;
+    path.erase(path.rfind('/') + 1);
+    path += file;
+    return access(path.c_str(), R_OK) == 0 ? path : std::string();
+}
 
 bool find_linux(const symbols &object, platform *p) {
     return object.find("linux_use_sockets", &p->use_sockets) &&
@@ -39,7 +56,8 @@ std::string load_platform(const std::string &name, platform *out) {
     }
     const std::string file = "libip6mc_platform_" + name + ".so";
     // Global: the library finds the platform's functions there when it first calls each.
-    void *object = dlopen(file.c_str(), RTLD_NOW | RTLD_GLOBAL);
+    const std::string path = beside_library(file);
+    void *object = dlopen(path.empty() ? file.c_str() : path.c_str(), RTLD_NOW | RTLD_GLOBAL);
     if (object == nullptr) {
         return "platform " + name + ": " + dlerror();
     }
