@@ -1,9 +1,12 @@
 #include "apps/platform/platform_choice.h"
 
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <stdexcept>
+
+#include "ipv4/multicast/lib/ip6mc_lib.h"
 
 namespace apps {
 namespace {
@@ -16,6 +19,20 @@ bool is_plain_name(const std::string &name) {
     });
 }
 
+// The path of a file beside the library, or the bare name when it is not there. A bare name is
+// looked for along the program's own run path, which the address sanitizer's dlopen does not know.
+std::string beside_library(const std::string &file) {
+    Dl_info library{};
+    if (dladdr(reinterpret_cast<void *>(&ip6mc_get_version), &library) == 0 ||
+        library.dli_fname == nullptr) {
+        return file;
+    }
+    std::string path = library.dli_fname;
+    path.erase(path.rfind('/') + 1);
+    path += file;
+    return access(path.c_str(), R_OK) == 0 ? path : file;
+}
+
 std::string library_of(const std::string &name) {
     if (name.find('/') != std::string::npos) {
         return name;
@@ -23,7 +40,7 @@ std::string library_of(const std::string &name) {
     if (!is_plain_name(name)) {
         throw std::runtime_error("\"" + name + "\" cannot be the name of a platform");
     }
-    return "libip6mc_platform_" + name + ".so";
+    return beside_library("libip6mc_platform_" + name + ".so");
 }
 
 }  // namespace

@@ -31,9 +31,10 @@ struct group_set {
 uint64_t place_of(const group_set &set, const ip_maddr_st &group, uint32_t kernel_table) {
     uint64_t words[2];
     std::memcpy(words, &group, sizeof(group));
+    // Groups differ in their last bytes, which are the high ones of a word: fold them down twice.
     uint64_t mixed = (words[0] ^ (words[1] * 3) ^ kernel_table) * 0x9e3779b97f4a7c15;
-    mixed ^= mixed >> 29;
-    return mixed & set.mask;
+    mixed = (mixed ^ (mixed >> 32)) * 0x9e3779b97f4a7c15;
+    return (mixed ^ (mixed >> 32)) & set.mask;
 }
 
 void add(group_set &set, uint32_t kernel_table, const ip_maddr_st &group, mif_set outputs) {
