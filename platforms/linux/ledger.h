@@ -58,8 +58,8 @@ enum flow_states : uint8_t { flow_free = 0, flow_derived = 1, flow_held = 2 };
 enum flow_chains : uint32_t { by_key = 0, by_group = 1, by_route = 2, chains = 3 };
 
 struct flow_slot {
-    uint8_t state;  // one of flow_states
-    uint8_t parent;  // where the entry takes packets from
+    uint8_t state;       // one of flow_states
+    uint8_t parent;      // where the entry takes packets from
     uint16_t route_len;  // of a derived one
     uint32_t kernel_table;
     entry_key key;

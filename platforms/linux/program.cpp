@@ -277,6 +277,10 @@ cerrno program_route(table &t, ipv4mc_route_entry_st &route, bool force) {
 cerrno unprogram_route(table &t, ipv4mc_route_entry_st &route) {
     const cerrno failed = remove_own(t, route);
     turn_flows_of(t, route, nullptr, false);
+    // Children that it still had have turned to the next parent above, without a word.
+    if (extension(route).has_children != 0) {
+        each_inheriting(t, route, program_child);
+    }
     extension(route) = {};
     return failed;
 }

@@ -34,7 +34,11 @@ ipv4mc_route_entry_st *matching_route(ipv4mc_table_st *record, const entry_key &
     return route;
 }
 
-uint64_t each_child(table &t, ipv4mc_route_entry_st &parent, child_fn fn) {
+namespace {
+
+// Routes below `parent` for which `is_it` holds.
+template <class Test>
+uint64_t each_below(table &t, const ipv4mc_route_entry_st &parent, child_fn fn, Test is_it) {
     ipv4mc_table_st *record = parent.table;
     if (record == nullptr || ipv4mc_desc->state != IPV4MC_LIB_STATE_READY) {
         return 0;
@@ -45,12 +49,26 @@ uint64_t each_child(table &t, ipv4mc_route_entry_st &parent, child_fn fn) {
              ip6mc_route_first_key(record, &any, &parent.group, parent.pfx_len);
          route != nullptr && in_prefix(route->group, parent.group, parent.pfx_len);
          route = ip6mc_route_next(record, route)) {
-        if (route != &parent && route->IF_parent == &parent) {
+        if (route != &parent && is_it(*route)) {
             fn(t, *route);
             ++count;
         }
     }
     return count;
+}
+
+}  // namespace
+
+uint64_t each_child(table &t, ipv4mc_route_entry_st &parent, child_fn fn) {
+    return each_below(t, parent, fn, [&](const ipv4mc_route_entry_st &route) {
+        return route.IF_parent == &parent;
+    });
+}
+
+void each_inheriting(table &t, ipv4mc_route_entry_st &parent, child_fn fn) {
+    (void)each_below(t, parent, fn, [](const ipv4mc_route_entry_st &route) {
+        return (route.attributes & MRIB_ROUTE_IA) != 0;
+    });
 }
 
 }  // namespace mfwd6::lnx

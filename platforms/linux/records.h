@@ -70,6 +70,9 @@ ipv4mc_route_entry_st *matching_route(ipv4mc_table_st *record, const entry_key &
 using child_fn = void (*)(table &t, ipv4mc_route_entry_st &child);
 uint64_t each_child(table &t, ipv4mc_route_entry_st &parent, child_fn fn);
 
+// Called for each route below `parent` that takes accepting interfaces from any route.
+void each_inheriting(table &t, ipv4mc_route_entry_st &parent, child_fn fn);
+
 }  // namespace mfwd6::lnx
 
 #endif
