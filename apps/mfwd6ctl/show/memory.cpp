@@ -74,7 +74,7 @@ json to_json(const memory &m) {
     j["committed"] = m.usage.committed;
     j["limit"] = m.usage.limit;
     j["pooled_blocks"] = m.pooled;
-    j["kept_for_readers"] = m.epochs.deferred;
+    j["kept_for_readers"] = m.epochs.deferred + m.epochs.held;
     j["readers"] = m.epochs.readers;
     j["readers_waited_for"] = m.epochs.waiting;
     j["types"] = json::array();
@@ -109,8 +109,9 @@ void write_text(const memory &m) {
     line("committed", share_text(m.usage.committed, m.usage.limit));
     line("limit", bytes_text(m.usage.limit));
     line("pool", fmt::format("{} freed blocks", m.pooled));
-    line("kept for readers", fmt::format("{} blocks; {} readers in a step, {} of them waited for",
-                                         m.epochs.deferred, m.epochs.readers, m.epochs.waiting));
+    line("kept for readers",
+         fmt::format("{} blocks; {} readers in a step, {} of them waited for",
+                     m.epochs.deferred + m.epochs.held, m.epochs.readers, m.epochs.waiting));
     put("\n");
     text_table table({"TYPE", ">NUMBER", ">COUNTED", ">BLOCKS", ">BYTES"});
     for (uint32_t type = 0; type < m.types.size(); ++type) {

@@ -331,7 +331,7 @@ outcome owner_process::status(json *result) {
     shmwin_get_epochs(ipv4mc_desc->shmwin_id, &epochs);
     r["window"] = {{"used", usage.used},       {"peak", usage.peak},
                    {"limit", usage.limit},     {"owners", usage.opened},
-                   {"undone", usage.undone},   {"waiting_blocks", epochs.deferred},
+                   {"undone", usage.undone},   {"waiting_blocks", epochs.deferred + epochs.held},
                    {"readers", epochs.readers}};
     r["connections"] = server_->connections();
     r["commands"] = commands_;

@@ -15,21 +15,10 @@ namespace mfwd6::daemon {
 namespace {
 
 constexpr uint32_t routes_between_yields = 256;
-constexpr time_t longest_wait_seconds = 1;
+constexpr uint32_t longest_wait_ms = 1000;
 
 ipv4mc_shmwin_hdr_st *header() {
     return ipv4mc_desc->shmwin_info;
-}
-
-// Whoever died with the mutex: what it guards is one byte.
-bool lock_wake() {
-    pthread_mutex_t *mutex = &header()->changed_route_mutex;
-    const int rc = pthread_mutex_lock(mutex);
-    if (rc == EOWNERDEAD) {
-        pthread_mutex_consistent(mutex);
-        return true;
-    }
-    return rc == 0;
 }
 
 struct flow {
@@ -108,7 +97,8 @@ outcome changed_routes::start() {
 void changed_routes::stop() {
     stopping_ = true;
     if (waiter_.joinable()) {
-        pthread_cond_broadcast(&header()->changed_route_cond);
+        ip6mc_changed_routes_wake();
+        note_drain();
         waiter_.join();
     }
     if (fd_ >= 0) {
@@ -117,33 +107,26 @@ void changed_routes::stop() {
     }
 }
 
-// A wait has an end, as the one who was to signal may have died before it.
+void changed_routes::note_drain() const {
+    drains_.fetch_add(1, std::memory_order_release);
+    drains_.notify_one();
+}
+
+// A wait has an end, as the one who was to wake us may have died before it. Between two waits the
+// list is drained.
 void changed_routes::wait_for_news() const {
-    ipv4mc_shmwin_hdr_st *hdr = header();
     while (!stopping_) {
-        if (!lock_wake()) {
-            return;
+        const uint32_t drained = drains_.load(std::memory_order_acquire);
+        const cerrno rc = ip6mc_changed_routes_wait(longest_wait_ms);
+        if (rc == ETIMEDOUT) {
+            continue;
         }
-        timespec until{};
-        clock_gettime(CLOCK_REALTIME, &until);
-        until.tv_sec += longest_wait_seconds;
-        while (hdr->changed_route_wake == 0 && !stopping_) {
-            const int rc =
-                pthread_cond_timedwait(&hdr->changed_route_cond, &hdr->changed_route_mutex, &until);
-            if (rc == EOWNERDEAD) {
-                pthread_mutex_consistent(&hdr->changed_route_mutex);
-            }
-            if (rc != 0) {
-                break;
-            }
-        }
-        const bool news = hdr->changed_route_wake != 0 ||
-                          __atomic_load_n(&hdr->changed_route_count, __ATOMIC_RELAXED) != 0;
-        hdr->changed_route_wake = 0;
-        pthread_mutex_unlock(&hdr->changed_route_mutex);
         const uint64_t one = 1;
-        if (news && write(fd_, &one, sizeof(one)) < 0 && errno != EAGAIN) {
+        if (rc != 0 || (write(fd_, &one, sizeof(one)) < 0 && errno != EAGAIN)) {
             return;
+        }
+        if (!stopping_) {
+            drains_.wait(drained, std::memory_order_acquire);
         }
     }
 }
@@ -153,6 +136,7 @@ uint32_t changed_routes::drain() const {
     if (read(fd_, &ignored, sizeof(ignored)) < 0) {
     }
     if (ip6mc_shmwin_mutex_lock(__func__, __LINE__) != 0) {
+        note_drain();
         return 0;
     }
     uint32_t drained = 0;
@@ -163,6 +147,7 @@ uint32_t changed_routes::drain() const {
         ++drained;
     }
     ip6mc_shmwin_mutex_unlock();
+    note_drain();
     return drained;
 }
 

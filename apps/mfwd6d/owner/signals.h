@@ -12,8 +12,8 @@
 
 namespace mfwd6::daemon {
 
-// Turns the wake-up of the list, which is a condition in the window, into a descriptor. The thread
-// holds no lock of the window but that of the condition.
+// Turns the wake-up of the list, which is a word in the window, into a descriptor. The thread holds
+// no lock of the window.
 class changed_routes {
   public:
     changed_routes() = default;
@@ -32,8 +32,10 @@ class changed_routes {
 
   private:
     void wait_for_news() const;
+    void note_drain() const;
 
     int fd_ = -1;
+    mutable std::atomic<uint32_t> drains_{0};
     std::atomic<bool> stopping_{false};
     std::thread waiter_;
 };

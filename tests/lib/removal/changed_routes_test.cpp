@@ -1,5 +1,7 @@
 #include <pthread.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <thread>
 
 #include "tests/kit/child.h"
@@ -182,11 +184,13 @@ int drain_for_ever(const kit::post &up) {
     for (;;) {
         if (ip6mc_changed_routes_wait(60000) != 0 || ip6mc_shmwin_mutex_lock("reader", 1) != 0)
             return 1;
+        const bool news = hdr->changed_route_head != nullptr;
         while (hdr->changed_route_head != nullptr)
             ipv4mc_changelist_remove_route(hdr->changed_route_head);
         if (ip6mc_shmwin_mutex_unlock() != 0)
             return 2;
-        up.tell('d');
+        if (news)
+            up.tell('d');
     }
 }
 
@@ -237,6 +241,21 @@ TEST_F(ChangedRoutes, AreWaitedForUpToALimit) {
     EXPECT_EQ(ip6mc_changed_routes_wait(0), unsigned{EBADF});
     ipv4mc_desc->shmwin_init = open;
     EXPECT_EQ(errors(), texts{"Shared Memory Window Not Initialized"});
+}
+
+TEST_F(ChangedRoutes, AWaitCanBeEnded) {
+    std::atomic<bool> stop{false};
+    std::thread reader([&] {
+        while (!stop)
+            EXPECT_EQ(ip6mc_changed_routes_wait(60000), 0U);
+    });
+    usleep(20000);
+    stop = true;
+    ip6mc_changed_routes_wake();
+    reader.join();
+    const int open = std::exchange(ipv4mc_desc->shmwin_init, 0);
+    ip6mc_changed_routes_wake();
+    ipv4mc_desc->shmwin_init = open;
 }
 
 // What a process leaves that was killed between its post and the wake-up.

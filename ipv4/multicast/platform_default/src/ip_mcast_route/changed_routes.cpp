@@ -64,12 +64,16 @@ int set_wake(ipv4mc_shmwin_hdr_st *hdr, uint8_t value) {
     return rc;
 }
 
+void end_waits(ipv4mc_shmwin_hdr_st *hdr) {
+    wakes(hdr).fetch_add(1, std::memory_order_release);
+    futex(&hdr->changed_route_wakes, FUTEX_WAKE, INT_MAX, nullptr);
+}
+
 // The condition has waiters only where a client sleeps on it by itself; the word beside it does not
 // mind the death of a sleeper.
 void wake_reader(ipv4mc_shmwin_hdr_st *hdr) {
     int rc = set_wake(hdr, 1);
-    wakes(hdr).fetch_add(1, std::memory_order_release);
-    futex(&hdr->changed_route_wakes, FUTEX_WAKE, INT_MAX, nullptr);
+    end_waits(hdr);
     rc = rc != 0 ? rc : pthread_cond_signal(&hdr->changed_route_cond);
     if (rc != 0) {
         MLIB_ERR("pthread_cond_signal failed [0x%x] : %s", static_cast<unsigned>(rc),
@@ -178,17 +182,22 @@ cerrno ip6mc_changed_routes_wait(uint32_t milliseconds) {
     }
     ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
     const timespec until = deadline_in(milliseconds);
-    for (;;) {
-        // Read ahead of the count: an entry that comes behind the look at it changes this.
-        const uint32_t seen = wakes(hdr).load(std::memory_order_acquire);
-        if (mfwd6::journal::observe(hdr->changed_route_count) != 0) {
-            set_wake(hdr, 0);
-            return 0;
-        }
+    // Read ahead of the count: an entry that comes behind the look at it changes this.
+    const uint32_t seen = wakes(hdr).load(std::memory_order_acquire);
+    while (mfwd6::journal::observe(hdr->changed_route_count) == 0 &&
+           wakes(hdr).load(std::memory_order_acquire) == seen) {
         if (futex(&hdr->changed_route_wakes, FUTEX_WAIT_BITSET, seen, &until) != 0 &&
             errno == ETIMEDOUT) {
             return ETIMEDOUT;
         }
+    }
+    set_wake(hdr, 0);
+    return 0;
+}
+
+void ip6mc_changed_routes_wake(void) {
+    if (ipv4mc_desc->shmwin_init != 0) {
+        end_waits(ipv4mc_desc->shmwin_info);
     }
 }
 
