@@ -16,9 +16,9 @@ constinit std::atomic<uint64_t> test_time{0};
 constinit std::mutex listeners_lock;
 constinit clock_listener *listeners = nullptr;
 
-uint64_t real_now() {
+uint64_t real_now(clockid_t clock = CLOCK_MONOTONIC) {
     timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
+    clock_gettime(clock, &now);
     return static_cast<uint64_t>(now.tv_sec) * ns_per_s + static_cast<uint64_t>(now.tv_nsec);
 }
 
@@ -34,6 +34,11 @@ void tell_listeners() {
 uint64_t clock_now() {
     const uint64_t test = test_time.load(std::memory_order_acquire);
     return test != 0 ? test : real_now();
+}
+
+uint64_t clock_now_coarse() {
+    const uint64_t test = test_time.load(std::memory_order_acquire);
+    return test != 0 ? test : real_now(CLOCK_MONOTONIC_COARSE);
 }
 
 bool clock_is_test() {

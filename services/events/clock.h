@@ -8,8 +8,9 @@ namespace mfwd6::events {
 
 inline constexpr uint64_t ns_per_s = 1'000'000'000;
 
-// The present clock time; never 0.
+// The present clock time; never 0. The coarse one is that of the kernel's last tick.
 uint64_t clock_now();
+uint64_t clock_now_coarse();
 
 // True while the test clock is in place: waiting for real time is of no use then.
 bool clock_is_test();

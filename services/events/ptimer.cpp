@@ -12,10 +12,20 @@ static_assert(sizeof(ptimer_t) == 8 && std::is_trivially_copyable_v<ptimer_t>,
               "one word in records that outlive the process");
 static_assert(sizeof(timespec) == 16, "times in records that other processes read");
 
+namespace {
+
+timespec time_of(uint64_t ns) {
+    return {static_cast<time_t>(ns / events::ns_per_s), static_cast<long>(ns % events::ns_per_s)};
+}
+
+}  // namespace
+
 void ptimer_gettime(struct timespec *now) {
-    const uint64_t ns = events::clock_now();
-    now->tv_sec = static_cast<time_t>(ns / events::ns_per_s);
-    now->tv_nsec = static_cast<long>(ns % events::ns_per_s);
+    *now = time_of(events::clock_now());
+}
+
+void ptimer_gettime_coarse(struct timespec *now) {
+    *now = time_of(events::clock_now_coarse());
 }
 
 void ptimer_diff_timespec(const struct timespec *later, const struct timespec *earlier,

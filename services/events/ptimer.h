@@ -20,6 +20,11 @@ MFWD6_BEGIN_C
 // The present time.
 MFWD6_EXPORT void ptimer_gettime(struct timespec *now);
 
+// The present time as of the kernel's last tick (CLOCK_MONOTONIC_COARSE): up to some milliseconds
+// behind ptimer_gettime, at a fifth of its cost. For durations of seconds. The test clock serves
+// both alike.
+MFWD6_EXPORT void ptimer_gettime_coarse(struct timespec *now);
+
 // *result = later - earlier, normalised; zero when `later` is the earlier one. *result may be
 // either.
 MFWD6_EXPORT void ptimer_diff_timespec(const struct timespec *later, const struct timespec *earlier,
