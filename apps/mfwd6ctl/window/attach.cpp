@@ -16,6 +16,7 @@
 #include "services/diag/errors.h"
 #include "services/diag/run_dir.h"
 #include "services/gtrie/gtrie.h"
+#include "services/peers/peers.h"
 #include "services/trees/wavl.h"
 #include "services/window/epochs.h"
 #include "services/window/setup.h"
@@ -235,7 +236,7 @@ uint64_t window::generation() const {
 }
 
 std::vector<shmwin_process> window::processes() const {
-    std::vector<shmwin_process> list(128);
+    std::vector<shmwin_process> list(mfwd6::peers::max_peers);
     uint32_t count = 0;
     shmwin_get_processes(id(), list.data(), static_cast<uint32_t>(list.size()), &count);
     list.resize(std::min<size_t>(count, list.size()));
