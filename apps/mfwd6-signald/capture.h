@@ -1,8 +1,8 @@
 // Catches one packet of a flow as it comes by.
 //
 // The kernel keeps the packets of an unknown flow to itself and reports only its addresses. So the
-// next packet of the flow is taken from the wire. A filter in the kernel lets nothing else through:
-// while no packet is wanted, none costs anything.
+// next packet of the flow is taken from the wire. A filter in the kernel lets nothing else through;
+// it still looks at every IPv6 packet that comes in, also while no packet is wanted.
 //
 // Thread-safety: one thread.
 #ifndef MFWD6_SIGNALD_CAPTURE_H
