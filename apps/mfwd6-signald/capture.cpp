@@ -20,6 +20,10 @@ constexpr uint64_t patience_ns = 1000000000;
 constexpr size_t largest = 2048;
 constexpr uint32_t take_all = 0xffffffff;
 
+// What the socket is bound to while nothing is wished: a protocol for experiments, which no packet
+// of a router has. There is no way to bind a packet socket to nothing again.
+constexpr uint16_t no_packets = ETH_P_802_EX1;
+
 // A packet socket of type SOCK_DGRAM sees a packet from its IPv6 header on.
 constexpr uint32_t source_offset = offsetof(ip6_hdr, ip6_src);
 constexpr uint32_t group_offset = offsetof(ip6_hdr, ip6_dst);
@@ -64,17 +68,28 @@ cerrno capture::open() {
     }
     // The filter comes first, and only then packets.
     set_filter();
-    sockaddr_ll all = {};
-    all.sll_family = AF_PACKET;
-    all.sll_protocol = htons(ETH_P_IPV6);
     if (setsockopt(fd_, SOL_PACKET, PACKET_IGNORE_OUTGOING, &on, sizeof(on)) != 0 ||
-        bind(fd_, reinterpret_cast<sockaddr *>(&all), sizeof(all)) != 0) {
+        !take(no_packets)) {
         const int error = errno;
         close(fd_);
         fd_ = -1;
         return static_cast<cerrno>(error);
     }
     return 0;
+}
+
+bool capture::take(uint16_t protocol) {
+    sockaddr_ll all = {};
+    all.sll_family = AF_PACKET;
+    all.sll_protocol = htons(protocol);
+    return bind(fd_, reinterpret_cast<sockaddr *>(&all), sizeof(all)) == 0;
+}
+
+void capture::wishes_changed(bool were_none) {
+    set_filter();
+    if (were_none != wishes_.empty()) {
+        take(wishes_.empty() ? no_packets : ETH_P_IPV6);
+    }
 }
 
 void capture::set_filter() {
@@ -94,8 +109,9 @@ void capture::want(const linux_flow &flow, uint64_t now_ns) {
     if (wishes_.size() == most_wishes) {
         wishes_.erase(wishes_.begin());
     }
+    const bool were_none = wishes_.empty();
     wishes_.push_back({flow, now_ns + patience_ns});
-    set_filter();
+    wishes_changed(were_none);
 }
 
 void capture::read(uint64_t now_ns, const caught_fn &caught) {
@@ -117,7 +133,7 @@ void capture::read(uint64_t now_ns, const caught_fn &caught) {
         }
     }
     if (wishes_.size() != wished) {
-        set_filter();
+        wishes_changed(wished == 0);
     }
     forget_old(now_ns);
 }
@@ -127,7 +143,7 @@ void capture::forget_old(uint64_t now_ns) {
                                     [now_ns](const wish &w) { return w.until_ns <= now_ns; });
     if (old != wishes_.end()) {
         wishes_.erase(old, wishes_.end());
-        set_filter();
+        wishes_changed(false);
     }
 }
 

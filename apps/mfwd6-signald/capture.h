@@ -1,8 +1,9 @@
 // Catches one packet of a flow as it comes by.
 //
 // The kernel keeps the packets of an unknown flow to itself and reports only its addresses. So the
-// next packet of the flow is taken from the wire. A filter in the kernel lets nothing else through;
-// it still looks at every IPv6 packet that comes in, also while no packet is wanted.
+// next packet of the flow is taken from the wire. A filter in the kernel lets nothing else through.
+// It looks at every IPv6 packet that comes in, and each is copied for it, so the socket takes IPv6
+// only while a packet is wanted.
 //
 // Thread-safety: one thread.
 #ifndef MFWD6_SIGNALD_CAPTURE_H
@@ -47,6 +48,8 @@ class capture {
         uint64_t until_ns;
     };
 
+    bool take(uint16_t protocol);
+    void wishes_changed(bool were_none);
     void set_filter();
 
     int fd_ = -1;
