@@ -2,8 +2,10 @@
 SHELL := /bin/bash
 JOBS ?= $(shell nproc)
 WERROR ?= OFF
+SEED ?= 1
+KILLS ?= 10000
 
-.PHONY: help setup build run test test-release test-asan test-tsan bench lint format clean
+.PHONY: help setup build run crash test test-release test-asan test-tsan bench lint format clean
 
 help:            ## show this list
 	@sed -nE 's/^([a-z-]+):.*## (.*)/  \1\t\2/p' $(MAKEFILE_LIST) | expand -t 18
@@ -24,6 +26,9 @@ test-release test-asan test-tsan: test-%: setup
 	@cmake --preset $* -DMFWD6_WERROR=$(WERROR) >/dev/null
 	cmake --build --preset $* -j $(JOBS)
 	ctest --preset $* -j $(JOBS)
+
+crash: build     ## kill owners and clients 10,000 times at any instruction, check what the next one finds
+	build/release/bin/mfwd6-crash --seed $(SEED) --kills $(KILLS)
 
 bench: build     ## run the benchmarks, each beside its yardstick
 	scripts/bench

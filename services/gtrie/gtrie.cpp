@@ -178,7 +178,7 @@ cerrno close_handle(void **given) {
     if (h == nullptr) {
         return GTRIE_E_BAD_HANDLE;
     }
-    if (h->leaves != 0) {
+    if (h->leaves != 0 || h->detached != 0) {
         return GTRIE_E_NOT_EMPTY;
     }
     trie *t = h->on;

@@ -61,7 +61,7 @@ enum {
     GTRIE_E_LINKED = 0x44a01004,       /* leaf_free or leaf_insert of a leaf that is in the trie */
     GTRIE_E_DETACHED = 0x44a01005,     /* leaf_delete of a leaf that is not in the trie */
     GTRIE_E_REMOVED = 0x44a01006,      /* leaf_insert of a leaf that was deleted */
-    GTRIE_E_NOT_EMPTY = 0x44a01007,    /* close of a table that has leaves */
+    GTRIE_E_NOT_EMPTY = 0x44a01007,    /* close of a table that has leaves, detached ones too */
     GTRIE_E_NO_FUNCTIONS = 0x44a01008, /* this process has not said how to allocate: see re_init */
     GTRIE_E_MISMATCH = 0x44a01009, /* re_init with other parameters than the trie was made with */
     GTRIE_E_LENGTH = 0x44a0100a, /* length above the key length, or below 13 where it must not be */
@@ -150,7 +150,7 @@ MFWD6_EXPORT void ip6mc_gtrie_set_memory(ip6mc_gtrie_alloc_fn alloc_fn,
                                          ip6mc_gtrie_free_fn free_fn);
 
 /* Ends the handle and sets *handle to NULL; the trie ends with its last handle. A table that has
-   leaves is not closed (GTRIE_E_NOT_EMPTY). A NULL *handle is success. */
+   leaves, in the trie or detached, is not closed (GTRIE_E_NOT_EMPTY). A NULL *handle is success. */
 MFWD6_EXPORT cerrno ip6mc_gtrie_close(void **handle);
 MFWD6_EXPORT cerrno ip6mc_gtrie_platform_close(void **handle);
 

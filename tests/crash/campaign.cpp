@@ -28,8 +28,9 @@ namespace {
 
 constexpr uint64_t kills_in_episode = 25;
 constexpr uint32_t patience_ms = 120'000;
-constexpr double most_steps = 150'000;
+constexpr double most_steps = 20'000;
 constexpr uint32_t most_microseconds = 20'000;
+constexpr uint32_t most_microseconds_of_start = 4'000;
 
 // All choices about one kill.
 struct plan {
@@ -38,6 +39,7 @@ struct plan {
     uint64_t operation;  // that is stopped ahead of
     uint64_t steps;      // from there
     uint32_t microseconds;
+    bool start_by_clock;
     bool kill_client;
     bool client_holds_mutex;
 };
@@ -52,6 +54,7 @@ plan make_plan(generator &random, bool clients) {
     const double part = static_cast<double>(random() % 100'000) / 100'000;
     p.steps = static_cast<uint64_t>(std::exp(part * std::log(most_steps)));
     p.microseconds = static_cast<uint32_t>(random() % most_microseconds);
+    p.start_by_clock = random() % 2 == 0;
     p.kill_client = clients && random() % 4 == 0;
     p.client_holds_mutex = random() % 2 == 0;
     return p;
@@ -173,11 +176,14 @@ class episode {
         if (!owner.wait_for_stop(patience_ms, &why)) {
             return failure(why);
         }
-        if (p.how != plan::way::clock) {
+        const bool by_clock =
+            p.how == plan::way::clock || (p.how == plan::way::start && p.start_by_clock);
+        if (!by_clock) {
             return owner.step_and_kill(p.steps, &why) ? "" : failure(why);
         }
         owner.go_on();
-        usleep(p.microseconds);
+        usleep(p.how == plan::way::start ? p.microseconds % most_microseconds_of_start
+                                         : p.microseconds);
         int code = 0;
         if (!owner.runs(&code)) {
             return failure("an owner ended with " + std::to_string(code));
@@ -287,10 +293,11 @@ int run(const options &asked) {
         const std::string wrong = now.run(wanted, &made);
         done += made;
         if (!wrong.empty()) {
+            const uint64_t last = first + std::min(made, wanted - 1);
             printf(
                 "FAILED at kill %lu (%sepisode %lu): %s\nreplay: mfwd6-crash --seed %lu --kill "
                 "%lu\n",
-                first + made, now.text().c_str(), number, wrong.c_str(), asked.seed, first + made);
+                last, now.text().c_str(), number, wrong.c_str(), asked.seed, last);
             return 1;
         }
         if (!asked.quiet) {

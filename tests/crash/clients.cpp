@@ -24,6 +24,25 @@ bool covers(const ipv4mc_route_entry_st *route, const route_key &k) {
     return inet6_compare_masked(&route->group, &k.group, route->pfx_len) == 0;
 }
 
+// A reader that the owner waits for before it uses freed memory again.
+class announced {
+  public:
+    announced() {
+        const cerrno rc = shmwin_reader_enter(ipv4mc_desc->shmwin_id, &reader_);
+        if (rc != 0) {
+            give_up("a client could not announce itself: " + std::to_string(rc));
+        }
+    }
+    ~announced() { shmwin_reader_leave(ipv4mc_desc->shmwin_id, reader_); }
+    announced(const announced &) = delete;
+    announced &operator=(const announced &) = delete;
+
+    void pass() const { shmwin_reader_quiescent(ipv4mc_desc->shmwin_id, reader_); }
+
+  private:
+    uint32_t reader_ = 0;
+};
+
 kit::start attached() {
     kit::start how;
     how.attach_only = 1;
@@ -37,6 +56,10 @@ int look_up(generator &random, ipv4mc_table_st *table) {
     ipv4mc_route_entry_st *route = nullptr;
     ipv4mc_intf_entry_st *intf = nullptr;
     const cerrno rc = ip6mc_lookup(table, &k.source, &k.group, ifh, &route, &intf);
+    // Its table was deleted under it: the trie is closed.
+    if (rc == EFAULT || rc == EINVAL) {
+        return 0;
+    }
     if (rc != 0 && rc != ENOENT) {
         fail("a reader's lookup gave " + std::to_string(rc));
         return 21;
@@ -79,11 +102,7 @@ int walk(ipv4mc_table_st *table) {
 
 int read_routes(const setting &, uint64_t seed) {
     const kit::library client(attached());
-    uint32_t reader = 0;
-    if (const cerrno rc = shmwin_reader_enter(ipv4mc_desc->shmwin_id, &reader); rc != 0) {
-        fail("a reader could not announce itself: " + std::to_string(rc));
-        return 20;
-    }
+    const announced reader;
     generator random(seed);
     int wrong = 0;
     for (uint64_t round = 0; shared().stop.load() == 0 && wrong == 0; ++round) {
@@ -93,20 +112,22 @@ int read_routes(const setting &, uint64_t seed) {
             wrong = round % 64 == 0 ? walk(table) : look_up(random, table);
             ++shared().lookups;
         }
-        shmwin_reader_quiescent(ipv4mc_desc->shmwin_id, reader);
-        if (round % 256 == 0) {
+        reader.pass();
+        if (round % 32 == 0) {
             usleep(500);
         }
     }
-    shmwin_reader_leave(ipv4mc_desc->shmwin_id, reader);
     return wrong;
 }
 
 int post_signals(const setting &, uint64_t seed, const std::function<void()> &before,
                  const std::function<void()> &inside) {
     const kit::library client(attached());
+    // It holds pointers to tables, which the owner may delete.
+    const announced reader;
     generator random(seed);
     while (shared().stop.load() == 0) {
+        reader.pass();
         if (shared().hush.load() != 0) {
             usleep(200);
             continue;

@@ -42,9 +42,12 @@ namespace mlib {
 // is in, and frees it.
 void end_idb_in_hand();
 
-// Owner: ends the routes that a killed process had made and not committed, with the interfaces that
-// had joined them. The hardware is not told: its owner compares it with the window behind a start.
-void end_unfinished_routes();
+// Owner: ends the routes that were made and not committed, with the interfaces that had joined them:
+// of a table that goes, and of all tables at a start, when their maker is dead. The platform is not
+// told: routes that were never committed are nothing to it, and behind a start it is compared with
+// the window.
+void end_unfinished_routes(ipv4mc_table_st *table);
+void end_all_unfinished_routes();
 
 // Tells the client of the present state and the one before.
 void tell_client_of_state();

@@ -86,20 +86,24 @@ void end_route(ipv4mc_table_st *table, ipv4mc_route_entry_st *route) {
     ip6mc_route_oper_create_fail_cleanup(table, &route, table->ingress_gtrie);
 }
 
-cerrno end_routes_of_table(void *object, void *) {
-    auto *table = static_cast<ipv4mc_table_st *>(object);
+}  // namespace
+
+void mlib::end_unfinished_routes(ipv4mc_table_st *table) {
     if (table->ingress_gtrie == nullptr) {
-        return 0;
+        return;
     }
     while (auto *route = static_cast<ipv4mc_route_entry_st *>(
                ip6mc_gtrie_first_detached(table->ingress_gtrie))) {
         end_route(table, route);
     }
-    return 0;
 }
 
-}  // namespace
-
-void mlib::end_unfinished_routes() {
-    avl_tree_walk(ipv4mc_desc->shmwin_info->table_tid_tree, end_routes_of_table, nullptr);
+void mlib::end_all_unfinished_routes() {
+    avl_tree_walk(
+        ipv4mc_desc->shmwin_info->table_tid_tree,
+        [](void *table, void *) {
+            end_unfinished_routes(static_cast<ipv4mc_table_st *>(table));
+            return cerrno{0};
+        },
+        nullptr);
 }

@@ -158,7 +158,7 @@ cerrno start_owner() {
         MLIB_ERR("Cannot re-initialize tables: %s", cerr_strerror(rc));
         return rc;
     }
-    mlib::end_unfinished_routes();
+    mlib::end_all_unfinished_routes();
     rc = start_platform(0);
     if (rc != 0) {
         return rc;

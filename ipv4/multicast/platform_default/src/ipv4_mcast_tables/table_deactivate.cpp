@@ -148,8 +148,9 @@ void close_tries(const table_request &request) {
         ipmc_table_zero_route_counters(table);
         TABLE_DEBUG(IPV4_DEBUG_EV, "Action=CLEAR, Table NOT deleted");
     } else if (request.action == IPV4MC_ACTION_DELETE) {
+        mlib::end_unfinished_routes(table);
         ip6mc_gtrie_platform_close(&table->ingress_gtrie);
-        ip6mc_gtrie_close(&table->signal_gtrie);
+        ipmc_table_close_signal_gtrie(table);
         TABLE_DEBUG(IPV4_DEBUG_EV, "Action=DELETE, Table being deleted");
         _ltrace_2(ip6mc_mlib_eve_ltrace(), MLIB_TRACE_TABLE_DELETE, table->tid, request.vrf_id);
     }

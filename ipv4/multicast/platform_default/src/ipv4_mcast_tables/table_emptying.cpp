@@ -1,10 +1,13 @@
 // What a bulk removal leaves behind must not outlive its table: the records would name freed memory
 // for as long as interfaces and the list of changed routes know them.
+#include "ipv4/multicast/lib/ip6mc_locks.h"
 #include "ipv4/multicast/lib/ip6mc_platform.h"
 #include "ipv4/multicast/lib/ip6mc_route.h"
 #include "ipv4/multicast/lib/ip6mc_signal.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/address_text.h"
+#include "ipv4/multicast/platform_default/src/diagnostics/report.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/tables.h"
+#include "services/gtrie/gtrie.h"
 
 namespace {
 
@@ -51,7 +54,40 @@ void remove_signals(ipv4mc_table_st *table) {
     }
 }
 
+// The first signal route of the table, under the mutex.
+ipv4mc_route_entry_st *first_signal(ipv4mc_table_st *table) {
+    const uint8_t prefix[GTRIE_PREFIX_BYTES] = {};
+    uint32_t length = 0;
+    ip6mc_gtrie_get_pfx_len_adjusted(table->signal_gtrie, &length);
+    return static_cast<ipv4mc_route_entry_st *>(
+        ip6mc_gtrie_first_leaf(table->signal_gtrie, prefix, length, nullptr));
+}
+
+void remove_signals_held(ipv4mc_table_st *table) {
+    while (const ipv4mc_route_entry_st *route = first_signal(table)) {
+        const ip_maddr_st source = route->source;
+        const ip_maddr_st group = route->group;
+        if (ip6mc_signal_remove_route_pak(table, &source, &group, free_packets) != 0) {
+            return;
+        }
+    }
+}
+
 }  // namespace
+
+void ipmc_table_close_signal_gtrie(ipv4mc_table_st *table) {
+    const cerrno rc = ip6mc_shmwin_mutex_lock(__func__, __LINE__);
+    if (rc != 0) {
+        MLIB_ERR("0x%x: Cannot lock shmwin_mutex to end signals: %s", table->tid,
+                 cerr_strerror(rc));
+    } else if (table->signal_gtrie != nullptr) {
+        remove_signals_held(table);
+    }
+    ip6mc_gtrie_close(&table->signal_gtrie);
+    if (rc == 0) {
+        ip6mc_shmwin_mutex_unlock();
+    }
+}
 
 void ipmc_table_remove_rest(ipv4mc_table_st *table) {
     if (ip6mc_table_is_valid(table) == 0) {

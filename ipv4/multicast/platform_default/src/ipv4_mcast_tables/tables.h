@@ -53,6 +53,10 @@ void ipmc_table_cut_links(ipv4mc_table_st *table);
 // an interface that the platform would not let go, and signal routes with several interfaces.
 void ipmc_table_remove_rest(ipv4mc_table_st *table);
 
+// Ends the signal trie of a table that goes, with the signals that were posted until now. All under
+// the window mutex: whoever posts behind it finds no trie.
+void ipmc_table_close_signal_gtrie(ipv4mc_table_st *table);
+
 // Takes the keys of a VRF table away, and with them its places in the trees.
 void ipmc_table_drop_vrf_keys(ipv4mc_table_st *table);
 
