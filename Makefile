@@ -2,8 +2,9 @@
 SHELL := /bin/bash
 JOBS ?= $(shell nproc)
 WERROR ?= OFF
+FUZZ_SECONDS ?= 60
 
-.PHONY: help setup build run test test-release test-asan test-tsan bench lint format clean
+.PHONY: help setup build run test test-release test-asan test-tsan bench fuzz lint format clean
 
 help:            ## show this list
 	@sed -nE 's/^([a-z-]+):.*## (.*)/  \1\t\2/p' $(MAKEFILE_LIST) | expand -t 18
@@ -27,6 +28,10 @@ test-release test-asan test-tsan: test-%: setup
 
 bench: build     ## run the benchmarks, each beside its yardstick
 	scripts/bench
+
+fuzz:            ## let each fuzzing target look for FUZZ_SECONDS (60), beginning with its corpus
+	@scripts/install-packages --fuzz
+	FUZZ_SECONDS=$(FUZZ_SECONDS) JOBS=$(JOBS) WERROR=$(WERROR) scripts/fuzz
 
 lint: setup      ## clang-format and a Clang build must pass; prints what clang-tidy finds
 	scripts/lint

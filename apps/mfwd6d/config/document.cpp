@@ -217,10 +217,21 @@ bool collector::check() const {
     return first == nullptr || fail(first->where, "there is no VRF " + *vrf);
 }
 
-// Lines that came together may be too long for one.
+// A name that ends a list stands first.
+std::vector<std::string_view> list_of(const std::set<std::string> &names) {
+    std::vector<std::string_view> list(names.begin(), names.end());
+    std::stable_partition(list.begin(), list.end(), ends_interfaces);
+    return list;
+}
+
+bool is_list(const std::vector<std::string_view> &names) {
+    return names.size() <= interfaces_of_line &&
+           std::count_if(names.begin(), names.end(), ends_interfaces) <= 1;
+}
+
+// Lines that came together may be too much for one.
 bool fits(const line &l) {
-    return l.from.size() <= interfaces_of_line && l.to.size() <= interfaces_of_line &&
-           line_text(l).size() <= line_bytes;
+    return is_list(l.from) && is_list(l.to) && line_text(l).size() <= line_bytes;
 }
 
 // A line for each name of `list`, one of the lists of `l`.
@@ -266,8 +277,8 @@ std::string route_lines(const route_key &key, const route_wish &wish) {
     l.kind = line_kind::mroute;
     l.vrf = key.vrf;
     l.flags = wish.flags;
-    l.from = {wish.from.begin(), wish.from.end()};
-    l.to = {wish.to.begin(), wish.to.end()};
+    l.from = list_of(wish.from);
+    l.to = list_of(wish.to);
     if (!is_any(key.source)) {
         l.source = {key.source, 128};
     }
@@ -282,7 +293,7 @@ std::string route_lines(const route_key &key, const route_wish &wish) {
     std::string text;
     for (const std::string &in : wish.from) {
         l.from = {in};
-        l.to = {wish.to.begin(), wish.to.end()};
+        l.to = list_of(wish.to);
         if (l.to.size() > 1) {
             std::erase(l.to, std::string_view(in));
         }
@@ -296,7 +307,7 @@ std::string vrf_lines(const std::string &name, const vrf_wish &wish) {
     l.kind = line_kind::vrf;
     l.vrf = name;
     l.table_id = wish.table_id;
-    l.to = {wish.interfaces.begin(), wish.interfaces.end()};
+    l.to = list_of(wish.interfaces);
     return fits(l) ? line_text(l) + "\n" : line_for_each(l, &l.to);
 }
 

@@ -62,16 +62,8 @@ bool read_interface(reader &r, bool may_be_pattern, std::string_view *name) {
     return true;
 }
 
-bool ends_interfaces(std::string_view word) {
-    return word == "source" || word == "group";
-}
-
-// Names up to one of the words, or to the end. The words are no names in a list: they would end it
-// when it is written in another order.
+// Names up to one of the words that end a list, which only the first name can be, or to the end.
 bool read_interfaces(reader &r, bool may_be_pattern, std::vector<std::string_view> *list) {
-    if (ends_interfaces(r.in.peek())) {
-        return r.fail("the name of an interface is missing before " + quoted(r.in.peek()));
-    }
     do {
         if (list->size() == interfaces_of_line) {
             return r.fail("more than 256 interfaces");
@@ -399,6 +391,10 @@ std::string body_text(const line &l) {
 }
 
 }  // namespace
+
+bool ends_interfaces(std::string_view word) {
+    return word == "source" || word == "group";
+}
 
 bool parse_line(std::string_view text, line *out, std::string *reason) {
     clear(out);
