@@ -4,8 +4,9 @@ JOBS ?= $(shell nproc)
 WERROR ?= OFF
 SEED ?= 1
 KILLS ?= 10000
+FUZZ_SECONDS ?= 60
 
-.PHONY: help setup build run crash test test-release test-asan test-tsan bench lint format clean
+.PHONY: help setup build run crash test test-release test-asan test-tsan bench fuzz lint format clean
 
 help:            ## show this list
 	@sed -nE 's/^([a-z-]+):.*## (.*)/  \1\t\2/p' $(MAKEFILE_LIST) | expand -t 18
@@ -32,6 +33,10 @@ crash: build     ## kill owners and clients 10,000 times at any instruction, che
 
 bench: build     ## run the benchmarks, each beside its yardstick
 	scripts/bench
+
+fuzz:            ## let each fuzzing target look for FUZZ_SECONDS (60), beginning with its corpus
+	@scripts/install-packages --fuzz
+	FUZZ_SECONDS=$(FUZZ_SECONDS) JOBS=$(JOBS) WERROR=$(WERROR) scripts/fuzz
 
 lint: setup      ## clang-format and a Clang build must pass; prints what clang-tidy finds
 	scripts/lint

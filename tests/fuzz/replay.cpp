@@ -1,5 +1,6 @@
 // Runs a fuzzing target where there is no fuzzing library: over files and all files of folders, or
-// over random bytes. A target that finds something ends the process.
+// over random bytes. A target that finds something ends the process. A path that is not there, or a
+// folder without files, is a failure: nothing would have been tried.
 //
 //   fuzz_NAME FILE-OR-FOLDER...
 //   fuzz_NAME --random COUNT SEED MOST_BYTES    what was found is left in ./random-input
@@ -18,11 +19,30 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size);
 
 namespace {
 
-void replay(const std::filesystem::path &path) {
+// The file, or those of the folder. false: there is none.
+bool add_files(const char *path, std::vector<std::filesystem::path> *files) {
+    if (!std::filesystem::is_directory(path)) {
+        files->emplace_back(path);
+        return std::filesystem::is_regular_file(path);
+    }
+    const size_t before = files->size();
+    for (const auto &entry : std::filesystem::directory_iterator(path)) {
+        if (entry.is_regular_file()) {
+            files->push_back(entry.path());
+        }
+    }
+    return files->size() != before;
+}
+
+bool replay(const std::filesystem::path &path) {
     std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        return false;
+    }
     const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
     fprintf(stderr, "%s\n", path.filename().c_str());
     LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
+    return true;
 }
 
 // The file is written ahead of the run, which may not come back.
@@ -52,17 +72,17 @@ int main(int count, char **arguments) {
     }
     std::vector<std::filesystem::path> files;
     for (int i = 1; i < count; ++i) {
-        if (std::filesystem::is_directory(arguments[i])) {
-            for (const auto &entry : std::filesystem::directory_iterator(arguments[i])) {
-                files.push_back(entry.path());
-            }
-        } else {
-            files.emplace_back(arguments[i]);
+        if (!add_files(arguments[i], &files)) {
+            fprintf(stderr, "%s: there is no file\n", arguments[i]);
+            return 1;
         }
     }
     std::sort(files.begin(), files.end());
     for (const auto &path : files) {
-        replay(path);
+        if (!replay(path)) {
+            fprintf(stderr, "%s: cannot be read\n", path.c_str());
+            return 1;
+        }
     }
     printf("%zu inputs\n", files.size());
     return files.empty() ? 1 : 0;

@@ -7,6 +7,7 @@ namespace mfwd6::daemon {
 namespace {
 
 constexpr size_t id_bytes = 64;
+constexpr int not_ascii = 0x80;  // set in each byte of UTF-8 that is not ASCII
 
 bool is_digit(char c) {
     return c >= '0' && c <= '9';
@@ -91,6 +92,33 @@ const char *end_of_escaped(const char *at, const char *end) {
     return nullptr;
 }
 
+bool is_tail(char c) {
+    constexpr int marks = 0xc0;
+    return (c & marks) == not_ascii;
+}
+
+// Bytes of the code point at the beginning of `text`, 0 if it is none (RFC 3629, 4).
+size_t utf8_length(std::string_view text) {
+    const auto first = static_cast<unsigned char>(text[0]);
+    if (first < not_ascii) {
+        return 1;
+    }
+    const size_t length = first < 0xc2 ? 0 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
+    if (length == 0 || first > 0xf4 || text.size() < length) {
+        return 0;
+    }
+    for (const char c : text.substr(1, length - 1)) {
+        if (!is_tail(c)) {
+            return 0;
+        }
+    }
+    // Forms that are too long, surrogates, and what lies behind the last code point.
+    const auto second = static_cast<unsigned char>(text[1]);
+    const bool wrong = (first == 0xe0 && second < 0xa0) || (first == 0xed && second > 0x9f) ||
+                       (first == 0xf0 && second < 0x90) || (first == 0xf4 && second > 0x8f);
+    return wrong ? 0 : length;
+}
+
 char simple_escape(char c) {
     switch (c) {
         case '"':
@@ -157,16 +185,45 @@ bool json_scan::take_raw_string(std::string_view *text, bool *has_escapes) {
     return !control;
 }
 
-bool json_scan::take_number() {
+bool json_scan::take_digits() {
     const char *from = at_;
+    while (at_ != end_ && is_digit(*at_)) {
+        ++at_;
+    }
+    return at_ != from;
+}
+
+// RFC 8259, 6.
+bool json_scan::take_number() {
     if (at_ != end_ && *at_ == '-') {
         ++at_;
     }
-    while (at_ != end_ && (is_digit(*at_) || *at_ == '.' || *at_ == 'e' || *at_ == 'E' ||
-                           *at_ == '+' || *at_ == '-')) {
+    if (at_ != end_ && *at_ == '0') {
+        ++at_;
+    } else if (!take_digits()) {
+        return false;
+    }
+    if (at_ != end_ && *at_ == '.') {
+        ++at_;
+        if (!take_digits()) {
+            return false;
+        }
+    }
+    if (at_ == end_ || (*at_ != 'e' && *at_ != 'E')) {
+        return true;
+    }
+    ++at_;
+    if (at_ != end_ && (*at_ == '+' || *at_ == '-')) {
         ++at_;
     }
-    return at_ != from && is_digit(at_[-1]);
+    return take_digits();
+}
+
+bool json_scan::take_string() {
+    std::string_view raw;
+    bool has_escapes = false;
+    std::string text;
+    return take_raw_string(&raw, &has_escapes) && (!has_escapes || unescape_json(raw, &text));
 }
 
 bool json_scan::take_word(std::string_view word) {
@@ -181,11 +238,10 @@ bool json_scan::take_members(char close, bool named, uint32_t depth) {
     ++at_;
     for (bool first = true; !take(close); first = false) {
         std::string_view ignored;
-        bool has_escapes = false;
         if (!first && !take(',')) {
             return false;
         }
-        if (named && (!take_raw_string(&ignored, &has_escapes) || !take(':'))) {
+        if (named && (!take_string() || !take(':'))) {
             return false;
         }
         if (!take_value(&ignored, depth + 1)) {
@@ -206,12 +262,9 @@ bool json_scan::take_value(std::string_view *raw, uint32_t depth) {
         case '[':
             good = depth < json_depth && take_members(']', false, depth);
             break;
-        case '"': {
-            std::string_view ignored;
-            bool has_escapes = false;
-            good = take_raw_string(&ignored, &has_escapes);
+        case '"':
+            good = take_string();
             break;
-        }
         case 't':
             good = take_word("true");
             break;
@@ -258,31 +311,65 @@ bool unescape_json(std::string_view raw, std::string *text) {
     return true;
 }
 
+bool is_utf8(std::string_view text) {
+    char all = 0;
+    for (const char c : text) {
+        all |= c;
+    }
+    if ((all & not_ascii) == 0) {
+        return true;
+    }
+    while (!text.empty()) {
+        const size_t length = utf8_length(text);
+        if (length == 0) {
+            return false;
+        }
+        text.remove_prefix(length);
+    }
+    return true;
+}
+
+bool is_json_name(std::string_view raw, bool has_escapes, std::string_view name) {
+    if (!has_escapes) {
+        return raw == name;
+    }
+    std::string text;
+    return unescape_json(raw, &text) && text == name;
+}
+
 bool split_request(std::string_view line, request_parts *parts) {
     *parts = {"null", {}, "{}"};
     json_scan in(line);
-    if (!in.take('{')) {
+    if (!is_utf8(line) || !in.take('{')) {
         return false;
     }
     for (bool first = true; !in.take('}'); first = false) {
         std::string_view key;
         std::string_view value;
+        std::string unescaped;
         bool has_escapes = false;
         if ((!first && !in.take(',')) || !in.take_raw_string(&key, &has_escapes) || !in.take(':') ||
             !in.take_value(&value)) {
             return false;
         }
+        if (has_escapes) {
+            if (!unescape_json(key, &unescaped)) {
+                return false;
+            }
+            key = unescaped;
+        }
         if (key == "id") {
             parts->id = value;
-        } else if (key == "action" && value.front() == '"') {
-            parts->action = value.substr(1, value.size() - 2);
+        } else if (key == "action") {
+            parts->action =
+                value.front() == '"' ? value.substr(1, value.size() - 2) : std::string_view();
         } else if (key == "args") {
             parts->args = value;
         }
     }
     const char kind = parts->id.front();
-    return in.at_end() && parts->id.size() <= id_bytes && kind != '{' && kind != '[' &&
-           parts->args.front() == '{';
+    const bool repeatable = kind != '{' && kind != '[' && kind != 't' && kind != 'f';
+    return in.at_end() && parts->id.size() <= id_bytes && repeatable && parts->args.front() == '{';
 }
 
 }  // namespace mfwd6::daemon

@@ -35,6 +35,7 @@ class collector {
     document &out_;
     std::string &error_;
     line line_;
+    uint32_t included_ = 0;
 };
 
 std::set<std::string> names(const std::vector<std::string_view> &list) {
@@ -116,6 +117,9 @@ bool collector::take_include(const line &l, const place &where, uint32_t depth) 
         out_.warnings.push_back(where.text() + ": no file is named " + std::string(l.path));
     }
     for (const std::string &path : paths) {
+        if (++included_ > includes_of_document) {
+            return fail(where, "more than 4096 files are included");
+        }
         if (!file(path, depth + 1)) {
             return false;
         }
@@ -213,6 +217,34 @@ bool collector::check() const {
     return first == nullptr || fail(first->where, "there is no VRF " + *vrf);
 }
 
+// A name that ends a list stands first.
+std::vector<std::string_view> list_of(const std::set<std::string> &names) {
+    std::vector<std::string_view> list(names.begin(), names.end());
+    std::stable_partition(list.begin(), list.end(), ends_interfaces);
+    return list;
+}
+
+bool is_list(const std::vector<std::string_view> &names) {
+    return names.size() <= interfaces_of_line &&
+           std::count_if(names.begin(), names.end(), ends_interfaces) <= 1;
+}
+
+// Lines that came together may be too much for one.
+bool fits(const line &l) {
+    return is_list(l.from) && is_list(l.to) && line_text(l).size() <= line_bytes;
+}
+
+// A line for each name of `list`, one of the lists of `l`.
+std::string line_for_each(line &l, std::vector<std::string_view> *list) {
+    std::string text;
+    const std::vector<std::string_view> all = *list;
+    for (const std::string_view name : all) {
+        list->assign(1, name);
+        text += line_text(l) + "\n";
+    }
+    return text;
+}
+
 }  // namespace
 
 bool route_key::operator==(const route_key &other) const {
@@ -240,34 +272,50 @@ route_key key_of(const line &l) {
     return {std::string(l.vrf), l.source.address, l.group};
 }
 
-std::string route_line(const route_key &key, const route_wish &wish) {
+std::string route_lines(const route_key &key, const route_wish &wish) {
     line l;
     l.kind = line_kind::mroute;
     l.vrf = key.vrf;
     l.flags = wish.flags;
-    l.from = {wish.from.begin(), wish.from.end()};
-    l.to = {wish.to.begin(), wish.to.end()};
+    l.from = list_of(wish.from);
+    l.to = list_of(wish.to);
     if (!is_any(key.source)) {
         l.source = {key.source, 128};
     }
     l.group = key.group;
-    return line_text(l);
+    if (fits(l)) {
+        return line_text(l) + "\n";
+    }
+    if (wish.from.empty()) {
+        return line_for_each(l, &l.to);
+    }
+    // Each without its own inbound interface among the outputs, as short as the line it came from.
+    std::string text;
+    for (const std::string &in : wish.from) {
+        l.from = {in};
+        l.to = list_of(wish.to);
+        if (l.to.size() > 1) {
+            std::erase(l.to, std::string_view(in));
+        }
+        text += line_text(l) + "\n";
+    }
+    return text;
 }
 
-std::string vrf_line(const std::string &name, const vrf_wish &wish) {
+std::string vrf_lines(const std::string &name, const vrf_wish &wish) {
     line l;
     l.kind = line_kind::vrf;
     l.vrf = name;
     l.table_id = wish.table_id;
-    l.to = {wish.interfaces.begin(), wish.interfaces.end()};
-    return line_text(l);
+    l.to = list_of(wish.interfaces);
+    return fits(l) ? line_text(l) + "\n" : line_for_each(l, &l.to);
 }
 
 std::string interface_lines(const std::string &name, const interface_wish &wish) {
     line l;
     l.from = {name};
     std::string text;
-    if (wish.enabled != switch_word::none || wish.ttl != 0) {
+    if (wish.enabled != switch_word::none || wish.ttl != 0 || wish.boundary.empty()) {
         l.kind = line_kind::phyint;
         l.enabled = wish.enabled;
         l.ttl = wish.ttl;
@@ -284,7 +332,7 @@ std::string interface_lines(const std::string &name, const interface_wish &wish)
 std::string document_text(const document &d) {
     std::string text;
     for (const auto &[name, wish] : d.vrfs) {
-        text += vrf_line(name, wish) + "\n";
+        text += vrf_lines(name, wish);
     }
     for (const auto &[name, wish] : d.interfaces) {
         text += interface_lines(name, wish);
@@ -293,7 +341,7 @@ std::string document_text(const document &d) {
         text += join + "\n";
     }
     for (const auto &[key, wish] : d.routes) {
-        text += route_line(key, wish) + "\n";
+        text += route_lines(key, wish);
     }
     return text;
 }

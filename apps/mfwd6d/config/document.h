@@ -84,6 +84,8 @@ struct file_reader {
 
 // Includes within includes.
 inline constexpr uint32_t include_depth = 8;
+// Includes in all: a few files that include one another many times would be read for ever.
+inline constexpr uint32_t includes_of_document = 4096;
 
 // Reads the configuration that begins with the file `path`. false with "FILE:LINE: reason" in
 // `error`; what `out` holds then is not to be used.
@@ -99,9 +101,10 @@ route_key key_of(const line &l);
 
 // A text of which parse_document makes the same document, and one of its routes.
 std::string document_text(const document &d);
-std::string route_line(const route_key &key, const route_wish &wish);
-std::string vrf_line(const std::string &name, const vrf_wish &wish);
-// The phyint line, if there is something to say, and those of the boundary.
+// A route or a VRF is several lines where one would be longer than a line may be.
+std::string route_lines(const route_key &key, const route_wish &wish);
+std::string vrf_lines(const std::string &name, const vrf_wish &wish);
+// The phyint line, left out where only those of the boundary have something to say, and those.
 std::string interface_lines(const std::string &name, const interface_wish &wish);
 
 }  // namespace mfwd6::config

@@ -10,7 +10,9 @@ namespace {
 constexpr uint8_t whole_address = 128;
 constexpr uint8_t least_group_length = 8;   // of ff00::/8
 constexpr uint8_t scope_known_length = 16;  // the scope is in the second byte
-constexpr uint8_t link_scope = 2;           // RFC 4291, 2.7: what no router forwards
+// What the shortest form of an address may be longer than another: ::ffff:1 is ::255.255.0.1.
+constexpr size_t address_growth = INET6_ADDRSTRLEN;
+constexpr uint8_t link_scope = 2;  // RFC 4291, 2.7: what no router forwards
 
 // Where errors are said. All functions give false when they have said one.
 struct reader {
@@ -60,7 +62,7 @@ bool read_interface(reader &r, bool may_be_pattern, std::string_view *name) {
     return true;
 }
 
-// Names up to one of the words, or to the end.
+// Names up to one of the words that end a list, which only the first name can be, or to the end.
 bool read_interfaces(reader &r, bool may_be_pattern, std::vector<std::string_view> *list) {
     do {
         if (list->size() == interfaces_of_line) {
@@ -71,7 +73,7 @@ bool read_interfaces(reader &r, bool may_be_pattern, std::vector<std::string_vie
             return false;
         }
         list->push_back(name);
-    } while (!r.in.end() && r.in.peek() != "source" && r.in.peek() != "group");
+    } while (!r.in.end() && !ends_interfaces(r.in.peek()));
     return true;
 }
 
@@ -390,11 +392,16 @@ std::string body_text(const line &l) {
 
 }  // namespace
 
+bool ends_interfaces(std::string_view word) {
+    return word == "source" || word == "group";
+}
+
 bool parse_line(std::string_view text, line *out, std::string *reason) {
     clear(out);
     reader r{words(text), out, reason};
+    constexpr char too_long[] = "the line is longer than 4096 bytes";
     if (text.size() > line_bytes) {
-        return r.fail("the line is longer than 4096 bytes");
+        return r.fail(too_long);
     }
     if (r.in.end()) {
         return true;
@@ -403,7 +410,12 @@ bool parse_line(std::string_view text, line *out, std::string *reason) {
     for (const keyword &k : keywords) {
         if (r.in.take_if(k.word)) {
             out->kind = k.kind;
-            return k.read(r);
+            if (!k.read(r)) {
+                return false;
+            }
+            // What is accepted can be written and read again.
+            return text.size() + address_growth <= line_bytes ||
+                   line_text(*out).size() <= line_bytes || r.fail(too_long);
         }
     }
     return r.fail(r.in.end() ? std::string("\"no\" needs a line behind it")

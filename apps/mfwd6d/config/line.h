@@ -78,6 +78,9 @@ struct line {
     prefix group;
 };
 
+// Whether a word ends a list of interfaces. One so named can only be the first of its list.
+bool ends_interfaces(std::string_view word);
+
 // Reads one line. A pure function of `text`; `out` keeps its lists' memory from call to call. false
 // with a sentence (no full stop, no place) in `reason`.
 bool parse_line(std::string_view text, line *out, std::string *reason);

@@ -297,7 +297,7 @@ std::vector<std::string> sorted_outputs(std::vector<std::string> lines) {
 }
 
 void compare_with_kernel(uint32_t tid, uint32_t kernel_table) {
-    expectation e = {ip6mc_table_lookup_by_tbl_id(tid), kernel_table, {}, {}};
+    expectation e = {ip6mc_table_lookup_by_tbl_id(tid), kernel_table, {}, {}, {}};
     ASSERT_NE(e.table, nullptr);
     ip6mc_route_walk(e.table, 0, expect_route, &e);
     ASSERT_EQ(linux_walk_flows(expect_flow, &e), 0U);

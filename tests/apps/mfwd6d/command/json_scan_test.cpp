@@ -40,6 +40,36 @@ TEST(Request, OtherThingsAreRefused) {
         EXPECT_FALSE(daemon_ns::split_request(text, &parts)) << text;
 }
 
+// An answer repeats the id, so it must be JSON by itself.
+TEST(Request, NumbersTextsAndBytesMustBeJson) {
+    daemon_ns::request_parts parts;
+    for (const char *id :
+         {"1-2", "01", "-", "1.", ".5", "1e", "1e+", "+1", "true", "false", R"("\x")",
+          R"("\ud800")", "\"\xff\"", "\"\xc0\x80\"", "\"\xe0\x80\x80\"", "\"\xed\xa0\x80\"",
+          "\"\xf4\x90\x80\x80\"", "\"\xf0\x80\x80\x80\"", "\"\xc3\""})
+        EXPECT_FALSE(
+            daemon_ns::split_request(std::string(R"({"id":)") + id + R"(,"action":"x"})", &parts))
+            << id;
+    for (const char *id : {"0", "-0", "10", "-1.5e+3", "1E9", "null", R"("\ud83d\ude00")",
+                           "\"\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80\xf4\x8f\xbf\xbf\""}) {
+        EXPECT_TRUE(
+            daemon_ns::split_request(std::string(R"({"id":)") + id + R"(,"action":"x"})", &parts))
+            << id;
+        EXPECT_EQ(parts.id, id);
+    }
+    using namespace std::string_view_literals;
+    EXPECT_FALSE(daemon_ns::split_request("{\"action\":\"x\"}\0more"sv, &parts));
+    EXPECT_FALSE(daemon_ns::split_request(R"({"\x":1,"action":"x"})", &parts));
+}
+
+TEST(Request, NamesMayHaveEscapesAndTheLastOneCounts) {
+    daemon_ns::request_parts parts;
+    ASSERT_TRUE(
+        daemon_ns::split_request(R"({"id":1,"\u0069d":2,"action":"x","action":4})", &parts));
+    EXPECT_EQ(parts.id, "2");
+    EXPECT_EQ(parts.action, "");
+}
+
 std::vector<std::string> texts_of(const std::string &object, bool *good) {
     std::vector<std::string> texts;
     std::string buffer;
@@ -55,6 +85,7 @@ TEST(Texts, AreReadInPlaceAndUnescaped) {
     EXPECT_EQ(texts_of(R"({"other":[1],"lines":["a", "b\tc" ,"\u00e9\ud83d\ude00"]})", &good),
               (std::vector<std::string>{"a", "b\tc", "\xc3\xa9\xf0\x9f\x98\x80"}));
     EXPECT_TRUE(good);
+    EXPECT_EQ(texts_of(R"({"l\u0069nes":["a"]})", &good), std::vector<std::string>{"a"});
     EXPECT_TRUE(texts_of(R"({"lines":[]})", &good).empty());
     EXPECT_TRUE(good);
     for (const char *bad :

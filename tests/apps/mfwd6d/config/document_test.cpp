@@ -92,6 +92,55 @@ TEST(Document, ItsTextMakesItAgain) {
     EXPECT_EQ(again.interfaces.at("eth0").ttl, 3);
 }
 
+// Parts of a document whose lines came together to more than one line may hold.
+TEST(Document, TextOfManyInterfacesMakesItAgain) {
+    constexpr int count = 300;
+    std::string all;
+    for (int n = 0; n < count; ++n) {
+        const std::string name = "e" + std::to_string(n);
+        all += "vrf red table 7 interface " + name + "\n";
+        all += "mroute from " + name + " group ff3e::1 to e0 x\n";
+        all += "mroute inherit-accept group ff3e::2 to " + name + "\n";
+    }
+    config::document d;
+    ASSERT_EQ(read(all, &d), "");
+    ASSERT_EQ(d.routes.size(), 2U);
+    config::document again;
+    std::string error;
+    ASSERT_TRUE(config::parse_document(config::document_text(d), "again", &again, &error)) << error;
+    EXPECT_EQ(again.vrfs.at("red").interfaces.size(), size_t{count});
+    ASSERT_EQ(again.routes.size(), 2U);
+    for (const auto &[key, wish] : d.routes)
+        EXPECT_TRUE(again.routes.at(key).asks_the_same(wish));
+}
+
+// A word that ends a list is the name of an interface only at its beginning.
+TEST(Document, TextOfInterfacesNamedLikeKeywordsMakesItAgain) {
+    config::document d;
+    ASSERT_EQ(read("vrf red table 7 interface source a\n"
+                   "vrf red table 7 interface group b\n"
+                   "mroute from source a group ff3e::1 to group b\n"
+                   "mroute from group c group ff3e::2 to x\n"
+                   "mroute from source d group ff3e::2 to x\n"
+                   "mroute inherit-accept group ff3e::3 to source a\n"
+                   "mroute inherit-accept group ff3e::3 to group\n",
+                   &d),
+              "");
+    config::document again;
+    std::string error;
+    ASSERT_TRUE(config::parse_document(config::document_text(d), "again", &again, &error)) << error;
+    EXPECT_TRUE(again.same_but_routes(d));
+    ASSERT_EQ(again.routes.size(), d.routes.size());
+    for (const auto &[key, wish] : d.routes)
+        EXPECT_TRUE(again.routes.at(key).asks_the_same(wish));
+}
+
+TEST(Document, AnInterfaceThatIsOnlyNamedIsInTheText) {
+    config::document d;
+    ASSERT_EQ(read("phyint eth0\n", &d), "");
+    EXPECT_EQ(config::document_text(d), "phyint eth0\n");
+}
+
 TEST(Document, ErrorsNameFileLineAndReason) {
     EXPECT_EQ(error_of("\n\nmroute from eth0 group 225.1.2.3 to eth1\n"),
               "c:3: \"225.1.2.3\" is an IPv4 address: only IPv6 is routed here");
@@ -157,6 +206,22 @@ TEST(Document, IncludesOtherFiles) {
     EXPECT_EQ(error, "c:1: more than 8 files include one another");
     EXPECT_FALSE(config::parse_document("include c\n", "text", &d, &error));
     EXPECT_EQ(error, "text:1: include is for files");
+}
+
+// Each of a few files includes the next one many times.
+TEST(Document, IncludesInAllAreLimited) {
+    files f;
+    const auto name = [](uint32_t n) { return std::string("c").append(std::to_string(n)); };
+    for (uint32_t n = 0; n < config::include_depth; ++n)
+        for (int i = 0; i < 100; ++i)
+            f.texts[name(n)] += "include " + name(n + 1) + "\n";
+    for (uint32_t n = 0; n <= config::include_depth; ++n)
+        f.patterns[name(n)] = {name(n)};
+    f.texts[name(config::include_depth)] = "";
+    config::document d;
+    std::string error;
+    EXPECT_FALSE(config::read_document("c0", f.reader(), &d, &error));
+    EXPECT_NE(error.find("more than 4096 files are included"), std::string::npos) << error;
 }
 
 }  // namespace

@@ -233,4 +233,17 @@ TEST(Line, RandomWordsNeverConfuseIt) {
     EXPECT_GT(accepted, 100);
 }
 
+// The shortest form of an address can be longer than what was given.
+TEST(Line, ThatWouldBeTooLongWhenWrittenIsRefused) {
+    const auto line = [](const std::string &source, size_t bytes) {
+        std::string text = "mroute from a source " + source + " group ff3e::1 to";
+        while (text.size() + 16 < bytes)
+            text += " interface-12345";
+        return text + " " + std::string(bytes - text.size() - 1, 'x');
+    };
+    EXPECT_EQ(read(line("::ffff:fffe", config::line_bytes)), "!the line is longer than 4096 bytes");
+    EXPECT_EQ(read(line("::ffff:fffe", config::line_bytes - 6)).size(), config::line_bytes);
+    EXPECT_EQ(read(line("2001:db8::1", config::line_bytes)).size(), config::line_bytes);
+}
+
 }  // namespace
