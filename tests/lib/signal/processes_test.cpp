@@ -1,4 +1,5 @@
 #include "services/gtrie/gtrie.h"
+#include "services/window/epochs.h"
 #include "tests/kit/child.h"
 #include "tests/lib/signal/fixture.h"
 
@@ -161,6 +162,57 @@ TEST(SignalProcesses, AClientRemovesWhatTheOwnerPosted) {
     EXPECT_EQ(client.wait(), 0);
     EXPECT_EQ(ipmc_shmwin_live_blocks(ipv4mc_desc->shmwin_info, IPMC_SHMWIN_ALLOC_INTF), live);
     EXPECT_EQ(faults(table), "");
+}
+
+// Whoever posts while the table goes posts ahead of its end, and the signal goes with it, or finds
+// no trie any more.
+TEST(SignalProcesses, ATableThatGoesBesideAPosterTakesItsSignalsWithIt) {
+    kit::run_dir dir;
+    kit::child client([](const kit::post &parent) {
+        parent.hear();
+        if (attach() == nullptr)
+            return 1;
+        uint32_t reader = 0;
+        if (shmwin_reader_enter(ipv4mc_desc->shmwin_id, &reader) != 0)
+            return 2;
+        parent.tell();
+        for (uint32_t n = 1;; ++n) {
+            shmwin_reader_quiescent(ipv4mc_desc->shmwin_id, reader);
+            ipv4mc_table_st *table = ip6mc_table_lookup_by_tbl_id(tid);
+            if (table != nullptr)
+                add(table, n % 50 + 1, n % 7, ifh_a + n % 3);
+        }
+        return 0;
+    });
+    sim_reset();
+    kit::start how;
+    how.free_hook = [](void *block, int) {
+        while (shmwin_defer(ipv4mc_desc->shmwin_id, block) != 0)
+            shmwin_reclaim(ipv4mc_desc->shmwin_id, 0, nullptr, nullptr, nullptr);
+    };
+    kit::library owner(how);
+    ip6mc_shmwin_buffer_status(0);
+    ipv4mc_table_st *table = make_table();
+    client.tell();
+    ASSERT_EQ(client.hear(), '.');
+    uint32_t with_signals = 0;
+    for (uint32_t n = 0; n < 300; ++n) {
+        usleep(200);
+        with_signals += table->signal_route_count != 0 ? 1U : 0U;
+        ipv4mc_table_st *vrf = table->vtable;
+        ASSERT_EQ(ip6mc_table_operation(IPV4MC_ACTION_DELETE, tid, vrf->vrf_id, "red", &vrf, 16),
+                  0U);
+        shmwin_reclaim(ipv4mc_desc->shmwin_id, 0, nullptr, nullptr, nullptr);
+        table = make_table();
+        ASSERT_NE(table, nullptr);
+    }
+    EXPECT_GT(with_signals, 10U);
+    client.kill();
+    // Its last change is run back by whoever asks for the mutex next.
+    EXPECT_EQ(add(table, 1, 1, ifh_a), 0U);
+    EXPECT_EQ(faults(table), "");
+    // The search key of the dead client, and nothing else.
+    EXPECT_EQ(kit::window_leftovers(), texts{"orphan of type AVL"});
 }
 
 }  // namespace

@@ -96,6 +96,31 @@ TEST_F(Gtrie, DetachedLeafIsFoundByNobodyUntilItIsInserted) {
     EXPECT_TRUE(live_blocks().empty());
 }
 
+TEST_F(Gtrie, DetachedLeavesAreListedUntilTheyAreInsertedOrFreed) {
+    void *t = open(GTRIE_KIND_DEFAULT, 256);
+    EXPECT_EQ(ip6mc_gtrie_first_detached(nullptr), nullptr);
+    EXPECT_EQ(ip6mc_gtrie_first_detached(t), nullptr);
+    void *leaves[3];
+    for (uint8_t n = 0; n < 3; ++n) {
+        key_[5] = n;
+        leaves[n] = make(t, key_, 48);
+        EXPECT_EQ(ip6mc_gtrie_first_detached(t), leaves[n]);
+        EXPECT_EQ(ip6mc_gtrie_verify(t), nullptr);
+    }
+    void *handle = t;
+    EXPECT_EQ(ip6mc_gtrie_close(&handle), static_cast<cerrno>(GTRIE_E_NOT_EMPTY));
+    EXPECT_EQ(ip6mc_gtrie_leaf_insert(t, leaves[1], nullptr), 0u);  // from the middle
+    EXPECT_EQ(ip6mc_gtrie_verify(t), nullptr);
+    EXPECT_EQ(ip6mc_gtrie_leaf_free(t, leaves[2]), 0u);  // the first
+    EXPECT_EQ(ip6mc_gtrie_first_detached(t), leaves[0]);
+    EXPECT_EQ(ip6mc_gtrie_leaf_free(t, leaves[0]), 0u);
+    EXPECT_EQ(ip6mc_gtrie_first_detached(t), nullptr);
+    drop(t, leaves[1]);
+    EXPECT_EQ(ip6mc_gtrie_first_detached(t), nullptr);  // a deleted leaf is not detached
+    EXPECT_EQ(ip6mc_gtrie_verify(t), nullptr);
+    EXPECT_EQ(ip6mc_gtrie_close(&handle), 0u);
+}
+
 TEST_F(Gtrie, RecordIsZeroedAndExistingLeafIsGivenAsItIs) {
     void *t = open(GTRIE_KIND_DEFAULT, 256);
     auto *bytes = static_cast<uint8_t *>(make(t, key_, 256));
