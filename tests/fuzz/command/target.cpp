@@ -108,8 +108,9 @@ void check_parts(const daemon_ns::request_parts &parts, const json &request,
         complain("other args", line);
     }
     const bool named = request.contains("action") && request["action"].is_string();
-    if (json::parse("\"" + std::string(parts.action) + "\"") !=
-        (named ? request["action"] : json(""))) {
+    std::string quoted(1, '"');
+    quoted.append(parts.action).append(1, '"');
+    if (json::parse(quoted) != (named ? request["action"] : json(""))) {
         complain("another action", line);
     }
 }

@@ -52,9 +52,8 @@ TEST(Request, NumbersTextsAndBytesMustBeJson) {
             << id;
     for (const char *id : {"0", "-0", "10", "-1.5e+3", "1E9", "null", R"("\ud83d\ude00")",
                            "\"\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80\xf4\x8f\xbf\xbf\""}) {
-        EXPECT_TRUE(
-            daemon_ns::split_request(std::string(R"({"id":)") + id + R"(,"action":"x"})", &parts))
-            << id;
+        const std::string request = std::string(R"({"id":)") + id + R"(,"action":"x"})";
+        EXPECT_TRUE(daemon_ns::split_request(request, &parts)) << id;
         EXPECT_EQ(parts.id, id);
     }
     using namespace std::string_view_literals;

@@ -97,7 +97,8 @@ TEST(Document, TextOfManyInterfacesMakesItAgain) {
     constexpr int count = 300;
     std::string all;
     for (int n = 0; n < count; ++n) {
-        const std::string name = "e" + std::to_string(n);
+        std::string name = "e";
+        name += std::to_string(n);
         all += "vrf red table 7 interface " + name + "\n";
         all += "mroute from " + name + " group ff3e::1 to e0 x\n";
         all += "mroute inherit-accept group ff3e::2 to " + name + "\n";

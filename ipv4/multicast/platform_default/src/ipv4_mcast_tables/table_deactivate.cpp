@@ -72,9 +72,18 @@ void unlink_tid_table(const table_request &request) {
     }
 }
 
-// The name stays in its thread, so that a later activation finds the table by name. A table that
-// cannot be found by name, as it has none or another one has it, keeps its id: without either
-// nobody would find it, and the platform could not be told which one it is.
+// The name stays in its thread, so that a later activation finds the table by name. A table without
+// a name keeps its id, as the platform could not be told which one it is; and a table whose name
+// another one has keeps it unless it goes, as nobody would find it.
+bool keeps_id(const table_request &request) {
+    const ipv4mc_table_st *table = request.vrf_table;
+    if (table->vrf_name[0] == '\0') {
+        return true;
+    }
+    return request.action != IPV4MC_ACTION_DELETE &&
+           !tree_node_linked(&table->node[IPV4MC_TABLE_THREAD_NAME]);
+}
+
 void unlink_vrf_table(const table_request &request) {
     ipv4mc_table_st *table = request.vrf_table;
     if (table->tid_table != nullptr) {
@@ -83,7 +92,7 @@ void unlink_vrf_table(const table_request &request) {
     TABLE_DEBUG(IPV4_DEBUG_EV, "Action %s: Unlinking VID table 0x%x/%s (%c)", action_text(request),
                 table->vrf_id, table->vrf_name, yes_no(table->tid_table));
     store(table->active, 0U);
-    if (table->vrf_id != 0 && tree_node_linked(&table->node[IPV4MC_TABLE_THREAD_NAME])) {
+    if (table->vrf_id != 0 && !keeps_id(request)) {
         ipmc_table_rem_wavl(table, IPV4MC_TABLE_THREAD_VRF_ID);
         store(table->vrf_id, 0U);
     }
