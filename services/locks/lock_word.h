@@ -1,4 +1,5 @@
-// The word that says who holds a lock, and waiting for it. Private to the locks and to those who show them.
+// The word that says who holds a lock, and waiting for it. Private to the locks and to those who
+// show them.
 //
 // Upper half: peer id. Lower half: thread id, with bit 31 for "somebody waits". The lower half is
 // what futex(2) looks at. 0 is free.

@@ -423,14 +423,15 @@ MFWD6_EXPORT cerrno ipv4mc_changelist_remove_route(ipv4mc_route_entry_st *route)
 
 // For the reader of that list, in any process: waits until it is not empty, at most so many
 // milliseconds. 0, now and then also for a wake-up that an earlier call has answered; ETIMEDOUT
-// (110); EBADF when the window is closed. The caller holds no lock, takes the window mutex afterwards
-// and drains the list before it waits again: only the first entry wakes. A time limit of some seconds
-// is advised, as a process killed right behind its post leaves it to the next post to wake the
-// reader. A reader should not sit in pthread_cond_wait(3) on the header's condition, although it is
-// signalled too: killed there, it would stop everybody who posts.
+// (110); EBADF when the window is closed. The caller holds no lock, takes the window mutex
+// afterwards and drains the list before it waits again: only the first entry wakes. A time limit of
+// some seconds is advised, as a process killed right behind its post leaves it to the next post to
+// wake the reader. A reader should not sit in pthread_cond_wait(3) on the header's condition,
+// although it is signalled too: killed there, it would stop everybody who posts.
 MFWD6_EXPORT cerrno ip6mc_changed_routes_wait(uint32_t milliseconds);
 
-// Ends the waits that there are, with 0: for a thread that is to stop. Nothing with a closed window.
+// Ends the waits that there are, with 0: for a thread that is to stop. Nothing with a closed
+// window.
 MFWD6_EXPORT void ip6mc_changed_routes_wake(void);
 
 // The interfaces of a route that are encap output entries: the entry joins or leaves its route's

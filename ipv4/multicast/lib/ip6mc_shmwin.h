@@ -106,10 +106,10 @@ struct ipv4mc_shmwin_hdr_st {
     uint8_t reserved;              // zero
     pthread_mutex_t changed_route_mutex;  // process-shared and robust; guards `changed_route_wake`
     pthread_cond_t changed_route_cond;    // process-shared; signalled with the first entry
-    uint32_t changed_route_wakes;  // wakes so far: what ip6mc_changed_routes_wait sleeps on
-    uint32_t shmwin_lock_deaths;   // deaths of holders that `shmwin_lock_count` has left behind
-    uint32_t pak_lock_deaths;      // the same for `pak_lock_count`
-    uint32_t reserved2;            // zero
+    uint32_t changed_route_wakes;         // wakes so far: what ip6mc_changed_routes_wait sleeps on
+    uint32_t shmwin_lock_deaths;  // deaths of holders that `shmwin_lock_count` has left behind
+    uint32_t pak_lock_deaths;     // the same for `pak_lock_count`
+    uint32_t reserved2;           // zero
     ipmc_shmwin_counts_st counted[IPMC_SHMWIN_COUNTED];  // of alloc_count and free_count
 };
 IP6MC_RECORD(ipv4mc_shmwin_hdr_st, 10304);

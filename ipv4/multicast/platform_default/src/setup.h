@@ -42,10 +42,10 @@ namespace mlib {
 // is in, and frees it.
 void end_idb_in_hand();
 
-// Owner: ends the routes that were made and not committed, with the interfaces that had joined them:
-// of a table that goes, and of all tables at a start, when their maker is dead. The platform is not
-// told: routes that were never committed are nothing to it, and behind a start it is compared with
-// the window.
+// Owner: ends the routes that were made and not committed, with the interfaces that had joined
+// them: of a table that goes, and of all tables at a start, when their maker is dead. The platform
+// is not told: routes that were never committed are nothing to it, and behind a start it is
+// compared with the window.
 void end_unfinished_routes(ipv4mc_table_st *table);
 void end_all_unfinished_routes();
 
