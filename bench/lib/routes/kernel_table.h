@@ -6,9 +6,15 @@
 
 namespace bench {
 
-// Nanoseconds per MRT6_ADD_MFC of `routes` routes out of `interfaces` interfaces (at most 15), or 0
-// with a printed reason. Leaves the calling process in a namespace of its own: call it in a child.
-double kernel_ns_per_route(uint32_t routes, uint32_t interfaces);
+struct kernel_times {
+    double add_ns;
+    double delete_ns;
+};
+
+// Nanoseconds per MRT6_ADD_MFC and per MRT6_DEL_MFC of `routes` routes out of `interfaces`
+// interfaces (at most 15), or 0 with a printed reason. Leaves the calling process in a namespace of
+// its own: call it in a child.
+kernel_times kernel_ns_per_route(uint32_t routes, uint32_t interfaces);
 
 }  // namespace bench
 

@@ -33,7 +33,9 @@ constexpr uint64_t most_entries = 5'000'000;
 
 struct row {
     double total_ns;
+    double delete_ns;
     double kernel_ns;
+    double kernel_delete_ns;
     double bytes;
     double start_ms;
 };
@@ -112,17 +114,29 @@ void build(uint32_t routes, uint32_t interfaces) {
     result->bytes = static_cast<double>(bytes_used() - before) / routes;
 }
 
+void delete_all(uint32_t routes) {
+    ipv4mc_table_st *table = ip6mc_table_lookup_by_tbl_id(tid);
+    require(table != nullptr, "table");
+    uint32_t spared = 0;
+    const double start_ns = now_ns();
+    require(ip6mc_route_delete_all(table, 0, 0, 0, &spared) == 0 && spared == 0, "delete all");
+    result->delete_ns = (now_ns() - start_ns) / routes;
+}
+
 row measure(uint32_t routes, uint32_t interfaces) {
     *result = {};
     kit::run_dir dir;
     kit::child ours([&](const kit::post &) {
         start();
         build(routes, interfaces);
+        delete_all(routes);
         return 0;
     });
     require(ours.wait() == 0, "a run of the library");
     kit::child yardstick([&](const kit::post &) {
-        result->kernel_ns = bench::kernel_ns_per_route(routes, std::min(interfaces, 15U));
+        const auto kernel = bench::kernel_ns_per_route(routes, std::min(interfaces, 15U));
+        result->kernel_ns = kernel.add_ns;
+        result->kernel_delete_ns = kernel.delete_ns;
         return 0;
     });
     yardstick.wait();
@@ -190,6 +204,11 @@ int main(int argc, char **argv) {
             printf("%9u %5u %12.0f %12.0f %7.2f %13.0f / %5.2f %12.0f\n", routes, interfaces,
                    r.total_ns, r.kernel_ns, r.kernel_ns > 0 ? r.total_ns / r.kernel_ns : 0, further,
                    r.kernel_ns > 0 ? further / r.kernel_ns : 0, r.bytes);
+            if (interfaces == 1) {
+                printf("%9u routes deleted: %.0f ns each, MRT6_DEL_MFC %.0f ns, ratio %.2f\n",
+                       routes, r.delete_ns, r.kernel_delete_ns,
+                       r.kernel_delete_ns > 0 ? r.delete_ns / r.kernel_delete_ns : 0);
+            }
             fflush(stdout);
         }
     }
