@@ -46,6 +46,13 @@ class TrieWalk : public testing::TestWithParam<uint32_t> {
         }
     }
 
+    ~TrieWalk() override {
+        while (!records_.empty()) {
+            remove(*records_.begin());
+        }
+        ip6mc_gtrie_close(&trie_);
+    }
+
     uint32_t in_trie(uint32_t bits) {
         ip6mc_gtrie_get_pfx_len_adjusted(trie_, &bits);
         return bits;
@@ -71,10 +78,12 @@ class TrieWalk : public testing::TestWithParam<uint32_t> {
             return false;
         }
         *static_cast<leaf *>(record) = l;
+        records_.insert(record);
         return ip6mc_gtrie_leaf_insert(trie_, record, nullptr) == 0;
     }
 
     void remove(void *record) {
+        records_.erase(record);
         ip6mc_gtrie_leaf_delete(trie_, record, nullptr);
         ip6mc_gtrie_leaf_free(trie_, record);
     }
@@ -88,6 +97,7 @@ class TrieWalk : public testing::TestWithParam<uint32_t> {
 
     std::mt19937 random_{4711};
     void *trie_ = nullptr;
+    std::set<void *> records_;
 };
 
 TEST_P(TrieWalk, GivesEveryLeafOnceInOrder) {
