@@ -14,6 +14,7 @@
 #include "services/window/epochs.h"
 #include "services/window/setup.h"
 #include "tests/crash/hardware.h"
+#include "tests/crash/router.h"
 #include "tests/kit/library.h"
 
 namespace crash {
@@ -90,6 +91,7 @@ void start_library(const setting &how) {
         give_up(std::string("hardware: ") + cerr_strerror(rc));
     }
     kit::start start;
+    start.im_context = interface_manager();
     start.free_hook = how.clients ? keep_for_readers : nullptr;
     if (const cerrno rc = kit::start_library(start); rc != 0) {
         give_up(std::string("start of the library: ") + cerr_strerror(rc));

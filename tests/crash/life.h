@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-#include "tests/crash/workload.h"
+#include "tests/crash/workload/workload.h"
 
 namespace crash {
 

@@ -120,7 +120,7 @@ route_state observe(uint32_t table, uint32_t route) {
         const uint32_t i = entry->key_ifh - ifh_of(0);
         if (i < interfaces) {
             seen.intfs |= 1U << i;
-            seen.words[i] = entry->attributes;
+            seen.words[i] = entry->attributes & ~all_mark_bits;
         }
     }
     return seen;
@@ -138,6 +138,8 @@ bool touches(const in_flight &op, uint32_t table, uint32_t route) {
         case operation::none:
         case operation::other:
             return false;
+        case operation::clear_all:
+            return true;
         case operation::create_table:
         case operation::deactivate_table:
         case operation::delete_table:
@@ -177,6 +179,7 @@ bool may_become(const in_flight &op, const route_state &before, const route_stat
         case operation::delete_table:
         case operation::clear_table:
         case operation::delete_all:
+        case operation::clear_all:
             return before.present != 0 && (after.present == 0 || subset(after, before));
         default:
             return false;

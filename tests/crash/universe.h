@@ -32,6 +32,11 @@ route_key key_of(uint32_t route);
 route_key signal_key_of(uint32_t signal);
 ifhtype ifh_of(uint32_t interface);
 
+// Bits of an interface's word that its caller sets and clears on a committed entry, beside the
+// model.
+constexpr uint64_t mark_bits[] = {MRIB_INTF_EG, MRIB_INTF_COUNTED, MRIB_INTF_BVI};
+constexpr uint64_t all_mark_bits = MRIB_INTF_EG | MRIB_INTF_COUNTED | MRIB_INTF_BVI;
+
 // What can be seen of a route through the interface of the library.
 struct route_state {
     uint32_t present = 0;
@@ -56,6 +61,7 @@ enum class operation : uint32_t {
     delete_table,
     clear_table,
     delete_all,
+    clear_all,
     other,  // changes no route that the model knows
 };
 
