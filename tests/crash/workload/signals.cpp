@@ -45,13 +45,15 @@ void preserve(ipv4mc_table_st *table, const route_key &k, ifhtype ifh) {
     }
 }
 
-// The route and the interface by key, and their end by pointer; all of it under one mutex.
-void remove_by_pointer(ipv4mc_table_st *table, const route_key &k, ifhtype ifh) {
+// Removes a new signal, or the interface that it added to one, by pointer: that is good only under
+// the mutex that the post was made under, as posters remove signals too.
+void post_and_remove(ipv4mc_table_st *table, const route_key &k, ifhtype ifh) {
     const window_mutex mutex;
     ipv4mc_route_entry_st *route = nullptr;
     ipv4mc_intf_entry_st *entry = nullptr;
-    if (mutex.held() && ip6mc_signal_lookup(table, &k.source, &k.group, ifh, &route, &entry) == 0 &&
-        route != nullptr && entry != nullptr) {
+    if (mutex.held() && ip6mc_signal_add(table, &k.source, &k.group, ifh, &route) == 0 &&
+        route != nullptr && ip6mc_signal_intf_lookup(table, route, ifh, &entry) == 0 &&
+        entry != nullptr) {
         ip6mc_signal_remove_signal_route(table, &route, &entry);
     }
 }
@@ -96,7 +98,7 @@ void step::remove_signals() {
                 ip6mc_signal_remove_all_mutex(of, &k.source, &k.group);
                 break;
             case 2:
-                remove_by_pointer(of, k, ifh);
+                post_and_remove(of, k, ifh);
                 break;
             default:
                 ip6mc_signal_remove_all_routes(of, 1 + number(3), number(2) * IPV4MC_FREE_PAK_ALL);
