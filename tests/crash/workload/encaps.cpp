@@ -22,6 +22,7 @@ void put_on_encap(ipv4mc_route_entry_st *route, uint32_t id) {
 }  // namespace
 
 void step::encaps() {
+    aim_at_route();
     const uint32_t id = 1 + number(most_encaps);
     const uint8_t ctl = one_of(random_, ip_lkp_ctls);
     ipv4mc_route_entry_st *route = route_here();
@@ -45,8 +46,8 @@ void step::encaps() {
                 }
                 break;
             case 3:
-                if (route != nullptr && route->encap != nullptr) {
-                    ipmc_unlink_route_from_encap(route, route->encap);
+                if (encap->route_head != nullptr) {
+                    ipmc_unlink_route_from_encap(encap->route_head, encap);
                 }
                 break;
             default:
@@ -59,6 +60,7 @@ void step::encaps() {
 
 // An interface becomes an output of its route's encap, or ceases to be.
 void step::outputs() {
+    aim_at_entry();
     ipv4mc_intf_entry_st *output = entry_here();
     if (output == nullptr) {
         return change_interfaces();

@@ -48,6 +48,7 @@ void compare_ids(ipv4mc_route_entry_st *route) {
 }  // namespace
 
 void step::errors() {
+    aim_at_entry();
     ipv4mc_route_entry_st *route = route_here();
     if (route == nullptr) {
         return add_route();

@@ -17,6 +17,9 @@ constexpr uint64_t intf_words[] = {0, MRIB_INTF_ACCEPT, MRIB_INTF_FORWARD};
 }  // namespace
 
 void step::add_route() {
+    if (table() == nullptr) {
+        return change_table();
+    }
     const uint64_t word = one_of(random_, route_words);
     const uint32_t wanted = number(1U << interfaces);
     const uint64_t intf_word = one_of(random_, intf_words);
@@ -106,6 +109,7 @@ void step::clear_route() {
 }
 
 void step::change_attributes() {
+    aim_at_route();
     ipv4mc_route_entry_st *route = route_here();
     if (route == nullptr) {
         return add_route();
@@ -145,6 +149,7 @@ void step::settings() {
 // The properties that the platform hears of by an update. A client that counts T bits tells of
 // changes only.
 void step::change_property() {
+    aim_at_route();
     ipv4mc_route_entry_st *of = route_here();
     if (of == nullptr) {
         return add_route();
@@ -170,6 +175,7 @@ void step::change_property() {
 }
 
 void step::mark_interface() {
+    aim_at_entry();
     ipv4mc_intf_entry_st *marked = entry_here();
     if (marked == nullptr) {
         return change_interfaces();

@@ -1,6 +1,8 @@
 #include "tests/crash/workload/step.h"
 
 #include <cerrno>
+#include <iterator>
+#include <numeric>
 #include <string>
 
 #include "ipv4/multicast/lib/ip6mc_lib.h"
@@ -9,43 +11,83 @@
 #include "services/window/setup.h"
 
 namespace crash {
+namespace {
+
+constexpr uint32_t most_tries = 100;
+
+}  // namespace
 
 void step::run() {
     struct share {
         uint32_t of_thousand;
         void (step::*operation)();
     };
-    static constexpr share shares[] = {{230, &step::add_route},
-                                       {110, &step::change_interfaces},
-                                       {110, &step::delete_route},
-                                       {50, &step::clear_route},
-                                       {70, &step::change_attributes},
-                                       {40, &step::change_table},
-                                       {40, &step::settings},
+    static constexpr share shares[] = {{220, &step::add_route},
+                                       {100, &step::change_interfaces},
+                                       {90, &step::delete_route},
+                                       {45, &step::clear_route},
+                                       {60, &step::change_attributes},
+                                       {35, &step::change_table},
+                                       {30, &step::settings},
                                        {30, &step::change_property},
                                        {50, &step::mark_interface},
-                                       {30, &step::link_routes},
-                                       {20, &step::follow_receivers},
-                                       {30, &step::walk},
-                                       {40, &step::hold_interfaces},
+                                       {25, &step::link_routes},
+                                       {15, &step::follow_receivers},
+                                       {25, &step::walk},
+                                       {35, &step::hold_interfaces},
                                        {15, &step::rename_interface},
                                        {15, &step::change_members},
                                        {35, &step::own_signals},
                                        {20, &step::remove_signals},
                                        {15, &step::preserved_packets},
                                        {40, &step::encaps},
-                                       {50, &step::outputs}};
+                                       {50, &step::outputs},
+                                       {50, &step::errors}};
+    constexpr uint32_t all =
+        std::accumulate(std::begin(shares), std::end(shares), 0U,
+                        [](uint32_t sum, const share &each) { return sum + each.of_thousand; });
+    static_assert(all == 1000);
     table_ = number(tables);
     route_ = number(routes);
     interface_ = number(interfaces);
-    uint32_t dice = number(1000);
+    uint32_t dice = number(all);
     for (const share &each : shares) {
         if (dice < each.of_thousand) {
             return (this->*each.operation)();
         }
         dice -= each.of_thousand;
     }
-    errors();
+}
+
+void step::aim_at_route() {
+    for (uint32_t tries = 0; tries < most_tries; ++tries) {
+        if (shared().known.route[table_][route_].present != 0) {
+            return;
+        }
+        table_ = number(tables);
+        route_ = number(routes);
+    }
+}
+
+void step::aim_at_core_route() {
+    table_ = 0;
+    for (uint32_t tries = 0; tries < most_tries; ++tries) {
+        if (shared().known.route[table_][route_].present != 0) {
+            return;
+        }
+        route_ = number(routes);
+    }
+}
+
+void step::aim_at_entry() {
+    for (uint32_t tries = 0; tries < most_tries; ++tries) {
+        if ((shared().known.route[table_][route_].intfs >> interface_ & 1U) != 0) {
+            return;
+        }
+        table_ = number(tables);
+        route_ = number(routes);
+        interface_ = number(interfaces);
+    }
 }
 
 void step::arm_faults(in_flight *now) {

@@ -55,6 +55,11 @@ class step {
 
     // The table of this step. Null when it is not there, or only in part.
     ipv4mc_table_st *table() const;
+    // Makes this step's one of those that the model knows to be there, if a few tries find one.
+    void aim_at_route();
+    void aim_at_core_route();
+    void aim_at_entry();
+
     // The route of this step, and its ordinary interface of this step. Null when it is not there.
     ipv4mc_route_entry_st *route_here() const;
     ipv4mc_intf_entry_st *entry_here() const;

@@ -55,7 +55,7 @@ void step::table_action(operation what, ipv4mc_action_type action) {
 
 // Core routes of the default table, linked to customers and cut again.
 void step::link_routes() {
-    table_ = 0;
+    aim_at_core_route();
     ipv4mc_route_entry_st *route = route_here();
     if (route == nullptr) {
         return add_route();
