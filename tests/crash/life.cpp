@@ -75,7 +75,7 @@ void check(const char *when) {
     ++shared().checks;
     shared().leftovers += found.leftovers.size();
     if (!found.clean()) {
-        give_up(std::string(when) + ":\n" + texts(found));
+        give_up(std::string(when) + ", " + text_of(shared().known.now) + ":\n" + texts(found));
     }
 }
 

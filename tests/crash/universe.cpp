@@ -133,6 +133,12 @@ std::string text_of(const route_state &state) {
     return text;
 }
 
+std::string text_of(const in_flight &op) {
+    return "operation " + std::to_string(static_cast<uint32_t>(op.what)) + " on " +
+           std::to_string(op.table) + "/" + std::to_string(op.route) + "/" +
+           std::to_string(op.interface) + (op.faults != 0 ? ", with faults" : "");
+}
+
 bool touches(const in_flight &op, uint32_t table, uint32_t route) {
     switch (op.what) {
         case operation::none:
@@ -204,10 +210,7 @@ std::string compare_with_model() {
             const bool fits = touches(op, t, r) ? may_become(op, before, now) : now == before;
             if (!fits) {
                 return std::string("table ") + name_of(t) + " route " + std::to_string(r) +
-                       ": was " + text_of(before) + ", is " + text_of(now) + ", operation " +
-                       std::to_string(static_cast<uint32_t>(op.what)) + " on " +
-                       std::to_string(op.table) + "/" + std::to_string(op.route) + "/" +
-                       std::to_string(op.interface);
+                       ": was " + text_of(before) + ", is " + text_of(now) + ", " + text_of(op);
             }
             known.route[t][r] = now;
         }

@@ -111,6 +111,9 @@ ipv4mc_route_entry_st *find_route(ipv4mc_table_st *table, uint32_t route);
 route_state observe(uint32_t table, uint32_t route);
 std::string text_of(const route_state &state);
 
+// The operation that is under way, for a failure.
+std::string text_of(const in_flight &op);
+
 // Whether `after` can be what an operation made of `before`, finished or not.
 bool may_become(const in_flight &op, const route_state &before, const route_state &after);
 
