@@ -130,8 +130,9 @@ void start_owner(const setting &how, const std::function<void()> &before_start) 
 
 void work(uint64_t seed, const std::function<void(uint64_t)> &before) {
     generator random(seed);
+    uint64_t points = 0;
     for (uint64_t n = 1;; ++n) {
-        run_operation(random, [&] { before(n); });
+        run_operation(random, [&] { before(++points); });
         if (n % operations_between_reclaims == 0) {
             reclaim_kept();
         }

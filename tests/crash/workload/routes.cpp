@@ -42,9 +42,11 @@ void step::make_route(ipv4mc_table_st *of, uint64_t word, uint32_t wanted, uint6
     route->attributes = word;
     for (uint32_t i = 0; i < interfaces; ++i) {
         if ((wanted >> i & 1U) != 0) {
+            before_();
             join(route, i, intf_word);
         }
     }
+    before_();
     const cerrno committed = operate(IPV4MC_ACTION_COMMIT, of, k, &route, &is_new);
     expect(committed == 0, "a commit failed");
     // What is not published is taken apart again, as its maker must.

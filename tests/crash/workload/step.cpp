@@ -165,7 +165,7 @@ ipv4mc_intf_entry_st *step::entry_here() const {
                : ip6mc_intf_route_lookup(of, IPV4MC_INTF_ORDINARY, ifh_of(interface_), 0, 0);
 }
 
-void run_operation(generator &random, const before_operation &before) {
+void run_operation(generator &random, const before_point &before) {
     step(random, before).run();
 }
 

@@ -18,7 +18,7 @@ T one_of(generator &random, const T (&choices)[N]) {
 // Each kind of operation is a member; where what it needs is not there, it makes a route instead.
 class step {
   public:
-    step(generator &random, const before_operation &before) : random_(random), before_(before) {}
+    step(generator &random, const before_point &before) : random_(random), before_(before) {}
 
     void run();
 
@@ -105,7 +105,7 @@ class step {
     void errors();
 
     generator &random_;
-    const before_operation &before_;
+    const before_point &before_;
     uint32_t table_ = 0;
     uint32_t route_ = 0;
     uint32_t interface_ = 0;
