@@ -13,8 +13,8 @@
 
 namespace {
 
-constexpr uint64_t stride = 5;
-constexpr uint64_t most_instructions = 10'000;
+constexpr uint64_t stride = 16;
+constexpr uint64_t most_instructions = 20'000;
 constexpr uint32_t patience_ms = 10'000;
 
 cerrno make_table(uint32_t vrf_id, const char *name) {
