@@ -266,11 +266,20 @@ cerrno hardware::hold_vrf(uint32_t vrf_id, const char *name, bool make, uint32_t
     }
     cerrno failed = room(IP6MC_PLATFORM_TABLE);
     failed = failed != 0 ? failed : vrfs.take(slot);
-    if (failed == 0) {
-        vrfs.keep(*slot, slot_committed);
-        counted(IP6MC_PLATFORM_TABLE, 1);
+    if (failed != 0) {
+        return failed;
     }
-    return failed;
+    // Named before it counts: hardware that outlives its process must not hold a table that nobody
+    // can name.
+    failed = name_vrf(*slot, vrf_id, name);
+    if (failed != 0) {
+        unindex_vrf(*slot);
+        vrfs.give_back(*slot);
+        return failed;
+    }
+    vrfs.keep(*slot, slot_committed);
+    counted(IP6MC_PLATFORM_TABLE, 1);
+    return 0;
 }
 
 bool hardware::index_vrf(uint32_t slot) {

@@ -1,7 +1,8 @@
 // The crash campaign: episodes of kills, each on a window of its own.
 //
 // In an episode owner follows owner. Each proves the window, does random operations, and is killed:
-// by so many single steps behind the beginning of some operation, or of its own start, or after
+// by so many single steps behind the beginning of some operation (or of a part of one: steps are
+// dear, and most of a long operation should be near a beginning), or of its own start, or after
 // some time. In some episodes clients read and post beside it, and die as well. The last owner of
 // an episode empties the window and finds as many blocks as there were at first.
 //
@@ -9,6 +10,7 @@
 // death comes by the clock, a replay meets the same choices, not the same instruction.
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
@@ -28,16 +30,17 @@ namespace {
 
 constexpr uint64_t kills_in_episode = 25;
 constexpr uint32_t patience_ms = 120'000;
-constexpr double most_steps = 20'000;
+constexpr double most_steps = 6'000;
+constexpr uint64_t most_points = 60;
 constexpr uint32_t most_microseconds = 20'000;
 constexpr uint32_t most_microseconds_of_start = 4'000;
 
 // All choices about one kill.
 struct plan {
     enum class way { start, operation, clock } how;
-    uint64_t seed;       // of the owner's work
-    uint64_t operation;  // that is stopped ahead of
-    uint64_t steps;      // from there
+    uint64_t seed;   // of the owner's work
+    uint64_t point;  // of the work, that is stopped ahead of
+    uint64_t steps;  // from there
     uint32_t microseconds;
     bool start_by_clock;
     bool kill_client;
@@ -49,7 +52,7 @@ plan make_plan(generator &random, bool clients) {
     const uint64_t dice = random() % 100;
     p.how = dice < 12 ? plan::way::start : dice < 80 ? plan::way::operation : plan::way::clock;
     p.seed = random();
-    p.operation = 1 + random() % 30;
+    p.point = 1 + random() % most_points;
     // Near and far points alike: each order of magnitude as often as the next.
     const double part = static_cast<double>(random() % 100'000) / 100'000;
     p.steps = static_cast<uint64_t>(std::exp(part * std::log(most_steps)));
@@ -166,7 +169,7 @@ class episode {
                 victim::stop_here();
             }
             work(p.seed, [&](uint64_t n) {
-                if (p.how == plan::way::operation && n == p.operation) {
+                if (p.how == plan::way::operation && n == p.point) {
                     victim::stop_here();
                 }
             });
@@ -325,6 +328,11 @@ int run(const options &asked) {
 }  // namespace crash
 
 int main(int argc, char **argv) {
+    // Each owner is a fork: names that are not bound by now would be looked up in each anew, and be
+    // stepped through.
+    if (getenv("LD_BIND_NOW") == nullptr && setenv("LD_BIND_NOW", "1", 0) == 0) {
+        execv("/proc/self/exe", argv);
+    }
     crash::shared();
     return crash::run(crash::parse(argc, argv));
 }

@@ -66,6 +66,11 @@ bool has_record(const held_thing &held) {
             ip6mc_idb_lookup(held.ifh, &idb);
             return idb != nullptr;
         }
+        case IP6MC_PLATFORM_ENCAP: {
+            ipv4mc_encap_entry_st *encap = nullptr;
+            ip6mc_encapid_lookup(held.encap_id, &encap);
+            return encap != nullptr;
+        }
         default:
             return true;
     }

@@ -14,6 +14,7 @@
 #include "services/window/epochs.h"
 #include "services/window/setup.h"
 #include "tests/crash/hardware.h"
+#include "tests/crash/router.h"
 #include "tests/kit/library.h"
 
 namespace crash {
@@ -74,7 +75,7 @@ void check(const char *when) {
     ++shared().checks;
     shared().leftovers += found.leftovers.size();
     if (!found.clean()) {
-        give_up(std::string(when) + ":\n" + texts(found));
+        give_up(std::string(when) + ", " + text_of(shared().known.now) + ":\n" + texts(found));
     }
 }
 
@@ -90,6 +91,7 @@ void start_library(const setting &how) {
         give_up(std::string("hardware: ") + cerr_strerror(rc));
     }
     kit::start start;
+    start.im_context = interface_manager();
     start.free_hook = how.clients ? keep_for_readers : nullptr;
     if (const cerrno rc = kit::start_library(start); rc != 0) {
         give_up(std::string("start of the library: ") + cerr_strerror(rc));
@@ -128,8 +130,9 @@ void start_owner(const setting &how, const std::function<void()> &before_start) 
 
 void work(uint64_t seed, const std::function<void(uint64_t)> &before) {
     generator random(seed);
+    uint64_t points = 0;
     for (uint64_t n = 1;; ++n) {
-        run_operation(random, [&] { before(n); });
+        run_operation(random, [&] { before(++points); });
         if (n % operations_between_reclaims == 0) {
             reclaim_kept();
         }

@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-#include "tests/crash/workload.h"
+#include "tests/crash/workload/workload.h"
 
 namespace crash {
 
@@ -21,7 +21,8 @@ struct setting {
 // acknowledged, and that the hardware can be brought in line. Gives up (exit code 3) when not.
 void start_owner(const setting &how, const std::function<void()> &before_start);
 
-// Works for ever. `before` is called ahead of operation number n, from 1.
+// Works for ever. `before` is called ahead of point number n, from 1: the beginning of an
+// operation, or of a part of one.
 [[noreturn]] void work(uint64_t seed, const std::function<void(uint64_t n)> &before);
 
 // Empties the window and compares the blocks that live with those of the first time.

@@ -120,7 +120,7 @@ route_state observe(uint32_t table, uint32_t route) {
         const uint32_t i = entry->key_ifh - ifh_of(0);
         if (i < interfaces) {
             seen.intfs |= 1U << i;
-            seen.words[i] = entry->attributes;
+            seen.words[i] = entry->attributes & ~all_mark_bits;
         }
     }
     return seen;
@@ -133,11 +133,19 @@ std::string text_of(const route_state &state) {
     return text;
 }
 
+std::string text_of(const in_flight &op) {
+    return "operation " + std::to_string(static_cast<uint32_t>(op.what)) + " on " +
+           std::to_string(op.table) + "/" + std::to_string(op.route) + "/" +
+           std::to_string(op.interface) + (op.faults != 0 ? ", with faults" : "");
+}
+
 bool touches(const in_flight &op, uint32_t table, uint32_t route) {
     switch (op.what) {
         case operation::none:
         case operation::other:
             return false;
+        case operation::clear_all:
+            return true;
         case operation::create_table:
         case operation::deactivate_table:
         case operation::delete_table:
@@ -177,6 +185,7 @@ bool may_become(const in_flight &op, const route_state &before, const route_stat
         case operation::delete_table:
         case operation::clear_table:
         case operation::delete_all:
+        case operation::clear_all:
             return before.present != 0 && (after.present == 0 || subset(after, before));
         default:
             return false;
@@ -201,10 +210,7 @@ std::string compare_with_model() {
             const bool fits = touches(op, t, r) ? may_become(op, before, now) : now == before;
             if (!fits) {
                 return std::string("table ") + name_of(t) + " route " + std::to_string(r) +
-                       ": was " + text_of(before) + ", is " + text_of(now) + ", operation " +
-                       std::to_string(static_cast<uint32_t>(op.what)) + " on " +
-                       std::to_string(op.table) + "/" + std::to_string(op.route) + "/" +
-                       std::to_string(op.interface);
+                       ": was " + text_of(before) + ", is " + text_of(now) + ", " + text_of(op);
             }
             known.route[t][r] = now;
         }

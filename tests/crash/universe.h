@@ -32,6 +32,11 @@ route_key key_of(uint32_t route);
 route_key signal_key_of(uint32_t signal);
 ifhtype ifh_of(uint32_t interface);
 
+// Bits of an interface's word that its caller sets and clears on a committed entry, beside the
+// model.
+constexpr uint64_t mark_bits[] = {MRIB_INTF_EG, MRIB_INTF_COUNTED, MRIB_INTF_BVI};
+constexpr uint64_t all_mark_bits = MRIB_INTF_EG | MRIB_INTF_COUNTED | MRIB_INTF_BVI;
+
 // What can be seen of a route through the interface of the library.
 struct route_state {
     uint32_t present = 0;
@@ -56,6 +61,7 @@ enum class operation : uint32_t {
     delete_table,
     clear_table,
     delete_all,
+    clear_all,
     other,  // changes no route that the model knows
 };
 
@@ -104,6 +110,9 @@ ipv4mc_route_entry_st *find_route(ipv4mc_table_st *table, uint32_t route);
 // As the library shows it. Bits that the library itself writes are left out.
 route_state observe(uint32_t table, uint32_t route);
 std::string text_of(const route_state &state);
+
+// The operation that is under way, for a failure.
+std::string text_of(const in_flight &op);
 
 // Whether `after` can be what an operation made of `before`, finished or not.
 bool may_become(const in_flight &op, const route_state &before, const route_state &after);

@@ -69,4 +69,26 @@ TEST_P(TableEnd, ClearingLeavesThemAsBefore) {
     EXPECT_EQ(header()->changed_route_head, signal);
 }
 
+TEST_P(TableEnd, ClearingCountsTheReceiversOfARouteThatThePlatformKeeps) {
+    const fed_customer customer(make_default_table(), table);
+    ipv4mc_route_update_st update{};
+    update.t_bit = 1;
+    update.t_count = 1;
+    EXPECT_EQ(ip6mc_route_update(customer.route, IPV4MC_ROUTE_UPDATE_T_BIT, &update), 0U);
+    ipv4mc_route_entry_st *gone = bed::add(table, bed::sg(2));
+    EXPECT_EQ(ip6mc_route_update(gone, IPV4MC_ROUTE_UPDATE_T_BIT, &update), 0U);
+    table->route_counters.route_clears = 5;
+    sim_arm_fault(SIM_OP_INTF, IPV4MC_ACTION_DELETE, 1, 1, EIO);
+    ipv4mc_table_st *given = table;
+    EXPECT_EQ(ip6mc_table_operation(IPV4MC_ACTION_CLEAR, 0, 0, nullptr, &given, 0), 0U);
+    EXPECT_EQ(bed::find(table, bed::sg(2)), nullptr);
+    ASSERT_EQ(bed::find(table, bed::sg(1)), customer.route);
+    EXPECT_EQ(customer.route->intf_local_EG_cnt, 1U);
+    EXPECT_EQ(table->route_counters.local_eg_cnt, 1U);
+    EXPECT_EQ(table->route_counters.t_cnt, 1U);
+    EXPECT_EQ(table->route_counters.route_clears, 0U);
+    EXPECT_EQ(erase(table, customer.route), 0U);
+    EXPECT_EQ(table->route_counters.local_eg_cnt, 0U);
+}
+
 INSTANTIATE_TEST_SUITE_P(Tries, TableEnd, testing::Values(0, 1));

@@ -154,7 +154,7 @@ cerrno tell_platform(table_request &request) {
 void close_tries(const table_request &request) {
     ipv4mc_table_st *table = request.tid_table;
     if (request.action == IPV4MC_ACTION_CLEAR) {
-        ipmc_table_zero_route_counters(table);
+        ipmc_table_reset_route_counters(table);
         TABLE_DEBUG(IPV4_DEBUG_EV, "Action=CLEAR, Table NOT deleted");
     } else if (request.action == IPV4MC_ACTION_DELETE) {
         mlib::end_unfinished_routes(table);

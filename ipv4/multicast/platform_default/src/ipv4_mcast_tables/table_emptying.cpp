@@ -1,5 +1,7 @@
 // What a bulk removal leaves behind must not outlive its table: the records would name freed memory
 // for as long as interfaces and the list of changed routes know them.
+#include <algorithm>
+
 #include "ipv4/multicast/lib/ip6mc_locks.h"
 #include "ipv4/multicast/lib/ip6mc_platform.h"
 #include "ipv4/multicast/lib/ip6mc_route.h"
@@ -8,6 +10,7 @@
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/tables.h"
 #include "services/gtrie/gtrie.h"
+#include "services/journal/journal.h"
 
 namespace {
 
@@ -41,6 +44,19 @@ uint64_t signal_interfaces(ipv4mc_table_st *table) {
     uint64_t count = 0;
     ip6mc_signal_walk(table, 0, 0, count_interfaces, &count);
     return count;
+}
+
+// What the routes of a table count for in its counters.
+struct route_sums {
+    uint32_t local_egress = 0;
+    uint32_t t_bits = 0;
+};
+
+cerrno add_route(ipv4mc_route_entry_st *route, void *context) {
+    auto *sums = static_cast<route_sums *>(context);
+    sums->local_egress += route->intf_local_EG_cnt;
+    sums->t_bits += route->t_bit != 0 ? 1U : 0U;
+    return 0;
 }
 
 // Each pass takes one interface off each signal route, and the route with its last.
@@ -87,6 +103,21 @@ void ipmc_table_close_signal_gtrie(ipv4mc_table_st *table) {
     if (rc == 0) {
         ip6mc_shmwin_mutex_unlock();
     }
+}
+
+// Without the routes that stay, their end would take the counts below 0, and the table would have
+// local receivers for ever.
+void ipmc_table_reset_route_counters(ipv4mc_table_st *table) {
+    route_sums stay;
+    if (ip6mc_table_is_valid(table) != 0) {
+        ip6mc_route_walk(table, 0, add_route, &stay);
+    }
+    ipv4mc_table_counters_st &counters = table->route_counters;
+    const uint32_t t_before = counters.t_cnt;  // not each T bit counts
+    const mfwd6::journal::group change;
+    ipmc_table_zero_route_counters(table);
+    mfwd6::journal::store(counters.local_eg_cnt, stay.local_egress);
+    mfwd6::journal::store(counters.t_cnt, std::min(t_before, stay.t_bits));
 }
 
 void ipmc_table_remove_rest(ipv4mc_table_st *table) {

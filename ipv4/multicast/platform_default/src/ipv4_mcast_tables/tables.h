@@ -23,6 +23,8 @@ int ipmc_table_create(const char *vrf_name, uint32_t tid, uint32_t vrf_id,
 void ipmc_table_take_vrf_keys(ipv4mc_table_st *table, const char *vrf_name, uint32_t vrf_id);
 
 void ipmc_table_zero_route_counters(ipv4mc_table_st *table);
+// The same for a table that was cleared: the routes that the platform kept still count.
+void ipmc_table_reset_route_counters(ipv4mc_table_st *table);
 
 cerrno ipmc_table_activate_tid(uint32_t tid, uint32_t vrf_id, const char *vrf_name,
                                ipv4mc_table_st **vrf_table, ipv4mc_table_st **tid_table,

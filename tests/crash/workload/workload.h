@@ -11,11 +11,12 @@ namespace crash {
 
 using generator = std::mt19937_64;
 
-// Called when the operation is noted as under way and has not begun.
-using before_operation = std::function<void()>;
+// Called when the operation is noted as under way and has not begun, and within a long one ahead of
+// each of its parts.
+using before_point = std::function<void()>;
 
 // Picks one operation and carries it out. The model is brought up to date behind it.
-void run_operation(generator &random, const before_operation &before);
+void run_operation(generator &random, const before_point &before);
 
 // The tables that must be there for the rest to make sense.
 void make_tables();
