@@ -25,6 +25,12 @@ constexpr fault_kind fault_kinds[] = {
     {SIM_OP_IDB, IPV4MC_IDB_OP_DESTROY},  {SIM_OP_TABLE, SIM_ANY_ACTION},
     {SIM_OP_TABLE, SIM_ANY_ACTION},       {SIM_OP_CHANGE_IF_PARENT, SIM_ANY_ACTION},
 };
+constexpr fault_kind encap_fault_kinds[] = {
+    {SIM_OP_ROUTE_UPDATE, SIM_ANY_ACTION},
+    {SIM_OP_ENCAP, SIM_ANY_ACTION},
+    {SIM_OP_ENCAP_UPDATE, SIM_ANY_ACTION},
+};
+constexpr uint32_t first_encap_fault = 32 - std::size(encap_fault_kinds);
 constexpr uint32_t fault_points[] = {MLIB_FAULT_ROUTE_COMMIT, MLIB_FAULT_INTF_CREATE,
                                      MLIB_FAULT_INTF_COMMIT, MLIB_FAULT_TABLE_CREATE,
                                      MLIB_FAULT_TABLE_COMMIT};
@@ -33,6 +39,12 @@ constexpr uint32_t fault_points[] = {MLIB_FAULT_ROUTE_COMMIT, MLIB_FAULT_INTF_CR
 
 void world::arm_fault(input &in) {
     const uint8_t shape = in.byte();
+    if ((shape & 0x1fU) >= first_encap_fault) {
+        const fault_kind &kind = encap_fault_kinds[(shape & 0x1fU) - first_encap_fault];
+        note("fault %s after %u", sim_op_name(kind.op), (shape >> 5) & 3U);
+        hw_.arm(kind.op, kind.action, (shape >> 5) & 3U, hardware_error);
+        return;
+    }
     const size_t kinds = std::size(fault_kinds) + std::size(fault_points);
     const size_t n = (shape & 0x1fU) % kinds;
     if (n >= std::size(fault_kinds)) {
@@ -68,13 +80,18 @@ cerrno world::fail_sync(route &r, cerrno rc) {
 void world::queue(route &r) {
     if (!r.err) {
         r.err = true;
-        retry_queue_.push_back(&r);
+        retry_queue_.push_back({&r, nullptr});
     }
 }
 
 void world::unqueue(route &r) {
     r.err = false;
-    retry_queue_.remove(&r);
+    retry_queue_.remove({&r, nullptr});
+}
+
+void world::unqueue(encap &e) {
+    e.queued = false;
+    retry_queue_.remove({nullptr, &e});
 }
 
 void world::raise_async_error(input &in) {

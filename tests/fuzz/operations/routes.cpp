@@ -374,7 +374,7 @@ void world::try_odd_calls(input &in) {
 // -----------------------------------------------------------------------------------
 
 hardware::told_route world::told(const route &r) const {
-    return {r.table->tid, r.key.id(), r.attributes, r.obj_id};
+    return {r.table->tid, r.key.id(), r.attributes, r.obj_id, r.via == nullptr ? 0 : r.via->id};
 }
 
 const route *world::longest_match(const tid_table &table, const ip_maddr_st &source,
@@ -481,10 +481,16 @@ cerrno world::model_delete(route &r, uint64_t old) {
         }
     }
     while (!r.intfs.empty()) {
+        const bool was_egress = r.intfs.front()->is_egress();
         if (const cerrno rc = model_delete_intf(r, *r.intfs.front()); rc != 0) {
             return rc;
         }
+        if (was_egress) {
+            model_lower_egress(r);
+            model_follow_egress(r, true);
+        }
     }
+    model_leave_encap(r);
     hw_.route_call(IPV4MC_ACTION_DELETE, told(r));  // a refusal changes nothing
     unqueue(r);
     end_route(r);
@@ -507,14 +513,18 @@ void world::model_clear(route &r) {
     ++r.table->route_clears;
     while (!r.intfs.empty()) {
         intf &entry = *r.intfs.front();
-        // A refusal does not save the entry here.
-        if (hw_.intf_call(IPV4MC_ACTION_DELETE, told(entry, entry.intf_arg)) != 0) {
-            model_leave_idb(entry);
-            remove_entry(r, entry);
-        } else {
-            model_leave_idb(entry);
-            remove_entry(r, entry);
+        if (entry.is_egress()) {
+            model_lower_egress(r);
+            model_follow_egress(r, false);
+            --r.extra_egress;
         }
+        // A refusal does not save the entry here.
+        hw_.intf_call(IPV4MC_ACTION_DELETE, told(entry, entry.intf_arg));
+        model_leave_idb(entry);
+        remove_entry(r, entry);
+    }
+    if (r.via != nullptr) {
+        model_give_encap(r, 0);
     }
     r.attributes &= ~uint64_t{MRIB_ROUTE_CLEAR_ATTR};
     hw_.route_call(IPV4MC_ACTION_CLEAR, told(r));
@@ -558,6 +568,7 @@ void world::undo_create(route &r) {
         intf &entry = *r.intfs.front();
         ipv4mc_intf_entry_st *record = entry.record;
         const named_intf named{entry.id.type, entry.ifh, entry.id.amt_addr, entry.id.amt_port};
+        const bool was_egress = entry.is_egress();
         const cerrno wanted = model_delete_intf(r, entry);
         expect_equal(ip6mc_intf_operation(IPV4MC_ACTION_DELETE, r.table->record, r.record,
                                           named.type, named.ifh, named.amt_addr, named.amt_port, 0,
@@ -565,6 +576,9 @@ void world::undo_create(route &r) {
                      wanted, "result of an interface DELETE");
         if (wanted != 0) {
             return;
+        }
+        if (was_egress) {
+            lower_egress(r);
         }
     }
     note("undo route %s", r.key.text().c_str());

@@ -92,6 +92,7 @@ void world::perform(const table_request &asked) {
                               asked.has_pp ? &table : nullptr, asked.batch);
     expect_equal(rc, wanted.rc, "result of a table operation");
     learn_records();
+    count_egress_again();
     if (!asked.has_pp) {
         return;
     }
@@ -141,6 +142,7 @@ void world::walk_all_tables(input &in) {
         }
     }
     expect_equal(ip6mc_table_clear_all(0), wanted, "result of clear all");
+    count_egress_again();
 }
 
 // ---- the model
@@ -427,6 +429,7 @@ cerrno world::model_deactivate(table_request &asked) {
     }
     if (asked.tid_side != nullptr && asked.action == IPV4MC_ACTION_CLEAR) {
         asked.tid_side->route_clears = 0;
+        asked.tid_side->local_egress = 0;
     }
     if (asked.action == IPV4MC_ACTION_DELETE) {
         free_vrf(asked.vrf_side);

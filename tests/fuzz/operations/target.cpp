@@ -10,7 +10,7 @@ namespace fuzz {
 namespace {
 
 constexpr size_t most_operations = 80;
-constexpr size_t operations_between_checks = 4;  // of the whole window, which take their time
+constexpr size_t operations_between_checks = 8;  // of the whole window, which take their time
 
 }  // namespace
 
@@ -61,9 +61,17 @@ void world::step(input &in) {
         &world::restart,
     };
     constexpr size_t first_that_ends_pending = 32;
+    static constexpr operation encap_operations[] = {
+        &world::turn_egress, &world::turn_egress, &world::turn_egress,       &world::turn_output,
+        &world::turn_output, &world::turn_output, &world::give_encap,        &world::give_encap,
+        &world::give_encap,  &world::give_encap,  &world::make_or_end_encap, &world::commit_encap,
+    };
+    constexpr size_t first_encap_operation = 0x80 - std::size(encap_operations);
     const uint8_t shape = in.byte();
-    const size_t n = (shape & 0x7fU) % std::size(operations);
-    if (n >= first_that_ends_pending) {
+    const size_t named = shape & 0x7fU;
+    const bool is_encap = named >= first_encap_operation;
+    const size_t n = named % std::size(operations);
+    if (!is_encap && n >= first_that_ends_pending) {
         for (auto &each : tids_) {
             give_up_pending(*each.second);
         }
@@ -71,7 +79,7 @@ void world::step(input &in) {
     if ((shape & 0x80) != 0) {
         arm_fault(in);
     }
-    (this->*operations[n])(in);
+    (this->*(is_encap ? encap_operations[named - first_encap_operation] : operations[n]))(in);
     hw_.heal();
     compare();
 }
@@ -80,7 +88,6 @@ namespace {
 
 void run(input &in) {
     start_process();
-    check_nothing_left();
     forget_notes();
     const uint8_t shape = in.byte();
     world w({(shape & 1) != 0, (shape & 2) != 0});
@@ -89,7 +96,8 @@ void run(input &in) {
     }
     for (size_t n = 0; n < most_operations && !in.empty(); ++n) {
         w.step(in);
-        if (n % operations_between_checks == 0 && !w.is_in_the_middle()) {
+        const bool is_last = in.empty() || n + 1 == most_operations;
+        if ((is_last || n % operations_between_checks == 0) && !w.is_in_the_middle()) {
             check_window();
         }
     }

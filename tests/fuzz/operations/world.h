@@ -125,6 +125,8 @@ class world {
     void lock_interface(input &in);
     cerrno make_intf(route &r, const named_intf &named, uint32_t intf_arg);
     void commit_intf(route &r, uint64_t attributes, uint32_t intf_arg, bool give_idb);
+    void commit_existing_intf(route &r, intf &entry, uint64_t attributes, uint32_t intf_arg);
+    static intf *nth_intf(const route &r, size_t n);
     bool drop_pending_intf(route &r);
     cerrno model_create_intf(route &r, const named_intf &named, uint32_t intf_arg,
                              std::unique_ptr<intf> *made);
@@ -139,6 +141,26 @@ class world {
     bool can_program(const route &r, bool is_new) const {
         return can_program(r, is_new, async_, oor_mode_);
     }
+
+    // ---- encaps.cpp
+    // -----------------------------------------------------------------------------
+    void make_or_end_encap(input &in);
+    void end_encap(uint32_t id);
+    void commit_encap(input &in);
+    void give_encap(input &in);
+    void turn_output(input &in);
+    void turn_egress(input &in);
+    void raise_egress(route &r);
+    void lower_egress(route &r);
+    void switch_lookup(encap &e, uint8_t value);
+    void count_egress_again();
+    static void model_lower_egress(route &r);
+    void model_follow_egress(const route &r, bool commits);
+    cerrno model_switch_lookup(encap &e, uint8_t value);
+    cerrno model_commit_encap(encap &e);
+    cerrno model_give_encap(route &r, uint32_t id);
+    void model_join_encap(route &r, encap &e);
+    void model_leave_encap(route &r);
 
     // ---- signals.cpp
     // ----------------------------------------------------------------------------
@@ -165,6 +187,7 @@ class world {
     cerrno fail_sync(route &r, cerrno rc);
     void queue(route &r);
     void unqueue(route &r);
+    void unqueue(encap &e);
     void restart(input &in);
     void not_ready(input &in);
     void start_error_handler();
@@ -179,6 +202,8 @@ class world {
     void compare_intfs(const route &r);
     void compare_idbs();
     void compare_signals(const tid_table &table);
+    void compare_encaps();
+    static void compare_outputs(const route &r);
     void compare_changed_routes();
     void compare_retry_queue();
 
@@ -189,7 +214,8 @@ class world {
     std::list<std::unique_ptr<vrf_table>> vrfs_;
     std::map<ifhtype, idb> idbs_;
     std::list<signal *> changed_;
-    std::list<route *> retry_queue_;
+    std::map<uint32_t, encap> encaps_;
+    std::list<queued_object> retry_queue_;
     std::unique_ptr<event_manager_t, void (*)(event_manager_t *)> evm_;
 };
 
