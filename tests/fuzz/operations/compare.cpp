@@ -97,6 +97,7 @@ void world::compare_table(const tid_table &table) {
                  static_cast<int32_t>(table.routes.size() + table.pending.size()), "leaves", where);
     expect_equal(record->route_counters.route_clears, table.route_clears, "clears", where);
     expect_equal(record->route_counters.local_eg_cnt, table.local_egress, "local egress", where);
+    compare_core_routes(table);
     if (table.has_tries) {
         compare_routes(table);
         compare_signals(table);
@@ -149,6 +150,7 @@ void world::compare_route(const route &r) {
                                        "encap", where);
     compare_intfs(r);
     compare_outputs(r);
+    compare_core_links(r);
 }
 
 void world::compare_intfs(const route &r) {

@@ -159,6 +159,9 @@ void world::raise_egress(route &r) {
     ++r.local_egress;
     ++r.extra_egress;
     ++r.table->local_egress;
+    if (r.table->local_egress == 1) {
+        update_core_routes(*r.table, true);
+    }
     if (r.via == nullptr) {
         return;
     }
@@ -178,6 +181,9 @@ void world::lower_egress(route &r) {
         --r.via->record->intf_local_EG_cnt;
     }
     model_lower_egress(r);
+    if (r.table->local_egress == 0) {
+        update_core_routes(*r.table, false);
+    }
     if (r.via != nullptr && r.via->local_egress == 0 &&
         (r.via->lookup_control & IPV4MC_ENCAP_LKP_STAYS) == 0) {
         switch_lookup(*r.via, 0);
@@ -222,6 +228,9 @@ void world::model_lower_egress(route &r) {
 
 // What the library does behind the end of a local egress. Only a DELETE programs the encap again.
 void world::model_follow_egress(const route &r, bool commits) {
+    if (r.table->local_egress == 0) {
+        model_update_core_routes(*r.table, false);
+    }
     encap *e = r.via;
     if (e == nullptr || e->local_egress != 0 || (e->lookup_control & IPV4MC_ENCAP_LKP_STAYS) != 0) {
         return;

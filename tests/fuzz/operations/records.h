@@ -55,6 +55,9 @@ struct route {
     std::unique_ptr<intf> pending;           // an entry between CREATE and COMMIT
     std::list<intf *> outputs;               // newest first
     encap *via = nullptr;
+    tid_table *feeds = nullptr;  // of a core route, with the ids that it was given
+    uint32_t local_id = 0;
+    uint32_t remote_id = 0;
     uint16_t local_egress = 0;
     uint16_t extra_egress = 0;  // as its owner counts; a DELETE does not lower it
     bool published = false;
@@ -77,6 +80,10 @@ struct route {
     }
     bool has(uint64_t bits) const { return (attributes & bits) != 0; }
 };
+
+// What the links of a core route put into its attributes.
+constexpr uint64_t core_link_bits = MRIB_ROUTE_TID_DEMAND | MRIB_ROUTE_TID_STICKY;
+constexpr uint64_t core_bits = core_link_bits | MRIB_ROUTE_DT | MRIB_ROUTE_DT_REMOTE;
 
 // What accounting and rate actions leave in the record that they name.
 struct table_settings {
@@ -128,6 +135,8 @@ struct tid_table {
     uint32_t route_clears = 0;
     uint32_t signal_adds = 0;
     uint32_t local_egress = 0;
+    bool is_mdt_master = false;
+    std::list<route *> core_routes;                      // newest first
     std::map<route_id, std::unique_ptr<route>> routes;   // published
     std::map<route_id, std::unique_ptr<route>> pending;  // between CREATE and COMMIT
     std::map<route_id, std::unique_ptr<signal>> signals;

@@ -141,7 +141,7 @@ void world::change_route(input &in) {
     const uint64_t attributes = pick_attributes(in);
     const uint64_t old = in.pick(8) == 0 ? pick_attributes(in) : r->attributes;
     note("commit route %s attributes 0x%lx, old 0x%lx", r->key.text().c_str(), attributes, old);
-    r->attributes = r->record->attributes = attributes;
+    r->attributes = r->record->attributes = attributes | (r->attributes & core_bits);
     const cerrno wanted = model_commit_existing(*r, old);
     ipv4mc_route_entry_st *entry = r->record;
     int is_new = 0;
@@ -480,6 +480,9 @@ cerrno world::model_delete(route &r, uint64_t old) {
             return rc;
         }
     }
+    if (r.table->tid == kit::default_tid && ((old | r.attributes) & core_link_bits) != 0) {
+        model_leave_customer(r);
+    }
     while (!r.intfs.empty()) {
         const bool was_egress = r.intfs.front()->is_egress();
         if (const cerrno rc = model_delete_intf(r, *r.intfs.front()); rc != 0) {
@@ -522,6 +525,11 @@ void world::model_clear(route &r) {
         hw_.intf_call(IPV4MC_ACTION_DELETE, told(entry, entry.intf_arg));
         model_leave_idb(entry);
         remove_entry(r, entry);
+    }
+    if (r.has(core_link_bits)) {
+        model_unlink_core(r, IPV4MC_VRF_LOCAL);
+        model_unlink_core(r, IPV4MC_VRF_REMOTE);
+        r.attributes &= ~core_link_bits;
     }
     if (r.via != nullptr) {
         model_give_encap(r, 0);

@@ -222,6 +222,9 @@ world::table_answer world::model_existing(table_request &asked) {
                     model_remove_rest(*asked.tid_side);
                 }
             }
+            if (asked.action == IPV4MC_ACTION_DELETE) {
+                model_drop_core_routes(*asked.tid_side);
+            }
             if (keep && kept != 0) {
                 return {0, false, nullptr, nullptr};
             }
@@ -403,9 +406,12 @@ cerrno world::model_activate_tid(table_request &asked) {
 cerrno world::model_deactivate(table_request &asked) {
     const std::string name =
         asked.vrf_side != nullptr && asked.name.empty() ? asked.vrf_side->name : asked.name;
+    // A table that is only deactivated stays for its core routes.
+    const bool keeps_core = asked.action == IPV4MC_ACTION_DEACTIVATE && asked.tid_side != nullptr &&
+                            !asked.tid_side->core_routes.empty();
     if (asked.action != IPV4MC_ACTION_CLEAR) {
         const bool tid_active = asked.tid_side != nullptr && asked.tid_side->active;
-        if (tid_active) {
+        if (tid_active && !keeps_core) {
             asked.tid_side->active = false;
         }
         if (asked.vrf_side != nullptr && asked.vrf_side->active) {
@@ -419,7 +425,8 @@ cerrno world::model_deactivate(table_request &asked) {
             cut(asked.tid_side);
         }
     }
-    cerrno rc = asked.tid_side != nullptr ? hw_.tid_call(asked.action, asked.tid) : 0;
+    const bool tells_tid = asked.tid_side != nullptr && !keeps_core;
+    cerrno rc = tells_tid ? hw_.tid_call(asked.action, asked.tid) : 0;
     if (rc == 0 && asked.vrf_side != nullptr) {
         rc = hw_.vrf_call(asked.action, asked.vrf_id != 0 ? asked.vrf_id : asked.vrf_side->vrf_id,
                           name);
@@ -468,6 +475,11 @@ void world::free_vrf(vrf_table *vrf) {
 void world::free_tid(tid_table *table) {
     if (table != nullptr) {
         cut(table);
+        for (auto &each : tids_) {
+            for (auto &r : each.second->routes) {
+                r.second->feeds = r.second->feeds == table ? nullptr : r.second->feeds;
+            }
+        }
         tids_.erase(table->tid);
     }
 }

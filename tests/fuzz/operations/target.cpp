@@ -61,17 +61,19 @@ void world::step(input &in) {
         &world::restart,
     };
     constexpr size_t first_that_ends_pending = 32;
-    static constexpr operation encap_operations[] = {
-        &world::turn_egress, &world::turn_egress, &world::turn_egress,       &world::turn_output,
-        &world::turn_output, &world::turn_output, &world::give_encap,        &world::give_encap,
-        &world::give_encap,  &world::give_encap,  &world::make_or_end_encap, &world::commit_encap,
+    static constexpr operation link_operations[] = {
+        &world::turn_egress,     &world::turn_egress,       &world::turn_egress,
+        &world::turn_output,     &world::turn_output,       &world::give_encap,
+        &world::give_encap,      &world::give_encap,        &world::make_or_end_encap,
+        &world::commit_encap,    &world::link_core_route,   &world::link_core_route,
+        &world::link_core_route, &world::unlink_core_route, &world::turn_mdt_master,
     };
-    constexpr size_t first_encap_operation = 0x80 - std::size(encap_operations);
+    constexpr size_t first_link_operation = 0x80 - std::size(link_operations);
     const uint8_t shape = in.byte();
     const size_t named = shape & 0x7fU;
-    const bool is_encap = named >= first_encap_operation;
+    const bool is_link = named >= first_link_operation;
     const size_t n = named % std::size(operations);
-    if (!is_encap && n >= first_that_ends_pending) {
+    if (!is_link && n >= first_that_ends_pending) {
         for (auto &each : tids_) {
             give_up_pending(*each.second);
         }
@@ -79,7 +81,7 @@ void world::step(input &in) {
     if ((shape & 0x80) != 0) {
         arm_fault(in);
     }
-    (this->*(is_encap ? encap_operations[named - first_encap_operation] : operations[n]))(in);
+    (this->*(is_link ? link_operations[named - first_link_operation] : operations[n]))(in);
     hw_.heal();
     compare();
 }

@@ -162,6 +162,22 @@ class world {
     void model_join_encap(route &r, encap &e);
     void model_leave_encap(route &r);
 
+    // ---- core_routes.cpp
+    // ------------------------------------------------------------------------
+    void link_core_route(input &in);
+    void unlink_core_route(input &in);
+    void turn_mdt_master(input &in);
+    void update_core_routes(tid_table &customer, bool set);
+    cerrno model_link_local(route &r);
+    static cerrno model_link_remote(route &r);
+    static void model_unlink_core(route &r, uint32_t index);
+    static void model_leave_customer(route &r);
+    static void model_drop_core_routes(tid_table &customer);
+    void model_update_core_routes(tid_table &customer, bool set);
+    void model_update_core_route(const tid_table &customer, route &r, bool set);
+    static void compare_core_routes(const tid_table &customer);
+    static void compare_core_links(const route &r);
+
     // ---- signals.cpp
     // ----------------------------------------------------------------------------
     void post_signal(input &in);
