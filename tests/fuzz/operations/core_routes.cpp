@@ -31,7 +31,10 @@ void world::link_core_route(input &in) {
         return;
     }
     const uint32_t index = (shape & 1) != 0 ? IPV4MC_VRF_REMOTE : IPV4MC_VRF_LOCAL;
-    const uint64_t bit = (shape & 2) != 0 ? MRIB_ROUTE_TID_DEMAND : MRIB_ROUTE_TID_STICKY;
+    // Without either bit only a DELETE takes the link back.
+    constexpr uint64_t bits[] = {MRIB_ROUTE_TID_STICKY, MRIB_ROUTE_TID_DEMAND, 0,
+                                 MRIB_ROUTE_TID_STICKY};
+    const uint64_t bit = bits[(shape >> 1) & 3];
     note("link route %s to its customer, %s", r->key.text().c_str(),
          index == IPV4MC_VRF_LOCAL ? "local" : "remote");
     r->attributes = r->record->attributes = r->attributes | bit;
@@ -110,7 +113,6 @@ void world::model_unlink_core(route &r, uint32_t index) {
         return;
     }
     model_leave_customer(r);
-    r.feeds = nullptr;
     r.local_id = 0;
     r.attributes &= ~uint64_t{MRIB_ROUTE_DT};
 }
@@ -118,6 +120,7 @@ void world::model_unlink_core(route &r, uint32_t index) {
 void world::model_leave_customer(route &r) {
     if (r.feeds != nullptr) {
         r.feeds->core_routes.remove(&r);
+        r.feeds = nullptr;
     }
 }
 

@@ -101,8 +101,8 @@ void world::give_encap(input &in) {
     if (r == nullptr) {
         return;
     }
-    const uint32_t choices[] = {encap_ids[0], encap_ids[1], 0, unknown_encap};
-    const uint32_t id = choices[shape & 3];
+    const uint32_t all[] = {encap_ids[0], encap_ids[1], 0, unknown_encap};
+    const uint32_t id = all[shape & 3];
     note("encap 0x%x for route %s", id, r->key.text().c_str());
     const cerrno wanted = model_give_encap(*r, id);
     ipv4mc_route_update_st update{};
@@ -251,10 +251,7 @@ cerrno world::model_commit_encap(encap &e) {
     if (rc == 0 || !async_) {
         return rc;
     }
-    if (!e.queued) {
-        e.queued = true;
-        retry_queue_.push_back({nullptr, &e});
-    }
+    queue(e);
     return 0;
 }
 

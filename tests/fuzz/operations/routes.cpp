@@ -494,22 +494,23 @@ cerrno world::model_delete(route &r, uint64_t old) {
         }
     }
     model_leave_encap(r);
+    model_leave_customer(r);
     hw_.route_call(IPV4MC_ACTION_DELETE, told(r));  // a refusal changes nothing
     unqueue(r);
     end_route(r);
     return 0;
 }
 
-// Nobody names it any more.
+// Nobody names it any more: its children inherit from the next one above.
 void world::end_route(route &r) {
-    for (auto *map : {&r.table->routes, &r.table->pending}) {
-        for (auto &each : *map) {
-            if (each.second->parent == &r) {
-                each.second->parent = nullptr;
-            }
+    tid_table &table = *r.table;
+    auto &map = r.published ? table.routes : table.pending;
+    const auto gone = map.extract(r.key.id());
+    for (auto &each : table.routes) {
+        if (each.second->parent == &r) {
+            each.second->parent = parent_of(*each.second, false);
         }
     }
-    (r.published ? r.table->routes : r.table->pending).erase(r.key.id());
 }
 
 void world::model_clear(route &r) {

@@ -62,11 +62,12 @@ void world::step(input &in) {
     };
     constexpr size_t first_that_ends_pending = 32;
     static constexpr operation link_operations[] = {
-        &world::turn_egress,     &world::turn_egress,       &world::turn_egress,
-        &world::turn_output,     &world::turn_output,       &world::give_encap,
-        &world::give_encap,      &world::give_encap,        &world::make_or_end_encap,
-        &world::commit_encap,    &world::link_core_route,   &world::link_core_route,
-        &world::link_core_route, &world::unlink_core_route, &world::turn_mdt_master,
+        &world::fail_by_hand,      &world::turn_egress,     &world::turn_egress,
+        &world::turn_egress,       &world::turn_output,     &world::turn_output,
+        &world::give_encap,        &world::give_encap,      &world::give_encap,
+        &world::make_or_end_encap, &world::commit_encap,    &world::link_core_route,
+        &world::link_core_route,   &world::link_core_route, &world::unlink_core_route,
+        &world::turn_mdt_master,
     };
     constexpr size_t first_link_operation = 0x80 - std::size(link_operations);
     const uint8_t shape = in.byte();

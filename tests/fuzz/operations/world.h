@@ -199,9 +199,12 @@ class world {
     void arm_fault(input &in);
     void set_capacity(input &in);
     void raise_async_error(input &in);
+    void fail_by_hand(input &in);
+    void fail_encap_by_hand(bool queued);
     void let_time_pass(input &in);
     cerrno fail_sync(route &r, cerrno rc);
     void queue(route &r);
+    void queue(encap &e);
     void unqueue(route &r);
     void unqueue(encap &e);
     void restart(input &in);
