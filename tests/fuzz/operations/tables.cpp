@@ -322,6 +322,24 @@ void world::take_keys(vrf_table &vrf, const std::string &name, uint32_t vrf_id) 
     vrf.vrf_id = vrf.vrf_id == 0 ? vrf_id : vrf.vrf_id;
 }
 
+// The next one with the name, by id, is found by it then.
+void world::pass_name_on(vrf_table &from) {
+    if (!from.found_by_name) {
+        return;
+    }
+    from.found_by_name = false;
+    vrf_table *heir = nullptr;
+    for (const auto &each : vrfs_) {
+        const bool is_next = heir == nullptr || each->vrf_id < heir->vrf_id;
+        if (each.get() != &from && each->name == from.name && is_next) {
+            heir = each.get();
+        }
+    }
+    if (heir != nullptr) {
+        heir->found_by_name = true;
+    }
+}
+
 bool world::model_create(table_request &asked, bool *vrf_is_new) {
     if (asked.vrf_id != 0 || !asked.name.empty()) {
         if (asked.vrf_side == nullptr) {
@@ -356,8 +374,8 @@ cerrno world::model_activate(table_request &asked) {
                 hw_.vrf_call(IPV4MC_ACTION_ACTIVATE, asked.vrf_id != 0 ? asked.vrf_id : vrf->vrf_id,
                              asked.name.empty() ? vrf->name : asked.name);
             if (rc != 0) {
+                pass_name_on(*vrf);
                 vrf->name.clear();
-                vrf->found_by_name = false;
                 vrf->vrf_id = 0;
                 return rc;
             }
@@ -468,6 +486,7 @@ void world::cut(tid_table *table) {
 void world::free_vrf(vrf_table *vrf) {
     if (vrf != nullptr) {
         cut(vrf);
+        pass_name_on(*vrf);
         std::erase_if(vrfs_, [&](const auto &each) { return each.get() == vrf; });
     }
 }

@@ -2,7 +2,9 @@
 // restarts, against a plain model.
 //
 // The first byte of an input chooses its settings; each operation takes a byte that names it, with
-// bit 0x80 for a fault that is armed for it, and a few bytes of its own.
+// bit 0x80 for a fault that is armed for it, and a few bytes of its own. Names beyond the first
+// list of operations mean them again; so a new operation takes the last names, and the corpus keeps
+// its sense.
 #include "tests/fuzz/operations/complaint.h"
 #include "tests/fuzz/operations/world.h"
 
@@ -61,6 +63,7 @@ void world::step(input &in) {
         &world::restart,
     };
     constexpr size_t first_that_ends_pending = 32;
+    // The last names: what ties routes to encaps and to other tables.
     static constexpr operation link_operations[] = {
         &world::fail_by_hand,      &world::turn_egress,     &world::turn_egress,
         &world::turn_egress,       &world::turn_output,     &world::turn_output,

@@ -73,6 +73,7 @@ class world {
     cerrno model_activate_tid(table_request &asked);
     cerrno model_deactivate(table_request &asked);
     void take_keys(vrf_table &vrf, const std::string &name, uint32_t vrf_id);
+    void pass_name_on(vrf_table &from);
     void free_vrf(vrf_table *vrf);
     void free_tid(tid_table *table);
     static void cut(vrf_table *vrf);
@@ -244,8 +245,8 @@ void start_process();
 // The proof of the whole window (apps/check).
 void check_window();
 
-// Blocks of each type that live in the window between two inputs, and a complaint where they are
-// more than at the first call.
+// Between two inputs: the proof of the whole window, that nothing is half done in it, and that no
+// more blocks live there than at the first call.
 void check_nothing_left();
 
 }  // namespace fuzz
