@@ -11,6 +11,14 @@
 
 namespace kit {
 
+// What one walk over the window finds.
+struct window_survey {
+    std::vector<std::string> faults;                     // as window_faults()
+    std::vector<std::string> leftovers;                  // as window_leftovers()
+    std::array<uint32_t, IPMC_SHMWIN_ALLOC_TYPES> live;  // as live_blocks()
+};
+window_survey survey_window();
+
 // Sentences about what is wrong in the window that this process has open, none when all holds. Only
 // while nobody changes it, and in a library without a free hook that keeps blocks on its own.
 std::vector<std::string> window_faults();

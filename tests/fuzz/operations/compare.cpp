@@ -42,6 +42,7 @@ void world::compare() {
         compare_table(*each.second);
     }
     compare_idbs();
+    compare_encaps();
     compare_changed_routes();
     compare_retry_queue();
     hw_.compare();
@@ -95,6 +96,8 @@ void world::compare_table(const tid_table &table) {
     expect_equal(record->rate_route_count,
                  static_cast<int32_t>(table.routes.size() + table.pending.size()), "leaves", where);
     expect_equal(record->route_counters.route_clears, table.route_clears, "clears", where);
+    expect_equal(record->route_counters.local_eg_cnt, table.local_egress, "local egress", where);
+    compare_core_routes(table);
     if (table.has_tries) {
         compare_routes(table);
         compare_signals(table);
@@ -141,7 +144,13 @@ void world::compare_route(const route &r) {
     expect_equal(record->acct_fwd_only, r.acct_fwd_only, "forward-only accounting", where);
     expect_equal(record->rate_per_route, r.rate_flag, "rate flag", where);
     expect_equal(record->rate != nullptr, r.has_rate, "rate record", where);
+    expect_equal(record->intf_local_EG_cnt, r.local_egress, "local egress", where);
+    expect_equal(record->ex_eg_cnt, r.extra_egress, "extra egress", where);
+    expect_same<ipv4mc_encap_entry_st>(record->encap, r.via == nullptr ? nullptr : r.via->record,
+                                       "encap", where);
     compare_intfs(r);
+    compare_outputs(r);
+    compare_core_links(r);
 }
 
 void world::compare_intfs(const route &r) {
@@ -156,6 +165,8 @@ void world::compare_intfs(const route &r) {
         expect_equal(at->attributes, each->attributes, "interface attributes", where);
         expect_equal(at->intf_arg, each->intf_arg, "interface argument", where);
         expect_equal(at->on_idb_list, each->on_idb, "on the interface's list", where);
+        expect_equal((at->intf_flags & IPV4MC_INTF_FLAG_ENCAP_OLE) != 0, each->is_output,
+                     "encap output", where);
         expect_same<ipv4mc_intf_entry_st>(
             ip6mc_intf_route_lookup(r.record, each->id.type, each->ifh, each->id.amt_addr,
                                     each->id.amt_port),
@@ -250,18 +261,24 @@ void world::compare_changed_routes() {
 
 void world::compare_retry_queue() {
     const dlqueue_node_t *queue = ipv4mc_desc->shmwin_info->retry_queue;
-    records<ipv4mc_route_entry_st> seen;
+    records<void> seen;
+    std::vector<uint32_t> types;
     for (const dlqueue_node_t *node = queue == nullptr ? nullptr : queue->next;
          node != nullptr && node != queue; node = node->next) {
         const auto *message = static_cast<const ipmc_retry_msg *>(node->data);
-        expect_equal(message->type, uint32_t{IPMC_RETRY_ROUTE}, "type of a queued object");
-        seen.push_back(static_cast<const ipv4mc_route_entry_st *>(message->object));
+        types.push_back(message->type);
+        seen.push_back(message->object);
     }
-    records<ipv4mc_route_entry_st> wanted;
-    for (const route *r : retry_queue_) {
-        wanted.push_back(r->record);
+    expect_equal(seen.size(), retry_queue_.size(), "retry queue");
+    size_t n = 0;
+    for (const queued_object &each : retry_queue_) {
+        const bool is_route = each.of_route != nullptr;
+        expect_equal(types[n], is_route ? uint32_t{IPMC_RETRY_ROUTE} : uint32_t{IPMC_RETRY_ENCAP},
+                     "type of a queued object");
+        const void *wanted = is_route ? static_cast<const void *>(each.of_route->record)
+                                      : static_cast<const void *>(each.of_encap->record);
+        expect_same(seen[n++], wanted, "queued object");
     }
-    expect_same_list(seen, wanted, "retry queue");
 }
 
 }  // namespace fuzz

@@ -25,6 +25,12 @@ constexpr fault_kind fault_kinds[] = {
     {SIM_OP_IDB, IPV4MC_IDB_OP_DESTROY},  {SIM_OP_TABLE, SIM_ANY_ACTION},
     {SIM_OP_TABLE, SIM_ANY_ACTION},       {SIM_OP_CHANGE_IF_PARENT, SIM_ANY_ACTION},
 };
+constexpr fault_kind encap_fault_kinds[] = {
+    {SIM_OP_ROUTE_UPDATE, SIM_ANY_ACTION},
+    {SIM_OP_ENCAP, SIM_ANY_ACTION},
+    {SIM_OP_ENCAP_UPDATE, SIM_ANY_ACTION},
+};
+constexpr uint32_t first_encap_fault = 32 - std::size(encap_fault_kinds);
 constexpr uint32_t fault_points[] = {MLIB_FAULT_ROUTE_COMMIT, MLIB_FAULT_INTF_CREATE,
                                      MLIB_FAULT_INTF_COMMIT, MLIB_FAULT_TABLE_CREATE,
                                      MLIB_FAULT_TABLE_COMMIT};
@@ -33,6 +39,12 @@ constexpr uint32_t fault_points[] = {MLIB_FAULT_ROUTE_COMMIT, MLIB_FAULT_INTF_CR
 
 void world::arm_fault(input &in) {
     const uint8_t shape = in.byte();
+    if ((shape & 0x1fU) >= first_encap_fault) {
+        const fault_kind &kind = encap_fault_kinds[(shape & 0x1fU) - first_encap_fault];
+        note("fault %s after %u", sim_op_name(kind.op), (shape >> 5) & 3U);
+        hw_.arm(kind.op, kind.action, (shape >> 5) & 3U, hardware_error);
+        return;
+    }
     const size_t kinds = std::size(fault_kinds) + std::size(fault_points);
     const size_t n = (shape & 0x1fU) % kinds;
     if (n >= std::size(fault_kinds)) {
@@ -68,13 +80,25 @@ cerrno world::fail_sync(route &r, cerrno rc) {
 void world::queue(route &r) {
     if (!r.err) {
         r.err = true;
-        retry_queue_.push_back(&r);
+        retry_queue_.push_back({&r, nullptr});
+    }
+}
+
+void world::queue(encap &e) {
+    if (async_ && !e.queued) {
+        e.queued = true;
+        retry_queue_.push_back({nullptr, &e});
     }
 }
 
 void world::unqueue(route &r) {
     r.err = false;
-    retry_queue_.remove(&r);
+    retry_queue_.remove({&r, nullptr});
+}
+
+void world::unqueue(encap &e) {
+    e.queued = false;
+    retry_queue_.remove({nullptr, &e});
 }
 
 void world::raise_async_error(input &in) {
@@ -99,6 +123,78 @@ void world::raise_async_error(input &in) {
     }
     expect_equal(sim_raise_async_error(id, oor_error, hardware_error), 0,
                  "result of an asynchronous error");
+}
+
+// What the rooms of the library call when a call of the platform fails, called directly.
+void world::fail_by_hand(input &in) {
+    route *r = pick_any_route(in, pick_table(in));
+    const uint8_t shape = in.byte();
+    intf *entry = r == nullptr ? nullptr : nth_intf(*r, shape >> 4);
+    if (r == nullptr) {
+        return;
+    }
+    note("failure by hand %u of %s", shape % 7, r->key.text().c_str());
+    const cerrno passed_on = async_ ? 0 : hardware_error;
+    switch (shape % 7) {
+        case 0:
+            unqueue(*r);
+            ipmc_platform_err_handler_clear_route_err(r->record);
+            break;
+        case 1:
+            fail_sync(*r, hardware_error);
+            expect_equal(ipmc_platform_err_handler_sync_route(r->record, hardware_error), passed_on,
+                         "failure of a route");
+            break;
+        case 2:
+            if (entry != nullptr) {
+                fail_sync(*r, hardware_error);
+            }
+            expect_equal(ipmc_platform_err_handler_sync_intf(
+                             entry == nullptr ? nullptr : entry->record, r->record, hardware_error),
+                         entry == nullptr && async_ ? EINVAL : passed_on,
+                         "failure of an interface");
+            break;
+        case 3:
+            if (async_) {
+                queue(*r);
+            }
+            expect_equal(ipmc_platform_err_handler_async_route_err(r->record), 0,
+                         "late failure of a route");
+            break;
+        case 4:
+            r->oor = r->oor || (async_ && entry != nullptr);
+            expect_equal(ipmc_platform_err_handler_async_intf_oor(
+                             entry == nullptr ? nullptr : entry->record, nullptr),
+                         entry == nullptr && async_ ? EINVAL : 0, "full for an interface");
+            break;
+        case 5:
+            if (!r->err) {
+                expect_equal(ipmc_retry_msg_queue_rem_route(r->record), EINVAL,
+                             "removal of what is not queued");
+            }
+            break;
+        default:
+            fail_encap_by_hand((shape & 0x80) != 0);
+            break;
+    }
+}
+
+void world::fail_encap_by_hand(bool queued) {
+    for (auto &each : encaps_) {
+        encap &e = each.second;
+        if (!queued) {
+            unqueue(e);
+            ipmc_platform_err_handler_clear_encap_err(e.record);
+            continue;
+        }
+        queue(e);
+        expect_equal(ipmc_platform_err_handler_sync_encap(e.record, hardware_error),
+                     async_ ? 0 : hardware_error, "failure of an encap");
+    }
+    // Neither is an element.
+    dlqueue_node_t *const list = ipv4mc_desc->shmwin_info->retry_queue;
+    ipmc_retry_msg_queue_rem_element(list, nullptr);
+    ipmc_retry_msg_queue_rem_element(list, list);
 }
 
 void world::let_time_pass(input &) {

@@ -101,6 +101,9 @@ bool hardware::full(ip6mc_platform_kind kind) const {
         case IP6MC_PLATFORM_INTF:
             held = intfs_.size();
             break;
+        case IP6MC_PLATFORM_ENCAP:
+            held = encaps_.size();
+            break;
         default:
             held = idbs_.size();
             break;
@@ -223,7 +226,7 @@ cerrno hardware::route_call(ipv4mc_action_type action, const told_route &route) 
         }
         const bool was_committed = found != routes_.end() && found->second.committed;
         routes_[key] = {was_committed || action == IPV4MC_ACTION_COMMIT, route.attributes,
-                        route.obj_id};
+                        route.obj_id, route.encap_id};
     } else if (action == IPV4MC_ACTION_DELETE) {
         routes_.erase(key);
         drop_intfs_of(route.tid, &route.id);
@@ -255,6 +258,45 @@ cerrno hardware::intf_call(ipv4mc_action_type action, const told_intf &intf) {
     return 0;
 }
 
+// A route that is not held takes the change with its COMMIT.
+cerrno hardware::route_update_call(const told_route &route, uint32_t encap_id) {
+    if (const cerrno refused = refusal(SIM_OP_ROUTE_UPDATE, IPV4MC_ROUTE_UPDATE_ENCAP);
+        refused != 0) {
+        return refused;
+    }
+    const auto found = routes_.find({route.tid, route.id});
+    if (found != routes_.end()) {
+        found->second.encap_id = encap_id;
+    }
+    return 0;
+}
+
+cerrno hardware::encap_call(ipv4mc_action_type action, uint32_t encap_id, uint8_t lookup) {
+    if (const cerrno refused = refusal(SIM_OP_ENCAP, action); refused != 0) {
+        return refused;
+    }
+    if (action == IPV4MC_ACTION_DELETE) {
+        encaps_.erase(encap_id);
+    } else if (!encaps_.contains(encap_id) && full(IP6MC_PLATFORM_ENCAP)) {
+        return ENOSPC;
+    } else {
+        encaps_[encap_id] = lookup;
+    }
+    return 0;
+}
+
+cerrno hardware::encap_update_call(uint32_t encap_id, uint8_t lookup) {
+    if (const cerrno refused = refusal(SIM_OP_ENCAP_UPDATE, IPV4MC_ENCAP_UPDATE_IP_LKP);
+        refused != 0) {
+        return refused;
+    }
+    const auto found = encaps_.find(encap_id);
+    if (found != encaps_.end()) {
+        found->second = lookup;
+    }
+    return 0;
+}
+
 void hardware::learn_id(const told_intf &intf) {
     const auto found = intfs_.find({intf.tid, intf.route, intf.id});
     if (found != intfs_.end()) {
@@ -282,7 +324,7 @@ cerrno hardware::idb_call(ipv4mc_idb_op action, ifhtype ifh) {
 
 bool hardware::empty() const {
     return tids_.empty() && vrfs_.size() == free_vrfs_.size() && routes_.empty() &&
-           intfs_.empty() && idbs_.empty();
+           intfs_.empty() && idbs_.empty() && encaps_.empty();
 }
 
 void hardware::compare() const {
@@ -290,6 +332,7 @@ void hardware::compare() const {
     compare_routes(all_of(IP6MC_PLATFORM_ROUTE));
     compare_intfs(all_of(IP6MC_PLATFORM_INTF));
     compare_idbs(all_of(IP6MC_PLATFORM_IDB));
+    compare_encaps(all_of(IP6MC_PLATFORM_ENCAP));
 }
 
 void hardware::compare_tables(const std::vector<ip6mc_platform_held_st> &held) const {
@@ -324,6 +367,7 @@ void hardware::compare_routes(const std::vector<ip6mc_platform_held_st> &held) c
         expect_equal(route.attributes, found->second.attributes, "attributes", where);
         expect_equal(route.active, found->second.committed, "committed", where);
         expect_equal(route.obj_id, found->second.obj_id, "object id", where);
+        expect_equal(route.encap_id, found->second.encap_id, "encap", where);
     }
 }
 
@@ -351,6 +395,17 @@ void hardware::compare_idbs(const std::vector<ip6mc_platform_held_st> &held) con
         if (!idbs_.contains(idb.ifh)) {
             complain("hardware holds interface %u, which it should not", idb.ifh);
         }
+    }
+}
+
+void hardware::compare_encaps(const std::vector<ip6mc_platform_held_st> &held) const {
+    expect_equal(held.size(), encaps_.size(), "encaps in hardware");
+    for (const auto &encap : held) {
+        const auto found = encaps_.find(encap.encap_id);
+        if (found == encaps_.end()) {
+            complain("hardware holds encap 0x%x, which it should not", encap.encap_id);
+        }
+        expect_equal(encap.value, found->second, "IP lookup of an encap in hardware");
     }
 }
 

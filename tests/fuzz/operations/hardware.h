@@ -39,6 +39,7 @@ class hardware {
         route_id id;
         uint64_t attributes;
         uint64_t obj_id;
+        uint32_t encap_id;
     };
     cerrno route_call(ipv4mc_action_type action, const told_route &route);
 
@@ -56,6 +57,9 @@ class hardware {
 
     cerrno change_parent_call() { return refusal(SIM_OP_CHANGE_IF_PARENT, 0); }
     cerrno idb_call(ipv4mc_idb_op action, ifhtype ifh);
+    cerrno route_update_call(const told_route &route, uint32_t encap_id);
+    cerrno encap_call(ipv4mc_action_type action, uint32_t encap_id, uint8_t lookup);
+    cerrno encap_update_call(uint32_t encap_id, uint8_t lookup);
 
     // ---- the proof
     // ------------------------------------------------------------------------------
@@ -74,6 +78,7 @@ class hardware {
         bool committed;
         uint64_t attributes;
         uint64_t obj_id;
+        uint32_t encap_id;
     };
     struct held_intf {
         bool committed;
@@ -95,6 +100,7 @@ class hardware {
     void compare_routes(const std::vector<ip6mc_platform_held_st> &held) const;
     void compare_intfs(const std::vector<ip6mc_platform_held_st> &held) const;
     void compare_idbs(const std::vector<ip6mc_platform_held_st> &held) const;
+    void compare_encaps(const std::vector<ip6mc_platform_held_st> &held) const;
 
     struct fault {
         sim_op op;
@@ -113,6 +119,7 @@ class hardware {
     std::map<route_key, held_route> routes_;
     std::map<intf_key, held_intf> intfs_;
     std::set<ifhtype> idbs_;
+    std::map<uint32_t, uint8_t> encaps_;  // with their IP lookup
 };
 
 }  // namespace fuzz

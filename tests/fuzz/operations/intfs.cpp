@@ -35,13 +35,13 @@ ipv4mc_idb_st *record_of(ifhtype ifh) {
     return found;
 }
 
-intf *nth(const route &r, size_t n) {
+}  // namespace
+
+intf *world::nth_intf(const route &r, size_t n) {
     return r.intfs.empty()
                ? nullptr
                : std::next(r.intfs.begin(), static_cast<long>(n % r.intfs.size()))->get();
 }
-
-}  // namespace
 
 // ---- the calls
 // -----------------------------------------------------------------------------------
@@ -118,31 +118,36 @@ void world::commit_intf(route &r, uint64_t attributes, uint32_t intf_arg, bool g
 
 void world::change_intf(input &in) {
     route *r = pick_any_route(in, pick_table(in));
-    intf *entry = r == nullptr ? nullptr : nth(*r, in.byte());
+    intf *entry = r == nullptr ? nullptr : nth_intf(*r, in.byte());
     const uint64_t attributes = pick_attributes(in);
     const uint32_t intf_arg = in.byte();
     if (entry == nullptr) {
         return;
     }
-    note("commit interface %u/%u of %s", entry->id.type, entry->ifh, r->key.text().c_str());
-    const uint64_t old = entry->attributes;
-    entry->attributes = entry->record->attributes = attributes;
-    entry->intf_arg = intf_arg;
+    // Local egress is counted, and changed by an operation of its own.
+    commit_existing_intf(*r, *entry, attributes | (entry->attributes & MRIB_INTF_EG), intf_arg);
+}
+
+void world::commit_existing_intf(route &r, intf &entry, uint64_t attributes, uint32_t intf_arg) {
+    note("commit interface %u/%u of %s", entry.id.type, entry.ifh, r.key.text().c_str());
+    const uint64_t old = entry.attributes;
+    entry.attributes = entry.record->attributes = attributes;
+    entry.intf_arg = intf_arg;
     cerrno wanted = 0;
-    if (can_program(*r, false)) {
-        wanted = hw_.intf_call(IPV4MC_ACTION_COMMIT, told(*entry, intf_arg));
+    if (can_program(r, false)) {
+        wanted = hw_.intf_call(IPV4MC_ACTION_COMMIT, told(entry, intf_arg));
         wanted = hw_.point_hit(MLIB_FAULT_INTF_COMMIT) ? cerrno{EAGAIN} : wanted;
-        wanted = wanted != 0 ? fail_sync(*r, wanted) : 0;
+        wanted = wanted != 0 ? fail_sync(r, wanted) : 0;
     }
-    ipv4mc_intf_entry_st *record = entry->record;
-    expect_equal(call(IPV4MC_ACTION_COMMIT, *r, named(*entry), &record, intf_arg, nullptr, old, 0),
+    ipv4mc_intf_entry_st *record = entry.record;
+    expect_equal(call(IPV4MC_ACTION_COMMIT, r, named(entry), &record, intf_arg, nullptr, old, 0),
                  wanted, "result of the COMMIT of an interface");
 }
 
 // COMMIT as new of an entry that its route has already.
 void world::commit_again_as_new(input &in) {
     route *r = pick_any_route(in, pick_table(in));
-    intf *entry = r == nullptr ? nullptr : nth(*r, in.byte());
+    intf *entry = r == nullptr ? nullptr : nth_intf(*r, in.byte());
     const bool give_idb = in.flag();
     if (entry == nullptr) {
         return;
@@ -177,7 +182,7 @@ void world::commit_again_as_new(input &in) {
 
 void world::delete_intf(input &in) {
     route *r = pick_any_route(in, pick_table(in));
-    intf *entry = r == nullptr ? nullptr : nth(*r, in.byte());
+    intf *entry = r == nullptr ? nullptr : nth_intf(*r, in.byte());
     const uint8_t shape = in.byte();
     if (entry == nullptr) {
         return;
@@ -190,10 +195,14 @@ void world::delete_intf(input &in) {
     ipv4mc_intf_entry_st *record = (shape & 2) != 0 ? before : nullptr;
     const uint32_t intf_arg = entry->intf_arg;
     const uint64_t old = entry->attributes;
+    const bool was_egress = entry->is_egress();
     const cerrno wanted = model_delete_intf(*r, *entry);
     const cerrno rc = call(IPV4MC_ACTION_DELETE, *r, key, (shape & 4) != 0 ? nullptr : &record,
                            intf_arg, idb_record, old, 0);
     expect_equal(rc, wanted, "result of an interface DELETE");
+    if (rc == 0 && was_egress) {
+        lower_egress(*r);
+    }
 }
 
 void world::clear_pending_intf(input &in) {
@@ -329,6 +338,7 @@ cerrno world::model_delete_intf(route &r, intf &which) {
 }
 
 void world::remove_entry(route &r, const intf &which) {
+    r.outputs.remove_if([&](const intf *each) { return each == &which; });
     r.intfs.remove_if([&](const auto &each) { return each.get() == &which; });
 }
 

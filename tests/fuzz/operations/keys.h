@@ -9,6 +9,7 @@
 
 #include "ipv4/multicast/lib/ip6mc_route.h"
 #include "tests/fuzz/operations/input.h"
+#include "tests/kit/library.h"
 
 namespace fuzz {
 
@@ -35,7 +36,7 @@ struct named_key {
     std::string text() const;
 };
 
-constexpr uint32_t tids[] = {0xe0000005, 0xe0000007};
+constexpr uint32_t tids[] = {0xe0000005, kit::default_tid};
 constexpr uint32_t vrf_ids[] = {0x60000006, 0x60000008};
 constexpr const char *vrf_names[] = {"red", "blue"};
 constexpr size_t tables = 2;

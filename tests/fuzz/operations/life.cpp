@@ -74,6 +74,7 @@ void start_process() {
     ptimer_test_clock_on();
     ipmc_platform_async_err_set_cb(on_async_error);
     start_library();
+    check_nothing_left();
 }
 
 void check_window() {
@@ -84,15 +85,18 @@ void check_window() {
 
 void check_nothing_left() {
     static const auto at_first = kit::live_blocks();
-    check_window();
-    for (const std::string &left : kit::window_leftovers()) {
+    const kit::window_survey found = kit::survey_window();
+    for (const std::string &fault : found.faults) {
+        complain("window: %s", fault.c_str());
+    }
+    for (const std::string &left : found.leftovers) {
         complain("left in the window: %s", left.c_str());
     }
-    const auto now = kit::live_blocks();
     for (uint32_t type = 0; type < IPMC_SHMWIN_ALLOC_TYPES; ++type) {
         // Made at the first need and kept for the window's life.
         if (type != IPMC_SHMWIN_ALLOC_OBJ_ID && type != IPMC_SHMWIN_ALLOC_RETRY_QUEUE) {
-            expect_equal(now[type], at_first[type], "blocks left of type", std::to_string(type));
+            expect_equal(found.live[type], at_first[type], "blocks left of type",
+                         std::to_string(type));
         }
     }
 }
@@ -196,6 +200,9 @@ void world::end(bool interfaces_first) {
         --idbs_[ifh].locks;
         model_release_idb(ifh);
         expect_equal(ip6mc_idb_unlock(&record), 0, "result of an interface unlock");
+    }
+    while (!encaps_.empty()) {
+        end_encap(encaps_.begin()->first);
     }
     compare();
     hw_.heal();

@@ -141,7 +141,7 @@ void world::change_route(input &in) {
     const uint64_t attributes = pick_attributes(in);
     const uint64_t old = in.pick(8) == 0 ? pick_attributes(in) : r->attributes;
     note("commit route %s attributes 0x%lx, old 0x%lx", r->key.text().c_str(), attributes, old);
-    r->attributes = r->record->attributes = attributes;
+    r->attributes = r->record->attributes = attributes | (r->attributes & core_bits);
     const cerrno wanted = model_commit_existing(*r, old);
     ipv4mc_route_entry_st *entry = r->record;
     int is_new = 0;
@@ -374,7 +374,7 @@ void world::try_odd_calls(input &in) {
 // -----------------------------------------------------------------------------------
 
 hardware::told_route world::told(const route &r) const {
-    return {r.table->tid, r.key.id(), r.attributes, r.obj_id};
+    return {r.table->tid, r.key.id(), r.attributes, r.obj_id, r.via == nullptr ? 0 : r.via->id};
 }
 
 const route *world::longest_match(const tid_table &table, const ip_maddr_st &source,
@@ -480,41 +480,60 @@ cerrno world::model_delete(route &r, uint64_t old) {
             return rc;
         }
     }
+    if (r.table->tid == kit::default_tid && ((old | r.attributes) & core_link_bits) != 0) {
+        model_leave_customer(r);
+    }
     while (!r.intfs.empty()) {
+        const bool was_egress = r.intfs.front()->is_egress();
         if (const cerrno rc = model_delete_intf(r, *r.intfs.front()); rc != 0) {
             return rc;
         }
+        if (was_egress) {
+            model_lower_egress(r);
+            model_follow_egress(r, true);
+        }
     }
+    model_leave_encap(r);
+    model_leave_customer(r);
     hw_.route_call(IPV4MC_ACTION_DELETE, told(r));  // a refusal changes nothing
     unqueue(r);
     end_route(r);
     return 0;
 }
 
-// Nobody names it any more.
+// Nobody names it any more: its children inherit from the next one above.
 void world::end_route(route &r) {
-    for (auto *map : {&r.table->routes, &r.table->pending}) {
-        for (auto &each : *map) {
-            if (each.second->parent == &r) {
-                each.second->parent = nullptr;
-            }
+    tid_table &table = *r.table;
+    auto &map = r.published ? table.routes : table.pending;
+    const auto gone = map.extract(r.key.id());
+    for (auto &each : table.routes) {
+        if (each.second->parent == &r) {
+            each.second->parent = parent_of(*each.second, false);
         }
     }
-    (r.published ? r.table->routes : r.table->pending).erase(r.key.id());
 }
 
 void world::model_clear(route &r) {
     ++r.table->route_clears;
     while (!r.intfs.empty()) {
         intf &entry = *r.intfs.front();
-        // A refusal does not save the entry here.
-        if (hw_.intf_call(IPV4MC_ACTION_DELETE, told(entry, entry.intf_arg)) != 0) {
-            model_leave_idb(entry);
-            remove_entry(r, entry);
-        } else {
-            model_leave_idb(entry);
-            remove_entry(r, entry);
+        if (entry.is_egress()) {
+            model_lower_egress(r);
+            model_follow_egress(r, false);
+            --r.extra_egress;
         }
+        // A refusal does not save the entry here.
+        hw_.intf_call(IPV4MC_ACTION_DELETE, told(entry, entry.intf_arg));
+        model_leave_idb(entry);
+        remove_entry(r, entry);
+    }
+    if (r.has(core_link_bits)) {
+        model_unlink_core(r, IPV4MC_VRF_LOCAL);
+        model_unlink_core(r, IPV4MC_VRF_REMOTE);
+        r.attributes &= ~core_link_bits;
+    }
+    if (r.via != nullptr) {
+        model_give_encap(r, 0);
     }
     r.attributes &= ~uint64_t{MRIB_ROUTE_CLEAR_ATTR};
     hw_.route_call(IPV4MC_ACTION_CLEAR, told(r));
@@ -558,6 +577,7 @@ void world::undo_create(route &r) {
         intf &entry = *r.intfs.front();
         ipv4mc_intf_entry_st *record = entry.record;
         const named_intf named{entry.id.type, entry.ifh, entry.id.amt_addr, entry.id.amt_port};
+        const bool was_egress = entry.is_egress();
         const cerrno wanted = model_delete_intf(r, entry);
         expect_equal(ip6mc_intf_operation(IPV4MC_ACTION_DELETE, r.table->record, r.record,
                                           named.type, named.ifh, named.amt_addr, named.amt_port, 0,
@@ -565,6 +585,9 @@ void world::undo_create(route &r) {
                      wanted, "result of an interface DELETE");
         if (wanted != 0) {
             return;
+        }
+        if (was_egress) {
+            lower_egress(r);
         }
     }
     note("undo route %s", r.key.text().c_str());

@@ -92,6 +92,7 @@ void world::perform(const table_request &asked) {
                               asked.has_pp ? &table : nullptr, asked.batch);
     expect_equal(rc, wanted.rc, "result of a table operation");
     learn_records();
+    count_egress_again();
     if (!asked.has_pp) {
         return;
     }
@@ -141,6 +142,7 @@ void world::walk_all_tables(input &in) {
         }
     }
     expect_equal(ip6mc_table_clear_all(0), wanted, "result of clear all");
+    count_egress_again();
 }
 
 // ---- the model
@@ -219,6 +221,9 @@ world::table_answer world::model_existing(table_request &asked) {
                 if (asked.action == IPV4MC_ACTION_DELETE) {
                     model_remove_rest(*asked.tid_side);
                 }
+            }
+            if (asked.action == IPV4MC_ACTION_DELETE) {
+                model_drop_core_routes(*asked.tid_side);
             }
             if (keep && kept != 0) {
                 return {0, false, nullptr, nullptr};
@@ -317,6 +322,24 @@ void world::take_keys(vrf_table &vrf, const std::string &name, uint32_t vrf_id) 
     vrf.vrf_id = vrf.vrf_id == 0 ? vrf_id : vrf.vrf_id;
 }
 
+// The next one with the name, by id, is found by it then.
+void world::pass_name_on(vrf_table &from) {
+    if (!from.found_by_name) {
+        return;
+    }
+    from.found_by_name = false;
+    vrf_table *heir = nullptr;
+    for (const auto &each : vrfs_) {
+        const bool is_next = heir == nullptr || each->vrf_id < heir->vrf_id;
+        if (each.get() != &from && each->name == from.name && is_next) {
+            heir = each.get();
+        }
+    }
+    if (heir != nullptr) {
+        heir->found_by_name = true;
+    }
+}
+
 bool world::model_create(table_request &asked, bool *vrf_is_new) {
     if (asked.vrf_id != 0 || !asked.name.empty()) {
         if (asked.vrf_side == nullptr) {
@@ -351,8 +374,8 @@ cerrno world::model_activate(table_request &asked) {
                 hw_.vrf_call(IPV4MC_ACTION_ACTIVATE, asked.vrf_id != 0 ? asked.vrf_id : vrf->vrf_id,
                              asked.name.empty() ? vrf->name : asked.name);
             if (rc != 0) {
+                pass_name_on(*vrf);
                 vrf->name.clear();
-                vrf->found_by_name = false;
                 vrf->vrf_id = 0;
                 return rc;
             }
@@ -401,9 +424,12 @@ cerrno world::model_activate_tid(table_request &asked) {
 cerrno world::model_deactivate(table_request &asked) {
     const std::string name =
         asked.vrf_side != nullptr && asked.name.empty() ? asked.vrf_side->name : asked.name;
+    // A table that is only deactivated stays for its core routes.
+    const bool keeps_core = asked.action == IPV4MC_ACTION_DEACTIVATE && asked.tid_side != nullptr &&
+                            !asked.tid_side->core_routes.empty();
     if (asked.action != IPV4MC_ACTION_CLEAR) {
         const bool tid_active = asked.tid_side != nullptr && asked.tid_side->active;
-        if (tid_active) {
+        if (tid_active && !keeps_core) {
             asked.tid_side->active = false;
         }
         if (asked.vrf_side != nullptr && asked.vrf_side->active) {
@@ -417,7 +443,8 @@ cerrno world::model_deactivate(table_request &asked) {
             cut(asked.tid_side);
         }
     }
-    cerrno rc = asked.tid_side != nullptr ? hw_.tid_call(asked.action, asked.tid) : 0;
+    const bool tells_tid = asked.tid_side != nullptr && !keeps_core;
+    cerrno rc = tells_tid ? hw_.tid_call(asked.action, asked.tid) : 0;
     if (rc == 0 && asked.vrf_side != nullptr) {
         rc = hw_.vrf_call(asked.action, asked.vrf_id != 0 ? asked.vrf_id : asked.vrf_side->vrf_id,
                           name);
@@ -427,6 +454,7 @@ cerrno world::model_deactivate(table_request &asked) {
     }
     if (asked.tid_side != nullptr && asked.action == IPV4MC_ACTION_CLEAR) {
         asked.tid_side->route_clears = 0;
+        asked.tid_side->local_egress = 0;
     }
     if (asked.action == IPV4MC_ACTION_DELETE) {
         free_vrf(asked.vrf_side);
@@ -458,6 +486,7 @@ void world::cut(tid_table *table) {
 void world::free_vrf(vrf_table *vrf) {
     if (vrf != nullptr) {
         cut(vrf);
+        pass_name_on(*vrf);
         std::erase_if(vrfs_, [&](const auto &each) { return each.get() == vrf; });
     }
 }
@@ -465,6 +494,11 @@ void world::free_vrf(vrf_table *vrf) {
 void world::free_tid(tid_table *table) {
     if (table != nullptr) {
         cut(table);
+        for (auto &each : tids_) {
+            for (auto &r : each.second->routes) {
+                r.second->feeds = r.second->feeds == table ? nullptr : r.second->feeds;
+            }
+        }
         tids_.erase(table->tid);
     }
 }

@@ -73,6 +73,7 @@ class world {
     cerrno model_activate_tid(table_request &asked);
     cerrno model_deactivate(table_request &asked);
     void take_keys(vrf_table &vrf, const std::string &name, uint32_t vrf_id);
+    void pass_name_on(vrf_table &from);
     void free_vrf(vrf_table *vrf);
     void free_tid(tid_table *table);
     static void cut(vrf_table *vrf);
@@ -125,6 +126,8 @@ class world {
     void lock_interface(input &in);
     cerrno make_intf(route &r, const named_intf &named, uint32_t intf_arg);
     void commit_intf(route &r, uint64_t attributes, uint32_t intf_arg, bool give_idb);
+    void commit_existing_intf(route &r, intf &entry, uint64_t attributes, uint32_t intf_arg);
+    static intf *nth_intf(const route &r, size_t n);
     bool drop_pending_intf(route &r);
     cerrno model_create_intf(route &r, const named_intf &named, uint32_t intf_arg,
                              std::unique_ptr<intf> *made);
@@ -139,6 +142,42 @@ class world {
     bool can_program(const route &r, bool is_new) const {
         return can_program(r, is_new, async_, oor_mode_);
     }
+
+    // ---- encaps.cpp
+    // -----------------------------------------------------------------------------
+    void make_or_end_encap(input &in);
+    void end_encap(uint32_t id);
+    void commit_encap(input &in);
+    void give_encap(input &in);
+    void turn_output(input &in);
+    void turn_egress(input &in);
+    void raise_egress(route &r);
+    void lower_egress(route &r);
+    void switch_lookup(encap &e, uint8_t value);
+    void count_egress_again();
+    static void model_lower_egress(route &r);
+    void model_follow_egress(const route &r, bool commits);
+    cerrno model_switch_lookup(encap &e, uint8_t value);
+    cerrno model_commit_encap(encap &e);
+    cerrno model_give_encap(route &r, uint32_t id);
+    void model_join_encap(route &r, encap &e);
+    void model_leave_encap(route &r);
+
+    // ---- core_routes.cpp
+    // ------------------------------------------------------------------------
+    void link_core_route(input &in);
+    void unlink_core_route(input &in);
+    void turn_mdt_master(input &in);
+    void update_core_routes(tid_table &customer, bool set);
+    cerrno model_link_local(route &r);
+    static cerrno model_link_remote(route &r);
+    static void model_unlink_core(route &r, uint32_t index);
+    static void model_leave_customer(route &r);
+    static void model_drop_core_routes(tid_table &customer);
+    void model_update_core_routes(tid_table &customer, bool set);
+    void model_update_core_route(const tid_table &customer, route &r, bool set);
+    static void compare_core_routes(const tid_table &customer);
+    static void compare_core_links(const route &r);
 
     // ---- signals.cpp
     // ----------------------------------------------------------------------------
@@ -161,10 +200,14 @@ class world {
     void arm_fault(input &in);
     void set_capacity(input &in);
     void raise_async_error(input &in);
+    void fail_by_hand(input &in);
+    void fail_encap_by_hand(bool queued);
     void let_time_pass(input &in);
     cerrno fail_sync(route &r, cerrno rc);
     void queue(route &r);
+    void queue(encap &e);
     void unqueue(route &r);
+    void unqueue(encap &e);
     void restart(input &in);
     void not_ready(input &in);
     void start_error_handler();
@@ -179,6 +222,8 @@ class world {
     void compare_intfs(const route &r);
     void compare_idbs();
     void compare_signals(const tid_table &table);
+    void compare_encaps();
+    static void compare_outputs(const route &r);
     void compare_changed_routes();
     void compare_retry_queue();
 
@@ -189,7 +234,8 @@ class world {
     std::list<std::unique_ptr<vrf_table>> vrfs_;
     std::map<ifhtype, idb> idbs_;
     std::list<signal *> changed_;
-    std::list<route *> retry_queue_;
+    std::map<uint32_t, encap> encaps_;
+    std::list<queued_object> retry_queue_;
     std::unique_ptr<event_manager_t, void (*)(event_manager_t *)> evm_;
 };
 
@@ -199,8 +245,8 @@ void start_process();
 // The proof of the whole window (apps/check).
 void check_window();
 
-// Blocks of each type that live in the window between two inputs, and a complaint where they are
-// more than at the first call.
+// Between two inputs: the proof of the whole window, that nothing is half done in it, and that no
+// more blocks live there than at the first call.
 void check_nothing_left();
 
 }  // namespace fuzz

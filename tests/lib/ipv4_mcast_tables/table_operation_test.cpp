@@ -349,6 +349,26 @@ TEST_P(TableOperation, ATidSideDeletedAloneIsForgottenByItsVrf) {
     EXPECT_EQ(faults(), "");
 }
 
+TEST_P(TableOperation, ANamePassesOnWhenTheTableThatIsFoundByItGoes) {
+    ipv4mc_table_st *first = nullptr;
+    ASSERT_EQ(operate(9, 5, 6, "red", &first), 0U);
+    ipv4mc_table_st *given = first;
+    ASSERT_EQ(operate(10, 0, 0, nullptr, &given), 0U);  // keeps the name, gives up the id
+    ipv4mc_table_st *second = nullptr;
+    ASSERT_EQ(operate(9, 0, 6, nullptr, &second), 0U);
+    ASSERT_NE(second, first);
+    ASSERT_EQ(operate(9, 0, 6, "red", &second), 0U);
+    ASSERT_STREQ(second->vrf_name, "red");
+    ipv4mc_table_st *gone = first;
+    ASSERT_EQ(operate(4, 0, 0, nullptr, &gone), 0U);
+    ipv4mc_table_st *found = nullptr;
+    EXPECT_EQ(operate(IPV4MC_ACTION_TABLE_LOOKUP, 0, 0, "red", &found), 0U);
+    EXPECT_EQ(found, second);
+    EXPECT_EQ(ip6mc_table_delete_all(0), 0U);
+    EXPECT_EQ(operate(IPV4MC_ACTION_TABLE_LOOKUP, 0, 6, nullptr, &found), 2U);
+    EXPECT_EQ(faults(), "");
+}
+
 TEST_P(TableOperation, ClearKeepsTheTablesAndZeroesTheCounters) {
     ipv4mc_table_st *red = make_red();
     ipv4mc_table_st *tid = red->tid_table;

@@ -458,6 +458,30 @@ TEST_F(RouteDelete, AMemdLinkWithoutTheBitsIsAProblemAndTheRouteGoesAllTheSame) 
     EXPECT_EQ(a->memd_prev[0], nullptr);
 }
 
+TEST_F(RouteDelete, ARouteAloneOnItsMemdListLeavesItWithoutTheBits) {
+    auto *a = add(core, sg(1));
+    ASSERT_EQ(ip6mc_route_link_route_to_vrf(a, 0, table->tid, "a"), 0U);
+    ASSERT_EQ(table->memd_route_list, a);
+    EXPECT_EQ(erase(core, a, 0), 0U);
+    EXPECT_EQ(table->memd_route_list, nullptr);
+    EXPECT_TRUE(heard.messages().empty());
+}
+
+TEST_F(RouteDelete, ACoreRouteThatStaysNamesNoTableThatGoes) {
+    auto *a = add(core, sg(1), MRIB_ROUTE_TID_DEMAND);
+    join(a, {0, 1, 0, 0});
+    ASSERT_EQ(ip6mc_route_link_route_to_vrf(a, 0, table->tid, "a"), 0U);
+    sim_arm_fault(SIM_OP_INTF, IPV4MC_ACTION_DELETE, 0, 1, 70);
+    EXPECT_EQ(erase(core, a), 70U);
+    EXPECT_EQ(table->memd_route_list, nullptr);
+    EXPECT_EQ(a->vrf_table[0], nullptr);
+    // The link can be made again, and the delete repeated.
+    EXPECT_EQ(ip6mc_route_link_route_to_vrf(a, 0, table->tid, "a"), 0U);
+    EXPECT_EQ(table->memd_route_list, a);
+    EXPECT_EQ(erase(core, a), 0U);
+    EXPECT_EQ(table->memd_route_list, nullptr);
+}
+
 TEST_F(RouteDelete, ATrieThatRefusesIsFatal) {
     auto *route = add(table, sg(1));
     ASSERT_EQ(ip6mc_gtrie_platform_leaf_delete(table->ingress_gtrie, route, nullptr), 0U);

@@ -9,12 +9,14 @@ using namespace bed;
 
 namespace {
 
-// A detached route with interfaces and a rate record, on its encap and on the retry queue.
+// A detached route with interfaces, one of them local egress, and a rate record, on its encap.
 void leave_unfinished(ipv4mc_table_st *table, uint32_t number) {
     table->vtable->rate_per_route = 1;
     ipv4mc_route_entry_st *route = create(table, sg(number));
     join(route, {IPV4MC_INTF_ORDINARY, 0x10, 0, 0});
-    join(route, {IPV4MC_INTF_ORDINARY, 0x11, 0, 0});
+    join(route, {IPV4MC_INTF_ORDINARY, 0x11, 0, 0}, MRIB_INTF_EG);
+    route->intf_local_EG_cnt = 1;
+    ++table->route_counters.local_eg_cnt;
     ipv4mc_route_update_st update{};
     update.encap_id = 7;
     EXPECT_EQ(ip6mc_route_update(route, IPV4MC_ROUTE_UPDATE_ENCAP, &update), 0U);
@@ -49,7 +51,11 @@ int die_with_unfinished_routes(const kit::post &parent) {
     intf_operate(IPV4MC_ACTION_COMMIT, failed, {IPV4MC_INTF_ORDINARY, 0x12, 0, 0}, &entry, 1);
     EXPECT_EQ(failed->err, 1);
     EXPECT_EQ(kit::window_faults(), std::vector<std::string>{});
-    EXPECT_EQ(kit::window_leftovers().size(), 3U);
+    EXPECT_EQ(kit::window_leftovers().size(), 4U);  // three routes and a retry element
+    EXPECT_EQ(table->route_counters.local_eg_cnt, 2U);
+    if (testing::Test::HasFailure()) {
+        return 1;  // unheard, which fails the test
+    }
     parent.tell();
     parent.hear();
     return 0;
@@ -76,6 +82,7 @@ TEST(UnfinishedRoutesOfTheDead, AreEndedByTheNextOwner) {
         // The search key of the dead, and nothing else.
         EXPECT_EQ(kit::window_leftovers(), std::vector<std::string>{"orphan of type AVL"});
         EXPECT_EQ(table->rate_route_count, 2);
+        EXPECT_EQ(table->route_counters.local_eg_cnt, 0U);
         EXPECT_NE(find(table, sg(2)), nullptr);
         ipv4mc_idb_st *kept = idb_of(0x10);
         EXPECT_EQ(kept != nullptr ? kept->route_count : 0, 1U);
@@ -86,6 +93,7 @@ TEST(UnfinishedRoutesOfTheDead, AreEndedByTheNextOwner) {
         ipv4mc_encap_entry_st *encap = nullptr;
         ip6mc_encapid_lookup(7, &encap);
         EXPECT_EQ(encap != nullptr ? encap->route_cnt : 9, 0U);
+        EXPECT_EQ(encap != nullptr ? encap->intf_local_EG_cnt : 9, 0U);
         uint64_t ids = 0;
         fib_obj_id_in_use(rig::header()->obj_id_domain, &ids);
         EXPECT_EQ(ids, 3U);  // of two routes and an interface

@@ -104,18 +104,28 @@ void give_back_mdt_handle(const route_request &request, ipv4mc_route_entry_st *r
                local != nullptr ? local->mdt_handles[IPV4MC_MDT_GRE] : 0);
 }
 
+// The route forgets the table with the list: it stays when the platform keeps one of its
+// interfaces, and the table, which knows its routes by the list only, may go meanwhile.
+template <size_t Index>
+bool leave_vrf(ipv4mc_table_st *table, ipv4mc_route_entry_st *route) {
+    const group change;
+    const bool was_on_list = mlib::leave_memd_list<Index>(table, route);
+    store(route->vrf_table[Index], static_cast<ipv4mc_table_st *>(nullptr));
+    return was_on_list;
+}
+
 void leave_memd_lists(const route_request &request, ipv4mc_route_entry_st *route,
                       ipv4mc_table_st *local, ipv4mc_table_st *remote) {
     if (((request.old_attributes | route->attributes) & mlib::vrf_link_bits) == 0) {
         return;
     }
-    if (mlib::leave_memd_list<IPV4MC_VRF_REMOTE>(remote, route)) {
+    if (leave_vrf<IPV4MC_VRF_REMOTE>(remote, route)) {
         MLIB_DEBUG(IPV4_DEBUG_DEV,
                    "[0x%x] Removed (%s,%s/%d) a:0x%lx from memd list of table 0x%x [%d]",
                    request.table->tid, ROUTE_ARGS(route), route->attributes, tid_or(remote, 0),
                    static_cast<int>(IPV4MC_VRF_REMOTE));
     }
-    if (mlib::leave_memd_list<IPV4MC_VRF_LOCAL>(local, route)) {
+    if (leave_vrf<IPV4MC_VRF_LOCAL>(local, route)) {
         MLIB_DEBUG(IPV4_DEBUG_DEV, "[0x%x] Removed (%s,%s/%d) a:0x%lx from memdlist of table 0x%x",
                    request.table->tid, ROUTE_ARGS(route), route->attributes, tid_or(local, 0));
     }
@@ -214,13 +224,9 @@ cerrno remove_intfs(const route_request &request, ipv4mc_route_entry_st *route) 
     return 0;
 }
 
-// A broken invariant, and no reason to stop. The route is about to go, so the lists let it go too.
-void check_memd(const route_request &request, ipv4mc_route_entry_st *route) {
-    if (!has_memd_links(route, IPV4MC_VRF_LOCAL) && !has_memd_links(route, IPV4MC_VRF_REMOTE)) {
-        return;
-    }
-    ipv4mc_table_st *local = route->vrf_table[IPV4MC_VRF_LOCAL];
-    ipv4mc_table_st *remote = route->vrf_table[IPV4MC_VRF_REMOTE];
+void tell_memd(const route_request &request, const ipv4mc_route_entry_st *route) {
+    const ipv4mc_table_st *local = route->vrf_table[IPV4MC_VRF_LOCAL];
+    const ipv4mc_table_st *remote = route->vrf_table[IPV4MC_VRF_REMOTE];
     char text[mlib::problem_text_size];
     snprintf(text, sizeof(text),
              "Action 0x%x (%s,%s/%d) a:0x%lx in memd of [local: 0x%x (p:%c,n:%c)] [remote: 0x%x "
@@ -232,8 +238,16 @@ void check_memd(const route_request &request, ipv4mc_route_entry_st *route) {
              yes_no(route->memd_next[IPV4MC_VRF_REMOTE] != nullptr),
              route->vrf_table_id[IPV4MC_VRF_LOCAL], route->vrf_table_id[IPV4MC_VRF_REMOTE]);
     mlib::tell_problem(__func__, __LINE__, text);
-    mlib::leave_memd_list<IPV4MC_VRF_REMOTE>(remote, route);
-    mlib::leave_memd_list<IPV4MC_VRF_LOCAL>(local, route);
+}
+
+// A broken invariant, and no reason to stop. The route is about to go, so the lists let it go too;
+// one that stands there alone has no links that would tell.
+void check_memd(const route_request &request, ipv4mc_route_entry_st *route) {
+    if (has_memd_links(route, IPV4MC_VRF_LOCAL) || has_memd_links(route, IPV4MC_VRF_REMOTE)) {
+        tell_memd(request, route);
+    }
+    leave_vrf<IPV4MC_VRF_REMOTE>(route->vrf_table[IPV4MC_VRF_REMOTE], route);
+    leave_vrf<IPV4MC_VRF_LOCAL>(route->vrf_table[IPV4MC_VRF_LOCAL], route);
 }
 
 // Before the platform on purpose: from here on the route is not found any more.

@@ -1,5 +1,7 @@
 // Routes that a killed process had made and not committed. Nobody but that process knew of them,
 // and their interfaces are held by them: the next owner ends them at its start.
+#include <algorithm>
+
 #include "ipv4/multicast/lib/ip6mc_encap.h"
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/lib/ip6mc_objid.h"
@@ -61,6 +63,13 @@ void leave_encap(ipv4mc_route_entry_st *route) {
     store(encap->intf_local_EG_cnt, encap->intf_local_EG_cnt - route->intf_local_EG_cnt);
 }
 
+// The table's count would keep the flag of its core routes set for ever. It may have been zeroed
+// meanwhile, by a CLEAR.
+void leave_local_egress(ipv4mc_table_st *table, const ipv4mc_route_entry_st *route) {
+    uint32_t &count = table->route_counters.local_eg_cnt;
+    store(count, count - std::min<uint32_t>(count, route->intf_local_EG_cnt));
+}
+
 void leave_lists(ipv4mc_route_entry_st *route) {
     mlib::leave_global_list<mlib::mdt_candidate_links>(IPMC_ROUTE_LIST_MDT_CAND, route);
     mlib::leave_global_list<mlib::mt_update_links>(IPMC_ROUTE_LIST_MT_UPD, route);
@@ -79,6 +88,7 @@ void end_route(ipv4mc_table_st *table, ipv4mc_route_entry_st *route) {
     }
     const group change;
     leave_encap(route);
+    leave_local_egress(table, route);
     leave_lists(route);
     if (route->obj_id < IPMC_OBJ_ID_NONE) {
         ipmc_object_ida_free(&route->obj_id);

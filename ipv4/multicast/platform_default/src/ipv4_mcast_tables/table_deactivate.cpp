@@ -231,10 +231,38 @@ void ipmc_table_cut_links(ipv4mc_table_st *table) {
     }
 }
 
+namespace {
+
+bool is_found_by_name(const ipv4mc_table_st *table) {
+    return tree_node_linked(&table->node[IPV4MC_TABLE_THREAD_NAME]);
+}
+
+// Of tables with one name the first is found by it. When that one goes, the next takes its place:
+// it would be found by name no more, and outlive the deletion of all tables.
+void pass_name_on(const ipv4mc_table_st *from) {
+    const wavl_tree *tree = ip6mc_get_table_vid_name_db();
+    constexpr uint32_t by_id = IPV4MC_TABLE_THREAD_VRF_ID;
+    void *at = multicast_table_wrapper_for_shm_wavl_get_first(tree, by_id);
+    for (; at != nullptr; at = multicast_table_wrapper_for_shm_wavl_get_next(tree, at, by_id)) {
+        auto *table = static_cast<ipv4mc_table_st *>(at);
+        if (table != from && !is_found_by_name(table) &&
+            strncmp(table->vrf_name, from->vrf_name, IPV4MC_VRF_NAME_COMPARED) == 0) {
+            ipmc_table_add_wavl(table, IPV4MC_TABLE_THREAD_NAME);
+            return;
+        }
+    }
+}
+
+}  // namespace
+
 void ipmc_table_drop_vrf_keys(ipv4mc_table_st *table) {
     const group change;
     if (table->vrf_name[0] != '\0') {
+        const bool was_found = is_found_by_name(table);
         ipmc_table_rem_wavl(table, IPV4MC_TABLE_THREAD_NAME);
+        if (was_found) {
+            pass_name_on(table);
+        }
         store(table->vrf_name[0], '\0');
     }
     if (table->vrf_id != 0) {
