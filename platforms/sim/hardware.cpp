@@ -438,13 +438,11 @@ cerrno hardware::hold_intf(const intf_key &key, uint32_t ifh, uint32_t *slot) {
         return 0;
     }
     cerrno failed = room(IP6MC_PLATFORM_INTF);
-    failed = failed != 0 ? failed : intfs.add(route, key, slot_created, slot);
+    failed = failed != 0 ? failed : intfs.add(route, key, ifh, slot_created, slot);
     if (failed != 0) {
         forget_route_if_bare(key.route);
         return failed;
     }
-    intfs.at(*slot).ifh = ifh;
-    intfs.at(*slot).obj_id = IPMC_OBJ_ID_NONE;
     counted(IP6MC_PLATFORM_INTF, 1);
     return 0;
 }

@@ -184,8 +184,10 @@ class intf_table {
     void set_state(uint32_t slot, uint32_t state) { slots_.keep(slot, state); }
     uint32_t find(const route_slot &route, const intf_key &key) const;
 
-    // Makes a slot with this key, which must be new, at the head of the route's list.
-    cerrno add(route_slot &route, const intf_key &key, uint32_t state, uint32_t *slot);
+    // Makes a slot with this key, which must be new, at the head of the route's list. It has its
+    // handle before it counts, so that what a death leaves can be named.
+    cerrno add(route_slot &route, const intf_key &key, uint32_t ifh, uint32_t state,
+               uint32_t *slot);
 
     // The same for a slot that an earlier process left.
     cerrno link(route_slot &route, uint32_t slot);

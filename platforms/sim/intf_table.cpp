@@ -23,11 +23,14 @@ uint32_t intf_table::find(const route_slot &route, const intf_key &key) const {
     return slot;
 }
 
-cerrno intf_table::add(route_slot &route, const intf_key &key, uint32_t state, uint32_t *slot) {
+cerrno intf_table::add(route_slot &route, const intf_key &key, uint32_t ifh, uint32_t state,
+                       uint32_t *slot) {
     if (const cerrno failed = slots_.take(slot); failed != 0) {
         return failed;
     }
     at(*slot).key = key;
+    at(*slot).ifh = ifh;
+    at(*slot).obj_id = IPMC_OBJ_ID_NONE;
     if (const cerrno failed = link(route, *slot); failed != 0) {
         slots_.give_back(*slot);
         return failed;

@@ -120,11 +120,25 @@ bool agrees(const held_thing *held, const ipv4mc_intf_entry_st *entry) {
            held->obj_id == entry->obj_id;
 }
 
+std::string name_of(const ip_maddr_st &source, const ip_maddr_st &group, uint16_t length,
+                    uint32_t tid) {
+    char from[INET6_ADDRSTRLEN];
+    char to[INET6_ADDRSTRLEN];
+    inet_ntop(AF_INET6, &source, from, sizeof(from));
+    inet_ntop(AF_INET6, &group, to, sizeof(to));
+    return std::string("(") + from + "," + to + "/" + std::to_string(length) + ") of table " +
+           std::to_string(tid);
+}
+
 std::string name_of_route(const ipv4mc_route_entry_st *route) {
-    char group[INET6_ADDRSTRLEN];
-    inet_ntop(AF_INET6, &route->group, group, sizeof(group));
-    return std::string(group) + "/" + std::to_string(route->pfx_len) + " of " +
-           std::to_string(route->table->tid);
+    return name_of(route->source, route->group, route->pfx_len, route->table->tid);
+}
+
+std::string name_of(const held_thing &held) {
+    return "a thing of kind " + std::to_string(held.kind) + ", " +
+           name_of(held.source, held.group, held.pfx_len, held.tid) + ", interface " +
+           std::to_string(held.ifh) + ", encap " + std::to_string(held.encap_id) + ", VRF " +
+           std::to_string(held.vrf_id) + (held.active != 0 ? ", active" : ", not active");
 }
 
 void program(ipv4mc_route_entry_st *route) {
@@ -179,8 +193,7 @@ std::string compare_hardware() {
     std::string wrong;
     for (const held_thing &held : all) {
         if (!has_record(held)) {
-            wrong = "the hardware holds a thing of kind " + std::to_string(held.kind) +
-                    " without a record";
+            wrong = "the hardware holds " + name_of(held) + ", without a record";
         }
     }
     each_route([&](ipv4mc_route_entry_st *route) {

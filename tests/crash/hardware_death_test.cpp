@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <string>
 
+#include "ipv4/multicast/lib/ip6mc_route.h"
+#include "ipv4/multicast/lib/ip6mc_table.h"
 #include "platforms/sim/sim.h"
 #include "tests/crash/steps.h"
 #include "tests/kit/run_dir.h"
@@ -17,27 +19,46 @@ constexpr uint64_t stride = 16;
 constexpr uint64_t most_instructions = 20'000;
 constexpr uint32_t patience_ms = 10'000;
 
-cerrno make_table(uint32_t vrf_id, const char *name) {
+// What one call makes, which differs from call to call in `n` only.
+using make_ft = cerrno (*)(uint32_t n);
+
+cerrno make_table(uint32_t n) {
     ipv4mc_table_st *none = nullptr;
-    return ip6mc_platform_table_operation(IPV4MC_ACTION_CREATE, 0, vrf_id, name, &none, 1);
+    const std::string name = "vrf" + std::to_string(n);
+    return ip6mc_platform_table_operation(IPV4MC_ACTION_CREATE, 0, 0x60000006 + n, name.c_str(),
+                                          &none, 1);
 }
 
-// One table by id and name, in a process that is killed so many instructions behind the beginning
-// of the call. False when the call came to its end before. Another table goes first, so that memory
-// is there and the names of the library are bound: the call is short then.
-bool make_table_and_die(const std::string &folder, uint64_t instructions) {
+cerrno make_interface(uint32_t n) {
+    ipv4mc_table_st table = {};
+    table.tid = 0xe0000005;
+    ipv4mc_route_entry_st route = {};
+    route.group.bytes[0] = 0xff;
+    route.pfx_len = 128;
+    ipv4mc_intf_entry_st entry = {};
+    entry.ifh = entry.key_ifh = 0x101 + n;
+    ipv4mc_intf_entry_st *given = &entry;
+    return ip6mc_platform_intf_operation(IPV4MC_ACTION_CREATE, &table, &route, entry.ifh, 0, &given,
+                                         nullptr, 0, 0, 1);
+}
+
+// One call in a process that is killed so many instructions behind its beginning. False when it
+// came to its end before. Another one goes first, so that memory is there and the names of the
+// library are bound: the call is short then.
+bool make_and_die(const std::string &folder, make_ft make, uint64_t instructions) {
     static auto *const ended = static_cast<bool *>(
         mmap(nullptr, sizeof(bool), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    *ended = false;
     crash::victim owner([&] {
         if (sim_hardware_open(folder.c_str()) != 0) {
             return 1;
         }
         sim_reset();
-        if (make_table(0x60000007, "blue") != 0) {
+        if (make(1) != 0) {
             return 1;
         }
         crash::victim::stop_here();
-        make_table(0x60000006, "red");
+        make(0);
         *ended = true;
         crash::victim::stop_here();
         return 0;
@@ -48,27 +69,43 @@ bool make_table_and_die(const std::string &folder, uint64_t instructions) {
     return !*ended;
 }
 
-cerrno see(const ip6mc_platform_held_st *held, void *nameless) {
-    *static_cast<uint32_t *>(nameless) += held->vrf_id == 0 && held->vrf_name[0] == 0 ? 1U : 0U;
-    return 0;
-}
-
-}  // namespace
-
-TEST(HardwareDeath, NoTableIsHeldThatNobodyCanName) {
+// Kills at every so many instructions of the call; behind each, `see` counts what nobody can name.
+void dies_at_every_place(make_ft make, ip6mc_platform_kind kind, ip6mc_platform_held_ft see) {
     const kit::run_dir dir;
     const std::string folder = dir.path() + "/hardware";
     mkdir(folder.c_str(), 0700);
     uint64_t instructions = 0;
     bool in_time = true;
     while (in_time && instructions < most_instructions) {
-        in_time = make_table_and_die(folder, instructions);
+        in_time = make_and_die(folder, make, instructions);
         ASSERT_EQ(sim_hardware_open(folder.c_str()), 0U);
         uint32_t nameless = 0;
-        EXPECT_EQ(ip6mc_platform_enumerate(IP6MC_PLATFORM_TABLE, see, &nameless), 0U);
+        EXPECT_EQ(ip6mc_platform_enumerate(kind, see, &nameless), 0U);
         sim_hardware_close();
         ASSERT_EQ(nameless, 0U) << instructions << " instructions behind the beginning";
         instructions += stride;
     }
     EXPECT_FALSE(in_time);  // the whole call was seen
+}
+
+}  // namespace
+
+TEST(HardwareDeath, NoTableIsHeldThatNobodyCanName) {
+    dies_at_every_place(make_table, IP6MC_PLATFORM_TABLE,
+                        [](const ip6mc_platform_held_st *held, void *nameless) -> cerrno {
+                            if (held->vrf_id == 0 && held->vrf_name[0] == 0) {
+                                ++*static_cast<uint32_t *>(nameless);
+                            }
+                            return 0;
+                        });
+}
+
+TEST(HardwareDeath, NoInterfaceIsHeldThatNobodyCanName) {
+    dies_at_every_place(make_interface, IP6MC_PLATFORM_INTF,
+                        [](const ip6mc_platform_held_st *held, void *nameless) -> cerrno {
+                            if (held->ifh == 0) {
+                                ++*static_cast<uint32_t *>(nameless);
+                            }
+                            return 0;
+                        });
 }
