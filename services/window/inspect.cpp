@@ -145,6 +145,18 @@ cerrno shmwin_get_usage(uint32_t id, shmwin_usage *usage) {
     return 0;
 }
 
+cerrno shmwin_get_generation(uint32_t id, uint64_t *generation) {
+    const open_window *w = find(id);
+    if (w == nullptr) {
+        return SHMWIN_ERR_BAD_ID;
+    }
+    if (generation == nullptr) {
+        return EINVAL;
+    }
+    *generation = journal::observe(w->super->generation);
+    return 0;
+}
+
 cerrno shmwin_set_growth_limit(uint32_t id, uint64_t bytes) {
     open_window *w = find(id);
     if (w == nullptr) {

@@ -20,6 +20,11 @@ typedef struct shmwin_usage {
 
 MFWD6_EXPORT cerrno shmwin_get_usage(uint32_t id, shmwin_usage *usage);
 
+// The generation alone, a few loads: to be asked before each use of a pointer that was kept. A
+// reset raises it ahead of its first change. SHMWIN_ERR_BAD_ID also in a child made by fork(2),
+// which has no windows.
+MFWD6_EXPORT cerrno shmwin_get_generation(uint32_t id, uint64_t *generation);
+
 typedef struct shmwin_block {
     void *address;      // as shmwin_malloc gave it
     size_t size;        // bytes handed out, not less than what was asked for

@@ -1,0 +1,56 @@
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
+
+#include <atomic>
+#include <cinttypes>
+
+#include "ipv4/multicast/lib/ip6mc_lib.h"
+#include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/tables.h"
+#include "services/window/inspect.h"
+
+namespace {
+
+// 0 for a window that has gone from this process, as in a child made by fork(2).
+uint64_t generation_now() {
+    uint64_t generation = 0;
+    shmwin_get_generation(ipv4mc_desc->shmwin_id, &generation);
+    return generation;
+}
+
+std::atomic<uint64_t> known_generation{0};
+std::atomic<bool> told{false};
+
+void leave_old_contents(uint64_t now) {
+    if (told.exchange(true)) {
+        return;
+    }
+    table_search = nullptr;  // not given back: the heap that it lay in is gone
+    MLIB_ERR("Shared mem window was reset: generation %" PRIu64 " now, %" PRIu64 " when opened",
+             now, known_generation.load(std::memory_order_relaxed));
+    if (ipv4mc_desc->state != IPV4MC_LIB_STATE_DOWN) {
+        ipv4mc_update_state(IPV4MC_LIB_STATE_DOWN);
+    }
+}
+
+}  // namespace
+
+void mlib::note_window_contents() {
+    known_generation.store(generation_now(), std::memory_order_relaxed);
+    told.store(false);
+}
+
+bool mlib::window_is_open() {
+    if (ipv4mc_desc->shmwin_init == 0) {
+        return false;
+    }
+    const uint64_t now = generation_now();
+    if (now == known_generation.load(std::memory_order_relaxed)) [[likely]] {
+        return true;
+    }
+    leave_old_contents(now);
+    return false;
+}
+
+bool mlib::library_is_ready() {
+    return ipv4mc_desc->state == IPV4MC_LIB_STATE_READY && window_is_open();
+}
