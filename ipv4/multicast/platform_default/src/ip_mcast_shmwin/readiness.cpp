@@ -32,6 +32,18 @@ void leave_old_contents(uint64_t now) {
     }
 }
 
+bool contents_are_gone() {
+    if (ipv4mc_desc->shmwin_init == 0) {
+        return false;
+    }
+    const uint64_t now = generation_now();
+    if (now == known_generation.load(std::memory_order_relaxed)) [[likely]] {
+        return false;
+    }
+    leave_old_contents(now);
+    return true;
+}
+
 }  // namespace
 
 void mlib::note_window_contents() {
@@ -40,17 +52,9 @@ void mlib::note_window_contents() {
 }
 
 bool mlib::window_is_open() {
-    if (ipv4mc_desc->shmwin_init == 0) {
-        return false;
-    }
-    const uint64_t now = generation_now();
-    if (now == known_generation.load(std::memory_order_relaxed)) [[likely]] {
-        return true;
-    }
-    leave_old_contents(now);
-    return false;
+    return ipv4mc_desc->shmwin_init != 0 && !contents_are_gone();
 }
 
 bool mlib::library_is_ready() {
-    return ipv4mc_desc->state == IPV4MC_LIB_STATE_READY && window_is_open();
+    return ipv4mc_desc->state == IPV4MC_LIB_STATE_READY && !contents_are_gone();
 }

@@ -15,7 +15,8 @@ void note_window_contents();
 // the same until the process has terminated the library and started it again.
 bool window_is_open();
 
-// The library is in its state 2, on such a window.
+// The library is in its state 2, and the contents of its window have not gone. A window that is
+// closed in that state is told of by those who need it.
 bool library_is_ready();
 
 }  // namespace mlib
