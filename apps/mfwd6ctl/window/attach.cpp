@@ -179,11 +179,7 @@ window::~window() {
             terminate(attach_only, IPV4MC_TERMINATE_END);
         }
     }
-    if (generation() == generation_) {
-        ip6mc_shmwin_close();
-    } else {
-        shmwin_close(id(), 1);  // what the library would give back lay in the window as it was
-    }
+    ip6mc_shmwin_close();
 }
 
 void window::start_library(const std::string &folder, const options &how) {
@@ -230,9 +226,9 @@ ipv4mc_shmwin_hdr_st &window::header() const {
 }
 
 uint64_t window::generation() const {
-    shmwin_usage usage{};
-    shmwin_get_usage(id(), &usage);
-    return usage.generation;
+    uint64_t generation = 0;
+    shmwin_get_generation(id(), &generation);
+    return generation;
 }
 
 std::vector<shmwin_process> window::processes() const {
