@@ -170,6 +170,15 @@ TEST(Show, NoEncapsAndNoBvi) {
     EXPECT_EQ(o.run({"show", "bvi", "--json"}).out, "{\"bvi\": []}\n");
 }
 
+json route_blocks(const json &memory) {
+    for (const json &type : memory["types"]) {
+        if (type["name"] == "route") {
+            return type;
+        }
+    }
+    return nullptr;
+}
+
 TEST(Show, MemoryByType) {
     const owner o;
     const ended e = o.run({"show", "memory", "--json"});
@@ -179,16 +188,35 @@ TEST(Show, MemoryByType) {
     EXPECT_GE(memory["peak"], memory["used"]);
     EXPECT_GE(memory["limit"], memory["committed"]);
     EXPECT_EQ(memory["kept_for_readers"], 0);
-    json routes;
-    for (const json &type : memory["types"]) {
-        if (type["name"] == "route") {
-            routes = type;
-        }
-    }
+    const json routes = route_blocks(memory);
     EXPECT_EQ(routes["type"], 9);
     EXPECT_EQ(routes["blocks"], 5);  // four routes, one signal
     EXPECT_EQ(routes["counted"], 5);
     EXPECT_EQ(o.run({"show", "counters", "--json"}).json()["types"], memory["types"]);
+}
+
+// Blocks that are free but not yet back in the heap are no use of the window.
+TEST(Show, MemoryTellsBlocksInUseFromFreedOnes) {
+    const owner o([](const world &w, const kit::post &parent) {
+        parent.hear();
+        delete_route(w.standard, "2001:db8::1", "ff3e::1", 256);  // into the pool
+        parent.tell();
+        return 0;
+    });
+    const json before = route_blocks(o.run({"show", "memory", "--json"}).json());
+    EXPECT_EQ(before["freed_blocks"], 0);
+    o.process().tell();
+    ASSERT_NE(o.process().hear(), 0);
+    const json after = o.run({"show", "memory", "--json"}).json();
+    const json routes = route_blocks(after);
+    EXPECT_EQ(routes["blocks"], 4);
+    EXPECT_EQ(routes["counted"], 4);
+    EXPECT_EQ(routes["freed_blocks"], 1);
+    EXPECT_EQ(routes["bytes"].get<uint64_t>() + routes["freed_bytes"].get<uint64_t>(),
+              before["bytes"].get<uint64_t>());
+    EXPECT_GT(after["pooled_blocks"], 0);
+    const std::string text = o.run({"show", "memory"}).out;
+    EXPECT_NE(text.find("FREED"), std::string::npos) << text;
 }
 
 TEST(Show, ClientsAndWhatTheyDo) {
