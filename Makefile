@@ -18,7 +18,9 @@ build: setup     ## build everything (release)
 	@cmake --preset release -DMFWD6_WERROR=$(WERROR) >/dev/null
 	cmake --build --preset release -j $(JOBS)
 
-run: build       ## real packets through a router made of namespaces, whose processes are killed in mid-stream
+run: setup       ## real packets through a router made of namespaces, whose processes are killed in mid-stream
+	@cmake --preset release -DMFWD6_WERROR=$(WERROR) >/dev/null
+	cmake --build --preset release -j $(JOBS) --target mfwd6-demo
 	build/release/bin/mfwd6-demo
 
 test: test-release test-asan test-tsan  ## all tests: release, address+undefined, thread sanitizer

@@ -28,6 +28,10 @@ endif()
 add_library(mfwd6_core_flags INTERFACE)
 target_link_libraries(mfwd6_core_flags INTERFACE mfwd6_flags)
 target_compile_options(mfwd6_core_flags INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)
+if(MFWD6_SANITIZE)
+  # All else is compiled without optimisation there: sanitized code takes twice as long with it.
+  target_compile_options(mfwd6_core_flags INTERFACE -O1)
+endif()
 
 # mfwd6_service(FILE...) adds the sources of one service folder to libmfwd6_services.so, and to its
 # twin with crash points, in which every journaled store can be made the last one.
@@ -40,6 +44,9 @@ function(mfwd6_service)
   endforeach()
 endfunction()
 
+# All programs of mfwd6_test().
+add_custom_target(mfwd6_tests)
+
 # mfwd6_test(NAME [CRASH] [TSAN] SOURCES file... [LIBS lib...] [TIMEOUT s]) makes one GoogleTest program.
 # CRASH links the services with crash points; TSAN marks what also runs under the thread sanitizer.
 function(mfwd6_test name)
@@ -48,6 +55,9 @@ function(mfwd6_test name)
     return()
   endif()
   add_executable(${name} ${T_SOURCES})
+  add_dependencies(mfwd6_tests ${name})
+  # Tests are compiled more often than they run; what they test has its full optimisation.
+  target_compile_options(${name} PRIVATE $<$<CONFIG:Release>:-O1>)
   target_link_libraries(${name} PRIVATE mfwd6_flags
     $<IF:$<BOOL:${T_CRASH}>,mfwd6_services_crash,mfwd6_services> ${T_LIBS} GTest::gtest GTest::gtest_main Threads::Threads)
   add_test(NAME ${name} COMMAND ${name})

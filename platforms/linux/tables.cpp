@@ -89,6 +89,16 @@ uint32_t free_mif(const table &t) {
     return no_mif;
 }
 
+cerrno take_free_mif(const table &t, uint32_t *mif) {
+    *mif = free_mif(t);
+    if (*mif == no_mif) {
+        ++self().full;
+        tell_interfaces_full(t.tid);
+        return ENOSPC;
+    }
+    return 0;
+}
+
 // Puts a mif into the kernel that the ledger has already. A link that went meanwhile is absent.
 cerrno add_to_kernel(const table &t, uint32_t mif) {
     mif_slot &m = mif_at(t, mif);
@@ -139,11 +149,8 @@ cerrno make_mif(table &t, uint32_t ifh, bool must_exist, uint32_t *mif) {
     if (*mif != no_mif) {
         return 0;
     }
-    *mif = free_mif(t);
-    if (*mif == no_mif) {
-        ++self().full;
-        tell_interfaces_full(t.tid);
-        return ENOSPC;
+    if (const cerrno full = take_free_mif(t, mif); full != 0) {
+        return full;
     }
     write_mif(mif_at(t, *mif), mif_interface, ifh, link, name);
     if (link == 0) {
@@ -369,11 +376,8 @@ cerrno ensure_register(table &t, uint32_t *mif) {
     if (*mif != no_mif) {
         return 0;
     }
-    *mif = free_mif(t);
-    if (*mif == no_mif) {
-        ++self().full;
-        tell_interfaces_full(t.tid);
-        return ENOSPC;
+    if (const cerrno full = take_free_mif(t, mif); full != 0) {
+        return full;
     }
     const char name[link_name_bytes] = {};
     write_mif(mif_at(t, *mif), mif_register, 0, 0, name);

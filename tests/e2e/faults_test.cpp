@@ -19,16 +19,12 @@ const std::string group = "ff3e::8000:1";
 const std::string route_line =
     "mroute from source source fd00:1::10 group " + group + " to one two\n";
 
-class Faults : public EndToEnd {
+class Faults : public SmallSite {
   protected:
     void SetUp() override {
-        EndToEnd::SetUp();
-        if (IsSkipped()) {
+        if (!start(route_line)) {
             return;
         }
-        site_ = small_site();
-        router_ =
-            std::make_unique<netlab::router>(site_->lab.router(), small_interfaces + route_line);
         stream_ = std::make_unique<netlab::sender>(*site_->hosts.at("source"), group);
         stream_->start(pace);
         ASSERT_TRUE(flows_to("two"));
@@ -53,8 +49,6 @@ class Faults : public EndToEnd {
         expect_clean(*router_);
     }
 
-    std::unique_ptr<site> site_;
-    std::unique_ptr<netlab::router> router_;
     std::unique_ptr<netlab::sender> stream_;
 };
 

@@ -80,6 +80,26 @@ inline std::unique_ptr<site> small_site() {
 inline const std::string small_interfaces =
     "phyint source enable\nphyint one enable\nphyint two enable\nphyint three enable\n";
 
+// A small site whose router runs with a configuration; not started where the test is skipped.
+class SmallSite : public EndToEnd {
+  protected:
+    void SetUp() override { start(""); }
+
+    // `lines` come behind those of the interfaces. False: the test is skipped.
+    bool start(const std::string &lines) {
+        EndToEnd::SetUp();
+        if (IsSkipped()) {
+            return false;
+        }
+        site_ = small_site();
+        router_ = std::make_unique<netlab::router>(site_->lab.router(), small_interfaces + lines);
+        return true;
+    }
+
+    std::unique_ptr<site> site_;
+    std::unique_ptr<netlab::router> router_;
+};
+
 // Waits until `what` holds; false after `limit`.
 template <class F>
 bool eventually(F what, std::chrono::milliseconds limit = patience) {

@@ -84,17 +84,8 @@ TEST_F(Rows, EveryPacketGoesWhereItsRowSays) {
     expect_clean(*router_);
 }
 
-class UnderTraffic : public EndToEnd {
+class UnderTraffic : public SmallSite {
   protected:
-    void SetUp() override {
-        EndToEnd::SetUp();
-        if (IsSkipped()) {
-            return;
-        }
-        site_ = small_site();
-        router_ = std::make_unique<netlab::router>(site_->lab.router(), small_interfaces);
-    }
-
     void add_route(const std::vector<std::string> &to) {
         router_->must("route.add", {{"table", "default"},
                                     {"source", "fd00:1::10"},
@@ -118,8 +109,6 @@ class UnderTraffic : public EndToEnd {
     }
 
     const std::string group_ = "ff3e::8000:1";
-    std::unique_ptr<site> site_;
-    std::unique_ptr<netlab::router> router_;
 };
 
 TEST_F(UnderTraffic, AReceiverThatStaysLosesNothingWhenOthersComeAndGo) {

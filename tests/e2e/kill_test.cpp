@@ -35,19 +35,12 @@ std::vector<uint64_t> missing(const netlab::stream_report &got, uint64_t last) {
     return numbers;
 }
 
-class Kill : public EndToEnd, public testing::WithParamInterface<victim> {
+class Kill : public SmallSite, public testing::WithParamInterface<victim> {
   protected:
     void SetUp() override {
-        EndToEnd::SetUp();
-        if (IsSkipped()) {
-            return;
-        }
-        site_ = small_site();
         // The one as an entry of its own, the other derived from a range.
-        router_ = std::make_unique<netlab::router>(
-            site_->lab.router(), small_interfaces + "mroute from source source fd00:1::10 group " +
-                                     group + " to one two three\n" +
-                                     "mroute from source group ff3e::9:0:0/96 to one two three\n");
+        start("mroute from source source fd00:1::10 group " + group + " to one two three\n" +
+              "mroute from source group ff3e::9:0:0/96 to one two three\n");
     }
 
     void kill_and_wait() {
@@ -94,9 +87,6 @@ class Kill : public EndToEnd, public testing::WithParamInterface<victim> {
         ADD_FAILURE() << "the route is not shown: " << shown.out;
         return 0;
     }
-
-    std::unique_ptr<site> site_;
-    std::unique_ptr<netlab::router> router_;
 };
 
 TEST_P(Kill, LosesNoPacketAndNoState) {

@@ -14,17 +14,8 @@ using namespace e2e;
 const std::string group = "ff3e::8000:1";
 const std::string source = "fd00:1::10";
 
-class Signals : public EndToEnd {
+class Signals : public SmallSite {
   protected:
-    void SetUp() override {
-        EndToEnd::SetUp();
-        if (IsSkipped()) {
-            return;
-        }
-        site_ = small_site();
-        router_ = std::make_unique<netlab::router>(site_->lab.router(), small_interfaces);
-    }
-
     json signals() const {
         const netlab::ended shown = router_->ctl({"--json", "show", "signals"});
         EXPECT_EQ(shown.code, 0) << shown.err;
@@ -47,9 +38,6 @@ class Signals : public EndToEnd {
                                     {"from", {"source"}},
                                     {"to", {"one"}}});
     }
-
-    std::unique_ptr<site> site_;
-    std::unique_ptr<netlab::router> router_;
 };
 
 TEST_F(Signals, AnUnknownFlowIsShownAndItsRouteMakesItFlowAndEndsTheSignal) {

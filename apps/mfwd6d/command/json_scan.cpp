@@ -3,23 +3,13 @@
 #include <algorithm>
 #include <cstring>
 
+#include "apps/mfwd6d/digits.h"
+
 namespace mfwd6::daemon {
 namespace {
 
 constexpr size_t id_bytes = 64;
 constexpr int not_ascii = 0x80;  // set in each byte of UTF-8 that is not ASCII
-
-bool is_digit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-int hex_value(char c) {
-    if (is_digit(c)) {
-        return c - '0';
-    }
-    const char lower = static_cast<char>(c | 0x20);
-    return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
-}
 
 bool take_hex4(std::string_view *raw, uint32_t *value) {
     if (raw->size() < 4) {

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "apps/mfwd6d/digits.h"
+
 namespace mfwd6::config {
 namespace {
 
@@ -10,18 +12,6 @@ constexpr uint32_t no_gap = UINT32_MAX;
 
 bool is_blank(char c) {
     return c == ' ' || c == '\t' || c == '\r' || c == '\n';
-}
-
-bool is_digit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-int hex_value(char c) {
-    if (is_digit(c)) {
-        return c - '0';
-    }
-    const char lower = static_cast<char>(c | 0x20);
-    return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
 }
 
 // One number of a dotted quad, without leading zeros.

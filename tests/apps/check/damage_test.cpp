@@ -17,11 +17,7 @@ class Damage : public testing::Test {
     void breaks(const char *what, const T &word, std::type_identity_t<T> bad, const void *record,
                 const char *field) {
         SCOPED_TRACE(what);
-        T &place = const_cast<T &>(word);
-        const T before = place;
-        place = bad;
-        const report found = check_window();
-        place = before;
+        const report found = check_with(word, bad);
         EXPECT_TRUE(names(found.findings, record, field))
             << "no finding about " << field << " of " << record << " in\n"
             << rich::lines(found);
@@ -32,14 +28,21 @@ class Damage : public testing::Test {
     void leaves(const char *what, const T &word, std::type_identity_t<T> bad, const void *record,
                 const char *field) {
         SCOPED_TRACE(what);
-        T &place = const_cast<T &>(word);
-        const T before = place;
-        place = bad;
-        const report found = check_window();
-        place = before;
+        const report found = check_with(word, bad);
         EXPECT_TRUE(found.clean() && names(found.leftovers, record, field))
             << field << " of " << record << " in\n"
             << rich::lines(found);
+    }
+
+    // What the check says while `bad` stands in the place of the word.
+    template <class T>
+    static report check_with(const T &word, const T &bad) {
+        T &place = const_cast<T &>(word);
+        const T before = place;
+        place = bad;
+        report found = check_window();
+        place = before;
+        return found;
     }
 
     static bool names(const std::vector<finding> &all, const void *record, const char *field) {

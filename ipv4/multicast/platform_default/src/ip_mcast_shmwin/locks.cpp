@@ -57,8 +57,14 @@ uint32_t this_thread() {
     return static_cast<uint32_t>(qv_gettid());
 }
 
-timespec one_second_from_now() {
-    return {time(nullptr) + 1, 0};
+// time() is cheap and lags by up to a tick, so the end that it names may have passed. A wait that
+// is repeated asks the exact clock, or it would turn and report until the tick.
+timespec one_second_from_now(bool repeated) {
+    timespec now = {repeated ? 0 : time(nullptr), 0};
+    if (repeated) {
+        clock_gettime(CLOCK_REALTIME, &now);
+    }
+    return {now.tv_sec + 1, 0};
 }
 
 // The header, or null while the window is closed in this process.
@@ -256,8 +262,8 @@ void ipmc_shmwin_rrw_lock_get_wrlock(rrw_lock_t *lock, int line) {
         rrw_writer.store(line, std::memory_order_relaxed);
     }
     // No upper limit: a stuck holder shows once a second in the error log while the wait goes on.
-    for (;;) {
-        const timespec deadline = one_second_from_now();
+    for (bool repeated = false;; repeated = true) {
+        const timespec deadline = one_second_from_now(repeated);
         const cerrno rc = rrw_lock_get_timedwrlock(lock, &deadline);
         if (rc == ETIMEDOUT) {
             MLIB_ERR("Timed out to get write lock [%d] - %s", line, cerr_strerror(rc));
@@ -274,8 +280,8 @@ void ipmc_shmwin_rrw_lock_get_rdlock(rrw_lock_t *lock, int line) {
     if (!is_open()) {
         return;
     }
-    for (;;) {
-        const timespec deadline = one_second_from_now();
+    for (bool repeated = false;; repeated = true) {
+        const timespec deadline = one_second_from_now(repeated);
         const cerrno rc = rrw_lock_get_timedrdlock(lock, &deadline);
         if (rc == ETIMEDOUT) {
             MLIB_ERR("Timed out to get read lock [%d] - %s", line, cerr_strerror(rc));
