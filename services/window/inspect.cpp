@@ -145,16 +145,9 @@ cerrno shmwin_get_usage(uint32_t id, shmwin_usage *usage) {
     return 0;
 }
 
-cerrno shmwin_get_generation(uint32_t id, uint64_t *generation) {
+const uint64_t *shmwin_generation_word(uint32_t id) {
     const open_window *w = find(id);
-    if (w == nullptr) {
-        return SHMWIN_ERR_BAD_ID;
-    }
-    if (generation == nullptr) {
-        return EINVAL;
-    }
-    *generation = journal::observe(w->super->generation);
-    return 0;
+    return w != nullptr ? &w->super->generation : nullptr;
 }
 
 cerrno shmwin_set_growth_limit(uint32_t id, uint64_t bytes) {

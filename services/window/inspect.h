@@ -20,10 +20,11 @@ typedef struct shmwin_usage {
 
 MFWD6_EXPORT cerrno shmwin_get_usage(uint32_t id, shmwin_usage *usage);
 
-// The generation alone, a few loads: to be asked before each use of a pointer that was kept. A
-// reset raises it ahead of its first change. SHMWIN_ERR_BAD_ID also in a child made by fork(2),
-// which has no windows.
-MFWD6_EXPORT cerrno shmwin_get_generation(uint32_t id, uint64_t *generation);
+// Where the generation stands, for those who look at it before each use of a pointer that they
+// kept: a reset raises it ahead of its first change. Read it as one word, atomically. It is there
+// until the window is closed in this process, and not in a child made by fork(2). NULL:
+// SHMWIN_ERR_BAD_ID.
+MFWD6_EXPORT const uint64_t *shmwin_generation_word(uint32_t id);
 
 typedef struct shmwin_block {
     void *address;      // as shmwin_malloc gave it

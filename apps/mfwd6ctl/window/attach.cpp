@@ -226,9 +226,9 @@ ipv4mc_shmwin_hdr_st &window::header() const {
 }
 
 uint64_t window::generation() const {
-    uint64_t generation = 0;
-    shmwin_get_generation(id(), &generation);
-    return generation;
+    shmwin_usage usage{};
+    shmwin_get_usage(id(), &usage);
+    return usage.generation;
 }
 
 std::vector<shmwin_process> window::processes() const {

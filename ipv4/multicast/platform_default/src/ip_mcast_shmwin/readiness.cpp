@@ -1,24 +1,35 @@
 #include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 
+#include <pthread.h>
+
 #include <atomic>
 #include <cinttypes>
 
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/tables.h"
+#include "services/journal/journal.h"
 #include "services/window/inspect.h"
 
 namespace {
 
-// 0 for a window that has gone from this process, as in a child made by fork(2).
-uint64_t generation_now() {
-    uint64_t generation = 0;
-    shmwin_get_generation(ipv4mc_desc->shmwin_id, &generation);
-    return generation;
-}
-
+// The word of the window in use; null in a child made by fork(2), which has no window.
+std::atomic<const uint64_t *> generation_word{nullptr};
 std::atomic<uint64_t> known_generation{0};
 std::atomic<bool> told{false};
+
+uint64_t generation_now() {
+    const uint64_t *word = generation_word.load(std::memory_order_relaxed);
+    return word != nullptr ? mfwd6::journal::observe(*word) : 0;
+}
+
+void watch_forks() {
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, [] {
+        pthread_atfork(nullptr, nullptr,
+                       [] { generation_word.store(nullptr, std::memory_order_relaxed); });
+    });
+}
 
 void leave_old_contents(uint64_t now) {
     if (told.exchange(true)) {
@@ -47,6 +58,9 @@ bool contents_are_gone() {
 }  // namespace
 
 void mlib::note_window_contents() {
+    watch_forks();
+    generation_word.store(shmwin_generation_word(ipv4mc_desc->shmwin_id),
+                          std::memory_order_relaxed);
     known_generation.store(generation_now(), std::memory_order_relaxed);
     told.store(false);
 }
