@@ -168,9 +168,10 @@ cerrno reclaim(const report &found, uint64_t *blocks, uint64_t *bytes) {
         }
         const journal::group change;
         let_go(each);
-        ipv4mc_shmwin_free_inline(reinterpret_cast<void *>(each.address), each.type);
-        ++freed;
-        freed_bytes += each.bytes;
+        if (ipv4mc_shmwin_free_inline(reinterpret_cast<void *>(each.address), each.type) == 0) {
+            ++freed;
+            freed_bytes += each.bytes;
+        }
     }
     if (blocks != nullptr) {
         *blocks = freed;

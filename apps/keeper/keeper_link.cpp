@@ -97,6 +97,9 @@ cerrno link::receive(bool wait) {
             e.keep = m.argument != 0;
             break;
         default:
+            if (fd >= 0) {
+                close(fd);
+            }
             return EPROTO;
     }
     waiting_.push_back(e);

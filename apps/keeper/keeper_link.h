@@ -74,6 +74,11 @@ class link {
     static constexpr uint32_t flow_bytes = 256;
     cerrno flow_channel(int *fd);
 
+    // This process does its work from now on (the owner: the configuration has been applied and
+    // commands are taken). A death behind this point is not counted as a failed start, behind which
+    // the keeper waits longer each time.
+    cerrno ready();
+
     // ---- owner only
     // ------------------------------------------------------------------------------
 
@@ -98,10 +103,6 @@ class link {
     // With `keep` the keeper stays alone with the sockets, so that the kernel goes on forwarding,
     // until another `mfwd6d run` takes them over.
     cerrno shut_down(bool keep);
-
-    // The configuration has been applied and commands are taken from now on: a death behind this
-    // point is not counted as a failed start.
-    cerrno ready();
 
   private:
     cerrno ask(uint32_t what, uint32_t argument, int *fd);

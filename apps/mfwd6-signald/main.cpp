@@ -175,6 +175,13 @@ int start(const std::string &run_dir) {
         return fail(run_dir.c_str(), code);
     }
     const int signals = open_signals();
+    if (signals < 0) {
+        return fail("signals", static_cast<cerrno>(errno));
+    }
+    code = keeper.ready();
+    if (code != 0) {
+        return fail("the keeper does not answer", code);
+    }
     // Never deleted, see its destructor.
     auto *const post = new poster(run_dir);
     return packet_path(&keeper, channel, signals, post).run();

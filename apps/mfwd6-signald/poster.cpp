@@ -159,7 +159,7 @@ bool poster::ready_to_post() {
     }
     const bool outdated = window_.outdated();
     if (outdated || now_ns - owner_seen_ns_ > keep_without_owner_ns) {
-        say(outdated ? "the window was made anew: starting again"
+        say(outdated ? "the window was made anew, or is not sound: starting again"
                      : "the owner stays away: letting go of the window");
         should_restart_.store(true, std::memory_order_release);
         return false;

@@ -9,7 +9,6 @@
 #include "services/diag/errors.h"
 #include "services/peers/peers.h"
 #include "services/window/epochs.h"
-#include "services/window/inspect.h"
 
 namespace mfwd6::signald {
 
@@ -55,17 +54,14 @@ cerrno window::attach_library() {
         return code;
     }
     library_ = true;
-    shmwin_usage usage = {};
     ip6mc_shmwin_get_id(&id_);
-    shmwin_get_usage(id_, &usage);
-    generation_ = usage.generation;
     reading_ = shmwin_reader_enter(id_, &reader_) == 0;
     return 0;
 }
 
 bool window::outdated() const {
-    shmwin_usage usage = {};
-    return library_ && shmwin_get_usage(id_, &usage) == 0 && usage.generation != generation_;
+    uint32_t state = IPV4MC_LIB_STATE_DOWN;
+    return library_ && ip6mc_get_state(&state, nullptr) == 0 && state != IPV4MC_LIB_STATE_READY;
 }
 
 void window::quiescent() const {

@@ -26,8 +26,8 @@ class window {
     cerrno attach();
     bool attached() const { return attached_; }
 
-    // The window that is mapped is not the one that the owner works in any more: it was made anew.
-    // Everything this process knows of it is void.
+    // The library has stopped, and only a new start helps: an owner has emptied the window, or the
+    // library has found it corrupt. Everything this process knows of it is void.
     bool outdated() const;
 
     // Nothing of the window is in use by this thread now; the owner may free what it has unlinked.
@@ -44,7 +44,6 @@ class window {
     uint32_t id_ = 0;
     uint32_t reader_ = 0;
     bool reading_ = false;
-    uint64_t generation_ = 0;
     static constexpr cerrno nothing_told = UINT32_MAX;
     cerrno told_ = nothing_told;
 };

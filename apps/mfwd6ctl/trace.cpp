@@ -120,11 +120,12 @@ class rings {
             }
             ltrace_ring_info info{};
             ltrace_info(reader.get(), &info);
-            ltrace_record record;
-            while (is_wanted(info) && ltrace_next(reader.get(), &record) == 1) {
-                if (is_wanted(record)) {
-                    events.push_back(event_of(info, record));
-                }
+            if (is_wanted(info)) {
+                each_record(reader.get(), [&](const ltrace_record &record) {
+                    if (is_wanted(record)) {
+                        events.push_back(event_of(info, record));
+                    }
+                });
             }
             if (info.alive == 0) {
                 reader.reset();  // its end was read: nothing more comes

@@ -32,6 +32,15 @@ ring open_ring(const std::string &path, cerrno *why) {
     return ring(*why == 0 ? reader : nullptr);
 }
 
+void each_record(ltrace_reader *reader, const std::function<void(const ltrace_record &)> &fn) {
+    ltrace_ring_info info{};
+    ltrace_info(reader, &info);
+    ltrace_record record;
+    for (uint64_t n = 0; n < info.slots && ltrace_next(reader, &record) == 1; ++n) {
+        fn(record);
+    }
+}
+
 std::string name_of(const ltrace_ring_info &info) {
     return fmt::format("{}.{} {}", info.program, info.pid, info.kind);
 }

@@ -2,6 +2,7 @@
 #ifndef MFWD6_APPS_MFWD6CTL_TRACE_FILES_H
 #define MFWD6_APPS_MFWD6CTL_TRACE_FILES_H
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,6 +21,10 @@ std::vector<std::string> ring_files(const std::string &folder);
 
 // NULL when the file cannot be read as a ring; *why is an errno value then.
 ring open_ring(const std::string &path, cerrno *why);
+
+// Calls `fn` for what has come since the last time, no more than the ring holds at once: a writer
+// may be faster than its readers.
+void each_record(ltrace_reader *reader, const std::function<void(const ltrace_record &)> &fn);
 
 // "PROGRAM.PID KIND".
 std::string name_of(const ltrace_ring_info &info);

@@ -145,6 +145,11 @@ cerrno shmwin_get_usage(uint32_t id, shmwin_usage *usage) {
     return 0;
 }
 
+const uint64_t *shmwin_generation_word(uint32_t id) {
+    const open_window *w = find(id);
+    return w != nullptr ? &w->super->generation : nullptr;
+}
+
 cerrno shmwin_set_growth_limit(uint32_t id, uint64_t bytes) {
     open_window *w = find(id);
     if (w == nullptr) {

@@ -20,6 +20,12 @@ typedef struct shmwin_usage {
 
 MFWD6_EXPORT cerrno shmwin_get_usage(uint32_t id, shmwin_usage *usage);
 
+// Where the generation stands, for those who look at it before each use of a pointer that they
+// kept: a reset raises it ahead of its first change. Read it as one word, atomically. It is there
+// until the window is closed in this process, and not in a child made by fork(2). NULL:
+// SHMWIN_ERR_BAD_ID.
+MFWD6_EXPORT const uint64_t *shmwin_generation_word(uint32_t id);
+
 typedef struct shmwin_block {
     void *address;      // as shmwin_malloc gave it
     size_t size;        // bytes handed out, not less than what was asked for

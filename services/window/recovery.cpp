@@ -121,6 +121,8 @@ void forget_logs_of_dead(open_window &w) {
 
 void wipe(open_window &w) {
     superblock &s = *w.super;
+    // First: whoever is attached must see it no later than the first word that goes.
+    std::atomic_ref(s.generation).fetch_add(1, std::memory_order_seq_cst);
     auto *bytes = reinterpret_cast<std::byte *>(&s);
     for (journal::log *l : w.env.logs) {
         empty_log(l);
@@ -147,8 +149,6 @@ void wipe(open_window &w) {
         static_cast<void>(failed);
         lock_byte(w.env.fd, mapped_offset, F_RDLCK);
     }
-    journal::crash_point();
-    ++s.generation;
 }
 
 }  // namespace mfwd6::window

@@ -127,4 +127,81 @@ TEST_F(Signals, AStuckOwnerDoesNotHoldTheSignalsUp) {
         site_->receivers.at("one")->wait_sequence(stream.stream(), stream.sent() + 1, patience));
 }
 
+// Becomes the owner of a window that has none, and empties it.
+void empty_window(const std::string &run_dir) {
+    shmwin_set_run_dir(run_dir.c_str());
+    diag_set_run_dir(run_dir.c_str());
+    ASSERT_TRUE(eventually([] { return ip6mc_shmwin_open(0, 0) == 0; })) << "its owner lives";
+    EXPECT_EQ(ip6mc_shmwin_reset(0), 0U);
+    EXPECT_EQ(ip6mc_shmwin_close(), 0U);
+}
+
+// The packet path, through its own death and through changes of the window below it.
+class PacketPath : public Signals {
+  protected:
+    void SetUp() override {
+        Signals::SetUp();
+        if (IsSkipped()) {
+            return;
+        }
+        ASSERT_TRUE(eventually([&] { return router_->signald() != 0; }));
+        ASSERT_NO_FATAL_FAILURE(expect_signal("ff3e::5:1"));
+        signald_ = router_->signald();
+    }
+    void TearDown() override {
+        if (!IsSkipped()) {
+            expect_clean(*router_);
+        }
+    }
+
+    void expect_signal(const std::string &g) {
+        netlab::sender(*site_->hosts.at("source"), g).burst(1);
+        ASSERT_TRUE(eventually([&] { return signalled(g); })) << g << "\n" << router_->log();
+    }
+    bool said(const std::string &text) const {
+        return router_->log().find(text) != std::string::npos;
+    }
+
+    pid_t signald_ = 0;
+};
+
+TEST_F(PacketPath, IsStartedAgainAtOnceHoweverOftenItIsKilled) {
+    for (int i = 2; i < 12; ++i) {
+        ::kill(signald_, SIGKILL);
+        // The report of this one waits for the next packet path.
+        const std::string g = "ff3e::5:" + std::to_string(i);
+        netlab::sender(*site_->hosts.at("source"), g).burst(1);
+        ASSERT_TRUE(router_->wait_signald(signald_, 1s)) << router_->log();
+        EXPECT_TRUE(eventually([&] { return signalled(g); })) << router_->log();
+        signald_ = router_->signald();
+    }
+    EXPECT_EQ(signals().size(), 11U);
+}
+
+TEST_F(PacketPath, StartsAgainOnAWindowThatWasEmptied) {
+    const pid_t owner = router_->owner();
+    ::kill(router_->keeper(), SIGSTOP);
+    ::kill(owner, SIGKILL);
+    ASSERT_NO_FATAL_FAILURE(empty_window(router_->run_dir()));
+    EXPECT_TRUE(eventually([&] { return said("the window was made anew"); })) << router_->log();
+    ::kill(router_->keeper(), SIGCONT);
+    ASSERT_TRUE(router_->wait_owner(owner)) << router_->log();
+    ASSERT_TRUE(router_->wait_signald(signald_)) << router_->log();
+    expect_signal("ff3e::5:2");
+    EXPECT_EQ(signals().size(), 1U) << "the former one went with the window";
+}
+
+TEST_F(PacketPath, LetsGoOfAWindowWhoseOwnerStaysAway) {
+    const pid_t owner = router_->owner();
+    ::kill(router_->keeper(), SIGSTOP);
+    ::kill(owner, SIGKILL);
+    EXPECT_TRUE(eventually([&] { return said("letting go of the window"); }, 10s))
+        << router_->log();
+    ::kill(router_->keeper(), SIGCONT);
+    ASSERT_TRUE(router_->wait_owner(owner)) << router_->log();
+    ASSERT_TRUE(router_->wait_signald(signald_)) << router_->log();
+    expect_signal("ff3e::5:2");
+    EXPECT_TRUE(signalled("ff3e::5:1"));
+}
+
 }  // namespace

@@ -64,11 +64,12 @@ bool line_source::read_some() {
     bytes_ += bytes.size();
     size_t begin = 0;
     for (size_t at = bytes.find('\n'); at != std::string::npos; at = bytes.find('\n', begin)) {
-        take(rest_ + bytes.substr(begin, at - begin));
+        add_to_rest(bytes.substr(begin, at - begin));
+        take(rest_);
         rest_.clear();
         begin = at + 1;
     }
-    rest_ += bytes.substr(begin);
+    add_to_rest(bytes.substr(begin));
     if (n == 0) {
         at_end_ = true;
         if (!rest_.empty()) {
@@ -81,6 +82,11 @@ bool line_source::read_some() {
 void line_source::stop() {
     at_end_ = true;
     lines.clear();
+}
+
+// Of a line that is too long no more is kept than shows that it is: it may have no end.
+void line_source::add_to_rest(const std::string &bytes) {
+    rest_ += bytes.substr(0, longest_line + 1 - rest_.size());
 }
 
 void line_source::take(const std::string &text) {

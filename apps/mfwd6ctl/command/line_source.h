@@ -8,6 +8,9 @@
 
 namespace ctl {
 
+// Bytes of a line. What stands behind them is passed over, but for one byte that shows it.
+inline constexpr size_t longest_line = size_t{64} << 10;
+
 struct numbered_line {
     uint64_t number = 0;  // from 1
     std::string text;     // without the line end
@@ -38,6 +41,7 @@ class line_source {
 
   private:
     void take(const std::string &text);
+    void add_to_rest(const std::string &bytes);
 
     std::string name_;
     int fd_;

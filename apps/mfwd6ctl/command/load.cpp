@@ -25,7 +25,6 @@ constexpr size_t lines_of_request = 1024;
 constexpr size_t bytes_of_request = size_t{256} << 10;
 constexpr size_t requests_under_way = 4;
 
-constexpr size_t longest_line = size_t{64} << 10;
 constexpr int slice_ms = 100;
 constexpr size_t shown_failures = 100;
 
@@ -59,7 +58,7 @@ class loader {
                 stopped_ = true;
                 source_.stop();
             }
-            while (wants_lines() && source_.read_some()) {
+            while (wants_lines() && !interrupted() && source_.read_some()) {
             }
             exchange();
             check_patience();

@@ -41,13 +41,12 @@ void search_ring(ltrace_reader *reader, const route_key &key, std::vector<timed_
     const std::string source = address_text(key.source);
     ltrace_ring_info info{};
     ltrace_info(reader, &info);
-    ltrace_record record;
-    while (ltrace_next(reader, &record) == 1) {
+    each_record(reader, [&](const ltrace_record &record) {
         const std::string text(record.text, record.length);
         if (names(text, group) && (is_any(key.source) || names(text, source))) {
             found.push_back({record.wall, {time_of(record), name_of(info), text_of(record)}});
         }
-    }
+    });
 }
 
 const char *event_text(uint32_t code) {

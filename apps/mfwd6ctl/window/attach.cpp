@@ -179,11 +179,7 @@ window::~window() {
             terminate(attach_only, IPV4MC_TERMINATE_END);
         }
     }
-    if (generation() == generation_) {
-        ip6mc_shmwin_close();
-    } else {
-        shmwin_close(id(), 1);  // what the library would give back lay in the window as it was
-    }
+    ip6mc_shmwin_close();
 }
 
 void window::start_library(const std::string &folder, const options &how) {

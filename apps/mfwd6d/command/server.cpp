@@ -2,7 +2,6 @@
 
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "apps/mfwd6d/command/json_scan.h"
+#include "apps/mfwd6d/monotonic.h"
 #include "apps/mfwd6d/say.h"
 
 namespace mfwd6::daemon {
@@ -22,12 +22,6 @@ using nlohmann::json;
 constexpr size_t read_bytes = 256 * 1024;
 constexpr uint32_t lines_between_clocks = 16;
 constexpr uint32_t failures_with_text = 1000;
-
-uint64_t now_ns() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000U + static_cast<uint64_t>(now.tv_nsec);
-}
 
 std::string json_text(std::string_view text) {
     return json(std::string(text)).dump(-1, ' ', false, json::error_handler_t::replace);
@@ -282,8 +276,8 @@ bool command_server::work() {
 }
 
 void command_server::take_turn(connection &c) {
-    const uint64_t until = now_ns() + turn_ns;
-    while (c.busy() && now_ns() < until) {
+    const uint64_t until = monotonic_ns() + turn_ns;
+    while (c.busy() && monotonic_ns() < until) {
         if (c.job != nullptr) {
             run_lines(c);
         } else {
@@ -365,7 +359,7 @@ bool command_server::begin_lines(connection &c, std::string_view args) {
 
 void command_server::run_lines(connection &c) {
     bulk &job = *c.job;
-    const uint64_t until = now_ns() + turn_ns;
+    const uint64_t until = monotonic_ns() + turn_ns;
     for (uint32_t n = 1; job.next < job.lines.size(); ++n) {
         const size_t index = job.next++;
         const outcome o = handler_.line(job.lines[index]);
@@ -378,7 +372,7 @@ void command_server::run_lines(connection &c) {
                 job.failed == 1 ? "" : ",", index, o.code,
                 job.failed <= failures_with_text ? json_text(o.text) : std::string("\"\""));
         }
-        if (n % lines_between_clocks == 0 && now_ns() >= until) {
+        if (n % lines_between_clocks == 0 && monotonic_ns() >= until) {
             break;
         }
     }

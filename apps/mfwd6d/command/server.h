@@ -83,7 +83,6 @@ class command_server {
     command_handler handler_;
     int listener_ = -1;
     std::list<std::unique_ptr<connection>> connections_;  // the one heard of last behind
-    uint64_t clock_ = 0;                                  // counts what was heard
 };
 
 }  // namespace mfwd6::daemon

@@ -64,13 +64,16 @@ std::string expand(std::string_view pattern, const std::string &file,
 }  // namespace
 
 std::string read_file(const std::string &path, std::string *text) {
-    const open_file file(path, O_RDONLY);
+    const open_file file(path, O_RDONLY | O_NONBLOCK);  // a pipe must not stop the owner
     struct stat st {};
     if (file.fd() < 0 || fstat(file.fd(), &st) != 0) {
         return std::strerror(errno);
     }
     if (S_ISDIR(st.st_mode)) {
         return "a folder, not a file";
+    }
+    if (S_ISFIFO(st.st_mode)) {
+        return "a pipe, not a file";
     }
     text->clear();
     char part[65536];
@@ -96,8 +99,13 @@ std::string replace_file(const std::string &path, std::string_view text) {
     const std::string fresh = path + ".new";
     {
         const open_file file(fresh, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, private_mode);
-        if (file.fd() < 0 || !write_all(file.fd(), text)) {
+        if (file.fd() < 0) {
             return fresh + ": " + std::strerror(errno);
+        }
+        if (!write_all(file.fd(), text)) {
+            const int error = errno;
+            unlink(fresh.c_str());  // it may be what fills the file system
+            return fresh + ": " + std::strerror(error);
         }
     }
     if (rename(fresh.c_str(), path.c_str()) != 0) {

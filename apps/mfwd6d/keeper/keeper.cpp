@@ -5,7 +5,6 @@
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -18,6 +17,7 @@
 #include "apps/mfwd6d/keeper/child.h"
 #include "apps/mfwd6d/keeper/held_sockets.h"
 #include "apps/mfwd6d/keeper/run_folder.h"
+#include "apps/mfwd6d/monotonic.h"
 #include "apps/mfwd6d/say.h"
 
 namespace mfwd6::daemon {
@@ -33,10 +33,7 @@ constexpr char new_window_word[] = "--new-window";
 constexpr int flow_buffer_bytes = 1 << 20;
 
 uint64_t now_ms() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000U +
-           static_cast<uint64_t>(now.tv_nsec) / 1000000U;
+    return monotonic_ns() / 1'000'000U;
 }
 
 std::string own_path() {

@@ -1,10 +1,10 @@
 // What commands ask for: arguments are taken out of JSON and checked, and handed on.
-#include <time.h>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
 #include "apps/mfwd6d/config/scan.h"
+#include "apps/mfwd6d/monotonic.h"
 #include "apps/mfwd6d/owner/owner_process.h"
 #include "apps/mfwd6d/owner/window.h"
 #include "ipv4/multicast/lib/ip6mc_lib.h"
@@ -124,12 +124,6 @@ std::string route_text_of(const json &args, const char *outputs, bool with_ports
 outcome parse(const std::string &text, config::line *l) {
     std::string reason;
     return config::parse_line(text, l, &reason) ? outcome{} : failure(EINVAL, reason);
-}
-
-uint64_t monotonic_ns() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000U + static_cast<uint64_t>(now.tv_nsec);
 }
 
 json tables_json(const tables &all, uint64_t *routes) {

@@ -5,10 +5,10 @@
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "apps/mfwd6d/config/files.h"
+#include "apps/mfwd6d/monotonic.h"
 #include "apps/mfwd6d/owner/owner_process.h"
 #include "apps/mfwd6d/owner/resync.h"
 #include "apps/mfwd6d/owner/window.h"
@@ -29,12 +29,6 @@ constexpr int signal_pause_ms = 10;
 constexpr uint32_t blocks_of_turn = 4096;
 constexpr mode_t folder_mode = 0700;
 
-uint64_t monotonic_ns() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000U + static_cast<uint64_t>(now.tv_nsec);
-}
-
 sigset_t handled_signals() {
     sigset_t signals;
     sigemptyset(&signals);
@@ -48,6 +42,13 @@ void close_if_open(int *fd) {
     if (*fd >= 0) {
         close(*fd);
         *fd = -1;
+    }
+}
+
+// What it was asked for may still come: it has the message.
+void tell_of_keeper(const char *what, cerrno code) {
+    if (code != 0) {
+        say(weight::error, "the keeper {}: {}", what, cerr_strerror(code));
     }
 }
 
@@ -94,7 +95,7 @@ outcome owner_process::start() {
         return o;
     }
     start_took_ns_ = monotonic_ns() - started_ns_;
-    link_.ready();
+    tell_of_keeper("does not start the packet path", link_.ready());
     say(weight::notice, "ready after {:.1f} ms: {} kept, {} programmed, {} removed",
         static_cast<double>(start_took_ns_) / 1e6, resync_.kept, resync_.programmed,
         resync_.removed);
@@ -227,7 +228,7 @@ void owner_process::run() {
         if (shutdown_asked_) {
             server_->flush();
             shutdown_asked_ = false;
-            link_.shut_down(shutdown_keeps_);
+            tell_of_keeper("does not end the daemon", link_.shut_down(shutdown_keeps_));
         }
         const int wait_ms = more ? 0 : routes_changed_ ? signal_pause_ms : -1;
         const cerrno rc = event_manager_run_once(evm_, wait_ms, nullptr);
@@ -329,7 +330,7 @@ void owner_process::release_table(void *context, uint32_t kernel_table) {
         close(at->second);
         o.table_sockets_.erase(at);
     }
-    o.link_.release(kernel_table);
+    tell_of_keeper("still holds a kernel table", o.link_.release(kernel_table));
 }
 
 void owner_process::end(bool keep) {

@@ -62,7 +62,10 @@ bool agrees(const held_route &held, const ipv4mc_route_entry_st *route) {
 // does not change.
 cerrno program(const platform &p, const held_route *held, ipv4mc_route_entry_st *route) {
     if (held != nullptr && held->route.kind == IP6MC_PLATFORM_ROUTE) {
-        p.remove_held(&held->route);
+        const cerrno rc = p.remove_held(&held->route);
+        if (rc != 0) {
+            return rc;
+        }
     }
     ipv4mc_table_st *table = route->table;
     for (auto *entry = route->intf_list; entry != nullptr; entry = entry->next_intf) {
@@ -82,23 +85,21 @@ cerrno program(const platform &p, const held_route *held, ipv4mc_route_entry_st 
 
 // A table that the platform does not hold is told to it; one that it holds is told again.
 cerrno tell_table(ipv4mc_table_st *table) {
-    ipv4mc_table_st *vrf = table->vtable;
-    if (vrf != nullptr) {
-        ip6mc_platform_table_operation_wrapper(IPV4MC_ACTION_CREATE, 0, vrf->vrf_id, vrf->vrf_name,
-                                               &vrf, 1);
-        ip6mc_platform_table_operation_wrapper(IPV4MC_ACTION_ACTIVATE, 0, vrf->vrf_id,
-                                               vrf->vrf_name, &vrf, 1);
-    }
-    for (const ipv4mc_action_type action : {IPV4MC_ACTION_CREATE, IPV4MC_ACTION_ACTIVATE}) {
-        ipv4mc_table_st *one = table;
-        const cerrno rc = ip6mc_platform_table_operation_wrapper(
-            action, table->tid, vrf != nullptr ? vrf->vrf_id : 0,
-            vrf != nullptr ? vrf->vrf_name : "", &one, 1);
-        if (rc != 0) {
-            return rc;
+    const ipv4mc_table_st *vrf = table->vtable;
+    const uint32_t vrf_id = vrf != nullptr ? vrf->vrf_id : 0;
+    const char *const name = vrf != nullptr ? vrf->vrf_name : "";
+    cerrno first = 0;
+    for (ipv4mc_table_st *side : {table->vtable, table}) {
+        for (const ipv4mc_action_type action : {IPV4MC_ACTION_CREATE, IPV4MC_ACTION_ACTIVATE}) {
+            ipv4mc_table_st *one = side;
+            const cerrno rc = side == nullptr ? 0
+                                              : ip6mc_platform_table_operation_wrapper(
+                                                    action, side == table ? table->tid : 0, vrf_id,
+                                                    name, &one, 1);
+            first = first == 0 ? rc : first;
         }
     }
-    return 0;
+    return first;
 }
 
 }  // namespace
@@ -136,11 +137,13 @@ outcome resynchronise(const platform &p, linux_resync_counts *counts) {
     }
     for (const auto &[key, stray] : held) {
         if (stray.route.kind == IP6MC_PLATFORM_ROUTE) {
-            p.remove_held(&stray.route);
-            ++counts->removed;
+            const cerrno rc = p.remove_held(&stray.route);
+            ++(rc == 0 ? counts->removed : counts->failed);
+            first = first == 0 ? rc : first;
         }
     }
-    return first == 0 ? outcome{} : failure_of(first, "the platform cannot take all routes");
+    return first == 0 ? outcome{}
+                      : failure_of(first, "the platform is not all that the window says");
 }
 
 }  // namespace mfwd6::daemon

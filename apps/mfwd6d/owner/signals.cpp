@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "apps/mfwd6d/config/scan.h"
+#include "apps/mfwd6d/say.h"
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/lib/ip6mc_route.h"
 #include "ipv4/multicast/lib/ip6mc_signal.h"
@@ -66,14 +67,22 @@ uint32_t end_found(const table &t, search *s) {
     if (t.record->signal_route_count == 0) {
         return 0;
     }
-    ip6mc_signal_walk(t.record, routes_between_yields, 0, note_flow, s);
+    cerrno first = ip6mc_signal_walk(t.record, routes_between_yields, 0, note_flow, s);
+    uint32_t ended = 0;
     for (const flow &f : s->found) {
+        cerrno rc = 0;
         // A call ends one interface of the signal at least; new ones may come meanwhile.
-        for (uint32_t n = 0; n < f.interfaces; ++n) {
-            ip6mc_signal_remove_all_mutex(t.record, &f.source, &f.group);
+        for (uint32_t n = 0; n < f.interfaces && rc == 0; ++n) {
+            rc = ip6mc_signal_remove_all_mutex(t.record, &f.source, &f.group);
         }
+        ended += rc == 0 ? 1 : 0;
+        first = first == 0 ? rc : first;
     }
-    return static_cast<uint32_t>(s->found.size());
+    if (first != 0) {
+        say(weight::error, "{} of {} signals of VRF {} ended: {}", ended, s->found.size(), t.vrf,
+            cerr_strerror(first));
+    }
+    return ended;
 }
 
 }  // namespace

@@ -321,10 +321,10 @@ outcome state::add_table(std::string_view vrf, uint32_t id,
     }
     if (o.failed()) {
         for (interface *i : joined) {
-            interfaces_.set_table(*i, config::default_vrf, 0);
+            tell_failure(interfaces_.set_table(*i, config::default_vrf, 0));
         }
         if (is_new) {
-            tables_.erase(vrf);
+            tell_failure(tables_.erase(vrf));
         }
     }
     return o;
@@ -510,9 +510,15 @@ class state::application {
                 continue;
             }
             const table *t = s_.tables_.find(key.vrf);
-            if (t != nullptr &&
-                !s_.routes_.erase(make_route_id(*t, key.source, key.group)).failed()) {
+            if (t == nullptr) {
+                continue;
+            }
+            const outcome o = s_.routes_.erase(make_route_id(*t, key.source, key.group));
+            if (!o.failed()) {
                 ++counts_.gone;
+            } else if (o.code != ENOENT) {
+                failed(o, wish.where.text());
+                now_.routes.insert({key, wish});  // the next configuration tries again
             }
         }
     }

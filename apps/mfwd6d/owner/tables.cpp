@@ -19,9 +19,9 @@ outcome tables::start() {
             record->active == 0) {
             ipv4mc_table_st *left = record;
             const uint32_t tid = record->tid;
-            ip6mc_table_operation(IPV4MC_ACTION_DELETE, tid, 0, nullptr, &left,
-                                  routes_between_yields);
-            return start();
+            const cerrno rc = ip6mc_table_operation(IPV4MC_ACTION_DELETE, tid, 0, nullptr, &left,
+                                                    routes_between_yields);
+            return rc == 0 ? start() : failure_of(rc, fmt::format("table {}, left half made", tid));
         }
         const std::string vrf = record->vtable->vrf_name;
         tables_[vrf] = {vrf, record->tid, record};

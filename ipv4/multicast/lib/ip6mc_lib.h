@@ -132,6 +132,13 @@ extern MFWD6_EXPORT platform_mcast_params_t plat_params;
 // attached client must pass a NULL `im_context` (22). `callback` and `free_hook` may be NULL;
 // without a callback the window mutex is not monitored. `keep_buffer_pool` is that of
 // ip6mc_shmwin_open.
+//
+// An owner may throw the contents of the window away while clients are attached
+// (ip6mc_shmwin_reset, an end with reason 0 or 1, a start on the window of another version). A
+// client's first call behind that finds out: it reports it, the library goes to state 0, and calls
+// fail as on a closed window or a library that is not ready, until the client terminates the
+// library and starts it again. What the client itself kept of the window (tables, routes, entries)
+// is void then. Only a call that is under way while the owner resets may read what goes.
 MFWD6_EXPORT cerrno ip6mc_lib_init(void *evm, void *im_context, int attach_only, uint16_t protocol,
                                    uint16_t caps, uint32_t default_tid, uint32_t default_vrf_id,
                                    uint32_t node_role, ipv4mc_lib_callback_ft callback,

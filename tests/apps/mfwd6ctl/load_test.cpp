@@ -128,6 +128,19 @@ TEST_F(Load, ALineThatIsTooLong) {
     EXPECT_EQ(lines_of(owner), (words{"one", "three"}));
 }
 
+TEST_F(Load, ALineWithoutEndIsLeftByControlC) {
+    const stand_in owner(dir_.path(), take_lines);
+    program p(with({"/dev/zero"}));
+    usleep(300'000);
+    std::ifstream status("/proc/" + std::to_string(p.pid()) + "/statm");
+    uint64_t pages = 0;
+    uint64_t resident = 0;
+    status >> pages >> resident;
+    EXPECT_LT(resident * static_cast<uint64_t>(getpagesize()), uint64_t{64} << 20);
+    p.signal(SIGINT);
+    EXPECT_EQ(p.wait().code, 130);
+}
+
 TEST_F(Load, BytesThatAreNoText) {
     const stand_in owner(dir_.path(), take_lines);
     EXPECT_EQ(run(with({file("bad \xff\xfe line\n")})).code, 1);

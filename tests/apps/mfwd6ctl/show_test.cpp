@@ -170,6 +170,15 @@ TEST(Show, NoEncapsAndNoBvi) {
     EXPECT_EQ(o.run({"show", "bvi", "--json"}).out, "{\"bvi\": []}\n");
 }
 
+json route_blocks(const json &memory) {
+    for (const json &type : memory["types"]) {
+        if (type["name"] == "route") {
+            return type;
+        }
+    }
+    return nullptr;
+}
+
 TEST(Show, MemoryByType) {
     const owner o;
     const ended e = o.run({"show", "memory", "--json"});
@@ -179,16 +188,38 @@ TEST(Show, MemoryByType) {
     EXPECT_GE(memory["peak"], memory["used"]);
     EXPECT_GE(memory["limit"], memory["committed"]);
     EXPECT_EQ(memory["kept_for_readers"], 0);
-    json routes;
-    for (const json &type : memory["types"]) {
-        if (type["name"] == "route") {
-            routes = type;
-        }
-    }
+    const json routes = route_blocks(memory);
     EXPECT_EQ(routes["type"], 9);
     EXPECT_EQ(routes["blocks"], 5);  // four routes, one signal
     EXPECT_EQ(routes["counted"], 5);
     EXPECT_EQ(o.run({"show", "counters", "--json"}).json()["types"], memory["types"]);
+}
+
+// Blocks that are free but not yet back in the heap are no use of the window.
+TEST(Show, MemoryTellsBlocksInUseFromFreedOnes) {
+    const owner o([](const world &w, const kit::post &parent) {
+        parent.hear();
+        delete_route(w.standard, "2001:db8::1", "ff3e::1", 256);  // into the pool
+        parent.tell();
+        return 0;
+    });
+    for (const json &type : o.run({"show", "memory", "--json"}).json()["types"]) {
+        EXPECT_EQ(type["freed_blocks"], 0) << type;
+    }
+    o.process().tell();
+    ASSERT_NE(o.process().hear(), 0);
+    const json memory = o.run({"show", "memory", "--json"}).json();
+    uint64_t freed = 0;
+    for (const json &type : memory["types"]) {
+        EXPECT_EQ(type["blocks"], type["counted"]) << type;
+        EXPECT_EQ(type["freed_blocks"] == 0, type["freed_bytes"] == 0) << type;
+        freed += type["freed_blocks"].get<uint64_t>();
+    }
+    EXPECT_GT(freed, 0U);
+    EXPECT_EQ(memory["pooled_blocks"], freed);
+    EXPECT_EQ(route_blocks(memory)["blocks"], 4);
+    const std::string text = o.run({"show", "memory"}).out;
+    EXPECT_NE(text.find("FREED"), std::string::npos) << text;
 }
 
 TEST(Show, ClientsAndWhatTheyDo) {

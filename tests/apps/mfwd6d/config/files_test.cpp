@@ -40,6 +40,8 @@ TEST_F(Files, FailuresAreTold) {
     std::string text;
     EXPECT_EQ(config::read_file(dir + "/none", &text), "No such file or directory");
     EXPECT_EQ(config::read_file(dir, &text), "a folder, not a file");
+    ASSERT_EQ(mkfifo((dir + "/pipe").c_str(), 0600), 0);
+    EXPECT_EQ(config::read_file(dir + "/pipe", &text), "a pipe, not a file");
     EXPECT_NE(config::replace_file(dir + "/no/x", "one"), "");
     // Not through somebody's link.
     ASSERT_EQ(symlink("/dev/null", (dir + "/y.new").c_str()), 0);

@@ -14,6 +14,7 @@
 #include "ipv4/multicast/lib/ip6mc_route.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
 #include "ipv4/multicast/platform_default/src/ip_mcast_route/route_lists.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "ipv4/multicast/platform_default/src/setup.h"
 #include "services/journal/journal.h"
 #include "services/locks/pak_client.h"
@@ -25,7 +26,7 @@ using mfwd6::journal::publish;
 using mfwd6::journal::store;
 
 bool is_ready() {
-    if (ipv4mc_desc->state == IPV4MC_LIB_STATE_READY) {
+    if (mlib::library_is_ready()) {
         return true;
     }
     MLIB_ERR("Multicast library Not ready\n");
@@ -176,7 +177,7 @@ cerrno ip6mc_mark_route_changed(ipv4mc_route_entry_st *route) {
 }
 
 cerrno ip6mc_changed_routes_wait(uint32_t milliseconds) {
-    if (ipv4mc_desc->shmwin_init == 0) {
+    if (!mlib::window_is_open()) {
         MLIB_ERR("Shared Memory Window Not Initialized");
         return EBADF;
     }
@@ -196,7 +197,7 @@ cerrno ip6mc_changed_routes_wait(uint32_t milliseconds) {
 }
 
 void ip6mc_changed_routes_wake(void) {
-    if (ipv4mc_desc->shmwin_init != 0) {
+    if (mlib::window_is_open()) {
         end_waits(ipv4mc_desc->shmwin_info);
     }
 }

@@ -8,6 +8,7 @@
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/assertion.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/shmwin.h"
 #include "services/journal/journal.h"
 #include "services/peers/peers.h"
@@ -147,7 +148,7 @@ void count(place where, uint32_t &word, uint32_t step) {
 }
 
 void *allocate(size_t size, ipmc_shmwin_alloc_type type, uint32_t count_slot) {
-    if (ipv4mc_desc->shmwin_init == 0) {
+    if (!mlib::window_is_open()) {
         MLIB_ERR("Shared Memory Window Not Initialized");
         return nullptr;
     }
@@ -215,7 +216,7 @@ void release_from_pool(ipmc_shmwin_guard_st *guard) {
 
 // Whether `pointer` may be freed at all; what the entry answers if not.
 cerrno refuse_free(const void *pointer) {
-    if (ipv4mc_desc->shmwin_init == 0) {
+    if (!mlib::window_is_open()) {
         MLIB_ERR("Shared Memory Window Not Initialized");
         return EBADF;
     }
@@ -297,7 +298,7 @@ cerrno ip6mc_shmwin_free(void *pointer) {
 }
 
 void ip6mc_shmwin_memory_releaser(void) {
-    if (ipv4mc_desc->shmwin_init == 0) {
+    if (!mlib::window_is_open()) {
         MLIB_ERR("Shared Memory Window Not Initialized");
         return;
     }

@@ -11,6 +11,7 @@
 #include "ipv4/multicast/platform_default/src/diagnostics/assertion.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
 #include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/lock_books.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "services/diag/text.h"
 #include "services/events/ptimer.h"
 #include "services/locks/pak_client.h"
@@ -87,7 +88,7 @@ uint32_t window_mutex_deaths() {
 }
 
 bool is_open() {
-    if (books() != nullptr) {
+    if (mlib::window_is_open()) {
         return true;
     }
     MLIB_ERR("Shared Memory Window Not Initialized");
@@ -115,6 +116,11 @@ cerrno ip6mc_shmwin_mutex_lock(const char *fn, int line) {
         MLIB_ERR("Cannot lock shmwin_mutex: %s", cerr_strerror(rc));
         return rc;
     }
+    // The contents may have gone while this thread waited.
+    if (!is_open()) {
+        shmwin_unlock(ipv4mc_desc->shmwin_id);
+        return EBADF;
+    }
     if (keeps_books()) {
         if (peek(hdr->shmwin_lock_count) != 0) {
             forget_dead_holder(hdr->shmwin_lock_count, hdr->shmwin_lock_deaths,
@@ -130,10 +136,12 @@ cerrno ip6mc_shmwin_mutex_lock(const char *fn, int line) {
 }
 
 cerrno ip6mc_shmwin_mutex_unlock(void) {
-    if (!is_open()) {
+    // The mutex outlives a reset, and so must not stay with this thread.
+    ipv4mc_shmwin_hdr_st *hdr = books();
+    if (hdr == nullptr) {
+        MLIB_ERR("Shared Memory Window Not Initialized");
         return EBADF;
     }
-    ipv4mc_shmwin_hdr_st *hdr = ipv4mc_desc->shmwin_info;
     const uint32_t count = peek(hdr->shmwin_lock_count);
     if (keeps_books() && count == 0) {
         MLIB_ERR("UNLOCK: No prior shmwin lock");

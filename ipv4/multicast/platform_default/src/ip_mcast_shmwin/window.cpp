@@ -12,6 +12,7 @@
 #include "ipv4/multicast/lib/ip6mc_platform_err.h"
 #include "ipv4/multicast/lib/ip6mc_table.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/shmwin.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/tables.h"
 #include "ipv4/multicast/platform_default/src/setup.h"
@@ -190,6 +191,7 @@ cerrno ip6mc_shmwin_open(int attach_only, int keep_buffer_pool) {
         return rc;
     }
     ipv4mc_desc->shmwin_init = 1;
+    mlib::note_window_contents();
     if (attach_only == 0) {
         rc = prepare_pool();
         if (rc != 0) {
@@ -218,7 +220,7 @@ cerrno ip6mc_shmwin_close(void) {
         MLIB_DEBUG(IPV4_DEBUG_EV, "Shmwin already closed");
         return 0;
     }
-    mlib::drop_table_search();  // it lies in the window, which another process may reset
+    mlib::drop_table_search();
     const cerrno rc = shmwin_close(ipv4mc_desc->shmwin_id, 1);
     if (rc != 0) {
         MLIB_ERR("Cannot close shared mem window: %s", cerr_strerror(rc));
@@ -238,6 +240,8 @@ cerrno ip6mc_shmwin_reset(int notify) {
     const cerrno rc = shmwin_reset(ipv4mc_desc->shmwin_id);
     if (rc != 0) {
         MLIB_ERR("Cannot reset shared mem window: %s", cerr_strerror(rc));
+    } else {
+        mlib::note_window_contents();
     }
     // The search key lay in the heap that is gone.
     table_search = nullptr;
@@ -278,7 +282,7 @@ cerrno ip6mc_shmwin_get_id(uint32_t *id_p) {
 }
 
 cerrno ip6mc_shmwin_get_info(ipv4mc_shmwin_hdr_st **hdr_p) {
-    if (ipv4mc_desc->shmwin_init == 0) {
+    if (!mlib::window_is_open()) {
         MLIB_ERR("Shared Memory Window Not Initialized");
         return EBADF;
     }

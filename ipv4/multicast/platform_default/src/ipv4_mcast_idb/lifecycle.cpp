@@ -5,6 +5,7 @@
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/lib/ip6mc_platform_wrappers.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_idb/idb.h"
 #include "services/diag/messages.h"
 #include "services/diag/text.h"
@@ -176,7 +177,7 @@ cerrno ip6mc_idb_init(void *evm, void *, int manage_interfaces, ipv4mc_idb_callb
         MLIB_TRACE_TEXT(IPV4_DEBUG_IDB, "IDB lib already initialized");
         return 0;
     }
-    if (ipv4mc_desc->state != IPV4MC_LIB_STATE_READY) {
+    if (!mlib::library_is_ready()) {
         MLIB_ERR("Multicast library Not ready\n");
         return EBADF;
     }

@@ -1,4 +1,6 @@
 // What every entry point asks first.
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
+
 #include <cerrno>
 
 #include "ipv4/multicast/lib/ip6mc_lib.h"
@@ -6,7 +8,7 @@
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_idb/idb.h"
 
 cerrno mlib::idb_readiness(const char *function, int line) {
-    if (ipv4mc_desc->state != IPV4MC_LIB_STATE_READY) {
+    if (!mlib::library_is_ready()) {
         report_error(function, line, "Multicast library Not ready\n");
         return EBADF;
     }

@@ -12,6 +12,7 @@
 #include "ipv4/multicast/platform_default/src/diagnostics/address_text.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
 #include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/lock_guards.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/routes.h"
 #include "ipv4/multicast/platform_default/src/setup.h"
 #include "services/diag/text.h"
@@ -136,7 +137,7 @@ ipv4mc_intf_entry_st *first_with(ipv4mc_intf_entry_st *entry, mrib_attrib_entry_
 }
 
 bool is_ready() {
-    if (ipv4mc_desc->state == IPV4MC_LIB_STATE_READY) {
+    if (mlib::library_is_ready()) {
         return true;
     }
     MLIB_ERR("Multicast library not ready");
@@ -150,6 +151,9 @@ extern "C" {
 // One key record of the process, filled outside any lock.
 ipv4mc_intf_entry_st *ip6mc_intf_route_lookup(ipv4mc_route_entry_st *route, uint32_t intf_type,
                                               ifhtype ifh, uint32_t amt_addr, uint16_t amt_port) {
+    if (!mlib::window_is_open()) {
+        return nullptr;
+    }
     static thread_local ipv4mc_intf_entry_st key;
     key.intf_type = intf_type;
     key.key_ifh = intf_type == IPV4MC_INTF_ORDINARY ? ifh : 0;

@@ -12,6 +12,7 @@
 #include "ipv4/multicast/lib/ip6mc_table.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/address_text.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/routes.h"
 #include "ipv4/multicast/platform_default/src/setup.h"
 #include "services/journal/journal.h"
@@ -380,7 +381,7 @@ extern "C" cerrno ip6mc_intf_operation(ipv4mc_action_type action, ipv4mc_table_s
                                        uint32_t intf_arg, ipv4mc_intf_entry_st **intf_entry,
                                        ipv4mc_idb_st *idb, uintptr_t platform_arg,
                                        mrib_attrib_entry_type old_attributes, int is_new) {
-    if (ipv4mc_desc->state != IPV4MC_LIB_STATE_READY) {
+    if (!mlib::library_is_ready()) {
         MLIB_ERR("Multicast library Not ready\n");
         return EBADF;
     }

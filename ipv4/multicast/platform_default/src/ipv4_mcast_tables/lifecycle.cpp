@@ -7,6 +7,7 @@
 #include "ipv4/multicast/lib/ip6mc_platform.h"
 #include "ipv4/multicast/lib/ip6mc_table.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/tables.h"
 #include "ipv4/multicast/platform_default/src/setup.h"
 #include "services/diag/text.h"
@@ -253,11 +254,11 @@ void leave_window(int attach_only, uint32_t reason, cerrno *result) {
 ipv4mc_table_st *table_search = nullptr;
 
 void mlib::drop_table_search() {
-    if (table_search != nullptr) {
+    if (table_search != nullptr && window_is_open()) {
         shm_avl_tree_free_object(&ipmc_db_tid_fns, descriptor.shmwin_info->table_tid_tree,
                                  table_search);
-        table_search = nullptr;
     }
+    table_search = nullptr;
 }
 
 void mlib::tell_client_of_state() {
@@ -392,6 +393,7 @@ cerrno ip6mc_get_state(uint32_t *state_p, uint32_t *platform_state_p) {
             return rc;
         }
     }
+    static_cast<void>(mlib::window_is_open());  // which may take the state down
     *state_p = descriptor.state;
     return 0;
 }

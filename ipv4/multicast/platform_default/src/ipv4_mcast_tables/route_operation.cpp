@@ -9,6 +9,7 @@
 #include "ipv4/multicast/lib/ip6mc_table.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/address_text.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/routes.h"
 #include "services/diag/text.h"
 #include "services/events/ptimer.h"
@@ -233,7 +234,7 @@ cerrno act(const route_request &request) {
 }
 
 bool is_ready() {
-    if (ipv4mc_desc->state == IPV4MC_LIB_STATE_READY) {
+    if (mlib::library_is_ready()) {
         return true;
     }
     MLIB_ERR("Multicast library Not ready\n");

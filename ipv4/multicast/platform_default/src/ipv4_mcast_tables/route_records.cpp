@@ -7,6 +7,7 @@
 #include "ipv4/multicast/platform_default/src/diagnostics/address_text.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/assertion.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/routes.h"
 #include "services/events/ptimer.h"
 #include "services/gtrie/gtrie.h"
@@ -38,7 +39,7 @@ extern "C" {
 // The leaf is detached: nobody else reaches it yet. The mofrr_upd links stay as the trie gave them.
 cerrno ipv4mc_init_route(uint32_t, const ip_maddr_st *source, const ip_maddr_st *group,
                          uint16_t length, ipv4mc_route_entry_st *route, uint8_t arg) {
-    if (ipv4mc_desc->shmwin_init == 0) {
+    if (!mlib::window_is_open()) {
         MLIB_ERR("Route creation skipped, shared memory window Not Initialized");
         return EFAULT;
     }

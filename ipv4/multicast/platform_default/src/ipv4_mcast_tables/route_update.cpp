@@ -11,6 +11,7 @@
 #include "ipv4/multicast/platform_default/src/diagnostics/address_text.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
 #include "ipv4/multicast/platform_default/src/ip_mcast_route/route_lists.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/routes.h"
 #include "services/journal/journal.h"
 
@@ -152,7 +153,7 @@ extern "C" {
 
 cerrno ip6mc_route_update(ipv4mc_route_entry_st *route, ipv4mc_route_update_type type,
                           const ipv4mc_route_update_st *upd) {
-    if (ipv4mc_desc->state != IPV4MC_LIB_STATE_READY) {
+    if (!mlib::library_is_ready()) {
         MLIB_ERR("Multicast library Not ready\n");
         return EBADF;
     }

@@ -11,6 +11,7 @@
 #include "ipv4/multicast/platform_default/src/diagnostics/address_text.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
 #include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/packet_mutex_report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/routes.h"
 #include "services/gtrie/gtrie.h"
 
@@ -25,7 +26,7 @@ struct needed {
 // reported under the function's name.
 cerrno check(const char *if_not_ready, std::initializer_list<needed> pointers, const char *function,
              int line) {
-    if (ipv4mc_desc->state != IPV4MC_LIB_STATE_READY) {
+    if (!mlib::library_is_ready()) {
         mlib::report_error(function, line, "%s", if_not_ready);
         return EBADF;
     }

@@ -12,6 +12,7 @@
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
 #include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/lock_guards.h"
 #include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/packet_mutex_report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/tables.h"
 #include "ipv4/multicast/platform_default/src/setup.h"
 #include "services/diag/messages.h"
@@ -429,7 +430,7 @@ cerrno operate_on_existing(table_request &request) {
 extern "C" cerrno ip6mc_table_operation(ipv4mc_action_type action, uint32_t tid,
                                         rsi_vrf_id_t vrf_id, const char *vrf_name,
                                         ipv4mc_table_st **table_pp, uint32_t arg) {
-    if (ipv4mc_desc->state != IPV4MC_LIB_STATE_READY) {
+    if (!mlib::library_is_ready()) {
         TABLE_ERR("Multicast library Not ready\n");
         return EBADF;
     }

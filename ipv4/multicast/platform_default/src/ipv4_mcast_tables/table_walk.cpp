@@ -4,6 +4,7 @@
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/lib/ip6mc_table.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "services/diag/text.h"
 #include "services/trees/avl.h"
 #include "services/trees/wavl.h"
@@ -19,7 +20,7 @@ struct table_walk {
 };
 
 bool is_ready() {
-    if (ipv4mc_desc->state == IPV4MC_LIB_STATE_READY) {
+    if (mlib::library_is_ready()) {
         return true;
     }
     MLIB_ERR("Multicast library Not ready\n");

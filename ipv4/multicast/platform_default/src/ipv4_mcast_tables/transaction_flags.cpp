@@ -4,6 +4,7 @@
 
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "services/journal/journal.h"
 
 namespace {
@@ -24,7 +25,7 @@ using closed_fn = void (*)(const char *function, int line);
 
 cerrno set_word(header_word word, uint32_t value, closed_fn closed, const char *function,
                 int line) {
-    if (ipv4mc_desc->shmwin_init == 0) {
+    if (!mlib::window_is_open()) {
         closed(function, line);
         return EBADF;
     }
@@ -34,7 +35,7 @@ cerrno set_word(header_word word, uint32_t value, closed_fn closed, const char *
 
 cerrno get_word(header_word word, uint32_t *value_p, closed_fn closed, const char *function,
                 int line) {
-    if (ipv4mc_desc->shmwin_init == 0) {
+    if (!mlib::window_is_open()) {
         closed(function, line);
         return EBADF;
     }

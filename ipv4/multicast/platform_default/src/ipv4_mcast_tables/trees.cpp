@@ -2,6 +2,7 @@
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/platform_default/src/diagnostics/report.h"
 #include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/lock_guards.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "ipv4/multicast/platform_default/src/ipv4_mcast_tables/tables.h"
 #include "services/trees/avl.h"
 #include "services/trees/wavl.h"
@@ -13,7 +14,7 @@ const tree_compare_fn name_tree_compares[] = {ipmc_tbl_wavl_compare_vrf_name,
 
 // Null while the window is closed in this process; the tree services refuse that.
 ipv4mc_shmwin_hdr_st *header() {
-    return ipv4mc_desc->shmwin_init != 0 ? ipv4mc_desc->shmwin_info : nullptr;
+    return mlib::window_is_open() ? ipv4mc_desc->shmwin_info : nullptr;
 }
 wavl_tree *name_tree() {
     return header() != nullptr ? &header()->table_name_tree : nullptr;
@@ -41,7 +42,7 @@ bool have_search_key() {
 }
 
 ipv4mc_table_st *search_by_tid(uint32_t mode, uint32_t tid) {
-    if (ipv4mc_desc->state != IPV4MC_LIB_STATE_READY) {
+    if (!mlib::library_is_ready()) {
         MLIB_ERR("Multicast library Not ready\n");
         return nullptr;
     }

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "ipv4/multicast/lib/ip6mc_lib.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "ipv4/multicast/platform_default/src/signal/signal_room.h"
 #include "services/gtrie/gtrie.h"
 
@@ -66,7 +67,7 @@ ipv4mc_route_entry_st *find(const ipv4mc_table_st *table, const ip_maddr_st *sou
 }
 
 cerrno check_ready(const char *operation) {
-    if (ipv4mc_desc->state == IPV4MC_LIB_STATE_READY) {
+    if (mlib::library_is_ready()) {
         return 0;
     }
     SIGNAL_ERR(operation, "Multicast library Not ready\n");

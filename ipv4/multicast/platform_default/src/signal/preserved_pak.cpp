@@ -4,6 +4,7 @@
 #include "ipv4/multicast/lib/ip6mc_idb.h"
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/packet_mutex_report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "ipv4/multicast/platform_default/src/signal/signal_room.h"
 #include "services/journal/journal.h"
 
@@ -64,7 +65,7 @@ bool free_pak_of(const route_at_hand &at, mfwd_cmd free_pak) {
                    "0x%x(%s): Datapath error while freeing reserved packet in (%s,%s/%d): %s",
                    AT_HAND(at), cerr_strerror(rc));
         // Goes on without the lock, the packet still noted: the route must not outlive its table.
-        return ipv4mc_desc->shmwin_init != 0;
+        return mlib::window_is_open();
     }
     if (!is_still_there(at)) {
         return false;

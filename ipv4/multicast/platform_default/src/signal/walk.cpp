@@ -5,6 +5,7 @@
 
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/packet_mutex_report.h"
+#include "ipv4/multicast/platform_default/src/ip_mcast_shmwin/readiness.h"
 #include "ipv4/multicast/platform_default/src/signal/signal_room.h"
 #include "services/gtrie/gtrie.h"
 #include "services/journal/journal.h"
@@ -147,7 +148,7 @@ cerrno step_through(signal_walk &walk) {
 }
 
 bool is_ready(const char *operation) {
-    if (ipv4mc_desc->state == IPV4MC_LIB_STATE_READY) {
+    if (mlib::library_is_ready()) {
         return true;
     }
     // Written unlike everywhere else.
