@@ -495,6 +495,14 @@ void *first_detached(void *given) {
     return h == nullptr ? nullptr : record_of(reinterpret_cast<leaf *>(h->detached));
 }
 
+void *next_detached(void *given, void *record) {
+    const handle *h = handle_of(given);
+    const leaf *l = h == nullptr ? nullptr : leaf_on(h, record);
+    const bool on_the_list = l != nullptr && l->table == h->table &&
+                             l->state == static_cast<uint32_t>(leaf_state::detached);
+    return on_the_list ? record_of(reinterpret_cast<leaf *>(l->waiting_next)) : nullptr;
+}
+
 }  // namespace
 
 extern "C" {
@@ -664,6 +672,10 @@ cerrno ip6mc_gtrie_platform_leaf_free(void *handle, void *leaf) {
 
 void *ip6mc_gtrie_first_detached(void *handle) {
     return first_detached(handle);
+}
+
+void *ip6mc_gtrie_next_detached(void *handle, void *leaf) {
+    return next_detached(handle, leaf);
 }
 
 void ip6mc_gtrie_set_hash_for_tests(int constant) {

@@ -239,6 +239,9 @@ MFWD6_EXPORT cerrno ip6mc_gtrie_platform_leaf_free(void *handle, void *leaf);
    had made and not inserted. It is on this list until it is inserted or freed. */
 MFWD6_EXPORT void *ip6mc_gtrie_first_detached(void *handle);
 
+/* The one made before `leaf`; NULL when there is none, and for what is no detached leaf of it. */
+MFWD6_EXPORT void *ip6mc_gtrie_next_detached(void *handle, void *leaf);
+
 /* --- inspection
  * ---------------------------------------------------------------------------------------- */
 

@@ -154,7 +154,7 @@ class world {
     void raise_egress(route &r);
     void lower_egress(route &r);
     void switch_lookup(encap &e, uint8_t value);
-    void count_egress_again();
+    void check_egress();
     static void model_lower_egress(route &r);
     void model_follow_egress(const route &r, bool commits);
     cerrno model_switch_lookup(encap &e, uint8_t value);

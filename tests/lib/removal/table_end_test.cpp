@@ -91,4 +91,19 @@ TEST_P(TableEnd, ClearingCountsTheReceiversOfARouteThatThePlatformKeeps) {
     EXPECT_EQ(table->route_counters.local_eg_cnt, 0U);
 }
 
+TEST_P(TableEnd, ClearingCountsTheReceiversOfARouteThatIsNotCommittedYet) {
+    const auto k = bed::sg(1);
+    ipv4mc_route_entry_st *route = nullptr;
+    int is_new = 0;
+    ASSERT_EQ(ip6mc_route_operation(IPV4MC_ACTION_CREATE, table, &k.source, &k.group, k.length,
+                                    nullptr, &route, 0, 0, &is_new),
+              0U);
+    route->intf_local_EG_cnt = 2;
+    table->route_counters.local_eg_cnt = 2;
+    ipv4mc_table_st *given = table;
+    EXPECT_EQ(ip6mc_table_operation(IPV4MC_ACTION_CLEAR, 0, 0, nullptr, &given, 0), 0U);
+    EXPECT_EQ(table->route_counters.local_eg_cnt, 2U);
+    end_table();
+}
+
 INSTANTIATE_TEST_SUITE_P(Tries, TableEnd, testing::Values(0, 1));

@@ -107,9 +107,15 @@ TEST_F(Gtrie, DetachedLeavesAreListedUntilTheyAreInsertedOrFreed) {
         EXPECT_EQ(ip6mc_gtrie_first_detached(t), leaves[n]);
         EXPECT_EQ(ip6mc_gtrie_verify(t), nullptr);
     }
+    EXPECT_EQ(ip6mc_gtrie_next_detached(t, leaves[2]), leaves[1]);
+    EXPECT_EQ(ip6mc_gtrie_next_detached(t, leaves[1]), leaves[0]);
+    EXPECT_EQ(ip6mc_gtrie_next_detached(t, leaves[0]), nullptr);
     void *handle = t;
     EXPECT_EQ(ip6mc_gtrie_close(&handle), static_cast<cerrno>(GTRIE_E_NOT_EMPTY));
     EXPECT_EQ(ip6mc_gtrie_leaf_insert(t, leaves[1], nullptr), 0u);  // from the middle
+    EXPECT_EQ(ip6mc_gtrie_next_detached(t, leaves[2]), leaves[0]);
+    EXPECT_EQ(ip6mc_gtrie_next_detached(t, leaves[1]), nullptr);  // no detached one any more
+    EXPECT_EQ(ip6mc_gtrie_next_detached(t, nullptr), nullptr);
     EXPECT_EQ(ip6mc_gtrie_verify(t), nullptr);
     EXPECT_EQ(ip6mc_gtrie_leaf_free(t, leaves[2]), 0u);  // the first
     EXPECT_EQ(ip6mc_gtrie_first_detached(t), leaves[0]);

@@ -1,7 +1,5 @@
 // Routes that a killed process had made and not committed. Nobody but that process knew of them,
 // and their interfaces are held by them: the next owner ends them at its start.
-#include <algorithm>
-
 #include "ipv4/multicast/lib/ip6mc_encap.h"
 #include "ipv4/multicast/lib/ip6mc_lib.h"
 #include "ipv4/multicast/lib/ip6mc_objid.h"
@@ -63,11 +61,10 @@ void leave_encap(ipv4mc_route_entry_st *route) {
     store(encap->intf_local_EG_cnt, encap->intf_local_EG_cnt - route->intf_local_EG_cnt);
 }
 
-// The table's count would keep the flag of its core routes set for ever. It may have been zeroed
-// meanwhile, by a CLEAR.
+// The table's count would keep the flag of its core routes set for ever.
 void leave_local_egress(ipv4mc_table_st *table, const ipv4mc_route_entry_st *route) {
     uint32_t &count = table->route_counters.local_eg_cnt;
-    store(count, count - std::min<uint32_t>(count, route->intf_local_EG_cnt));
+    store(count, count - route->intf_local_EG_cnt);
 }
 
 void leave_lists(ipv4mc_route_entry_st *route) {

@@ -59,6 +59,20 @@ cerrno add_route(ipv4mc_route_entry_st *route, void *context) {
     return 0;
 }
 
+// Those that were made and not committed included.
+route_sums sums_of(ipv4mc_table_st *table) {
+    route_sums sums;
+    if (ip6mc_table_is_valid(table) == 0) {
+        return sums;
+    }
+    ip6mc_route_walk(table, 0, add_route, &sums);
+    for (void *route = ip6mc_gtrie_first_detached(table->ingress_gtrie); route != nullptr;
+         route = ip6mc_gtrie_next_detached(table->ingress_gtrie, route)) {
+        add_route(static_cast<ipv4mc_route_entry_st *>(route), &sums);
+    }
+    return sums;
+}
+
 // Each pass takes one interface off each signal route, and the route with its last.
 void remove_signals(ipv4mc_table_st *table) {
     uint64_t left = signal_interfaces(table);
@@ -108,10 +122,7 @@ void ipmc_table_close_signal_gtrie(ipv4mc_table_st *table) {
 // Without the routes that stay, their end would take the counts below 0, and the table would have
 // local receivers for ever.
 void ipmc_table_reset_route_counters(ipv4mc_table_st *table) {
-    route_sums stay;
-    if (ip6mc_table_is_valid(table) != 0) {
-        ip6mc_route_walk(table, 0, add_route, &stay);
-    }
+    const route_sums stay = sums_of(table);
     ipv4mc_table_counters_st &counters = table->route_counters;
     const uint32_t t_before = counters.t_cnt;  // not each T bit counts
     const mfwd6::journal::group change;
