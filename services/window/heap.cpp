@@ -412,8 +412,7 @@ void end_block(journal::log *outer, void *block, bool may_be_seen) {
     drop_entry(outer);
 }
 
-void *take(open_window &w, size_t size) {
-    journal::log *outer = outer_group(w);
+void *take(open_window &w, size_t size, journal::log *outer, const block_step &make) {
     const section locked(w);
     if (!locked.taken()) {
         return nullptr;
@@ -423,6 +422,8 @@ void *take(open_window &w, size_t size) {
         size <= largest_slot ? take_slot(w, class_table[(size + 15) / 16]) : take_large(w, size);
     if (block != nullptr && outer != nullptr) {
         journal::note_allocation(outer, block);
+    } else if (block != nullptr) {
+        make(block);
     }
     return block;
 }
@@ -554,24 +555,29 @@ bool heap_plausible(open_window &w) {
                        [&](uint32_t i) { return i <= h.top; });
 }
 
-void *heap_take(open_window &w, size_t size) {
-    void *block = take(w, size);
+void *heap_take(open_window &w, size_t size, const block_step &make) {
+    journal::log *outer = outer_group(w);
+    void *block = take(w, size, outer, make);
     if (block == nullptr && reuse_held(w) != 0) {
-        block = take(w, size);
+        block = take(w, size, outer, make);
+    }
+    if (block != nullptr && outer != nullptr) {
+        make(block);
     }
     return block;
 }
 
-cerrno heap_give(open_window &w, void *block) {
+cerrno heap_give(open_window &w, void *block, const block_step &end) {
     journal::log *outer = outer_group(w);
-    if (outer != nullptr && outer->used < outer->capacity) {
+    if (outer != nullptr) {
         if (!locate(w, block, false).live) {
             return SHMWIN_ERR_BAD_BLOCK;
         }
-        journal::note_free(outer, block);
-        return 0;
-    }
-    if (outer != nullptr) {
+        end(block);
+        if (outer->used < outer->capacity) {
+            journal::note_free(outer, block);
+            return 0;
+        }
         // No room to note it: the group cannot be run back any more, so nothing is lost by freeing
         // now.
         journal::overflow(outer);
@@ -585,6 +591,9 @@ cerrno heap_give(open_window &w, void *block) {
         return SHMWIN_ERR_BAD_BLOCK;
     }
     const journal::group g(own_log(w), w.env.self);
+    if (outer == nullptr) {
+        end(block);
+    }
     give(w, l);
     return 0;
 }

@@ -56,9 +56,21 @@ struct located {
 // recognised unless `inside`.
 located locate(const open_window &w, const void *address, bool inside);
 
+// A step of the caller's that belongs to an allocation or a free.
+struct block_step {
+    shmwin_block_ft fn = nullptr;
+    void *context = nullptr;
+
+    void operator()(void *block) const {
+        if (fn != nullptr) {
+            fn(block, context);
+        }
+    }
+};
+
 // shmwin_malloc, shmwin_free and journal::block_hooks::release and ::retire.
-void *heap_take(open_window &w, size_t size);
-cerrno heap_give(open_window &w, void *block);
+void *heap_take(open_window &w, size_t size, const block_step &make = {});
+cerrno heap_give(open_window &w, void *block, const block_step &end = {});
 void heap_release(journal::log *outer, void *block);
 void heap_retire(journal::log *outer, void *block);
 

@@ -455,7 +455,8 @@ cerrno shmwin_open_win(const shmwin_open_record *record, void **header, uint32_t
     return code;
 }
 
-cerrno shmwin_malloc(uint32_t id, size_t size, void **block) {
+cerrno shmwin_malloc_made(uint32_t id, size_t size, shmwin_block_ft make, void *context,
+                          void **block) {
     open_window *w = find(id);
     if (w == nullptr) {
         return SHMWIN_ERR_BAD_ID;
@@ -463,7 +464,7 @@ cerrno shmwin_malloc(uint32_t id, size_t size, void **block) {
     if (block == nullptr) {
         return EINVAL;
     }
-    void *got = heap_take(*w, size);
+    void *got = heap_take(*w, size, {make, context});
     if (got == nullptr) {
         return SHMWIN_ERR_SPACE;
     }
@@ -471,9 +472,17 @@ cerrno shmwin_malloc(uint32_t id, size_t size, void **block) {
     return 0;
 }
 
-cerrno shmwin_free(void *block) {
+cerrno shmwin_malloc(uint32_t id, size_t size, void **block) {
+    return shmwin_malloc_made(id, size, nullptr, nullptr, block);
+}
+
+cerrno shmwin_free_ended(void *block, shmwin_block_ft end, void *context) {
     open_window *w = covering(block);
-    return w != nullptr ? heap_give(*w, block) : SHMWIN_ERR_BAD_BLOCK;
+    return w != nullptr ? heap_give(*w, block, {end, context}) : SHMWIN_ERR_BAD_BLOCK;
+}
+
+cerrno shmwin_free(void *block) {
+    return shmwin_free_ended(block, nullptr, nullptr);
 }
 
 cerrno shmwin_reset(uint32_t id) {

@@ -100,6 +100,16 @@ MFWD6_EXPORT cerrno shmwin_malloc(uint32_t id, size_t size, void **block);
 // other address.
 MFWD6_EXPORT cerrno shmwin_free(void *block);
 
+// What a block is made ready, or ended, with. Runs in the same change as the allocation or the free,
+// on a thread without a change of its own with the allocator's lock held: it only writes.
+typedef void (*shmwin_block_ft)(void *block, void *context);
+
+// shmwin_malloc and shmwin_free with a step of the caller's, for threads of attached clients too,
+// which have no log of their own: killed at any moment, both are done or neither is.
+MFWD6_EXPORT cerrno shmwin_malloc_made(uint32_t id, size_t size, shmwin_block_ft make,
+                                       void *context, void **block);
+MFWD6_EXPORT cerrno shmwin_free_ended(void *block, shmwin_block_ft end, void *context);
+
 // Owner: drops the whole heap and zeroes the header. Killed in the middle, the next owner finds an
 // empty window. Processes that are attached keep their mapping, and see the generation of inspect.h
 // change: all their pointers into the heap are void. SHMWIN_ERR_IN_USE if another live process

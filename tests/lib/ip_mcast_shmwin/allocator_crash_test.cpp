@@ -33,14 +33,16 @@ int look_at_it() {
 
 // Kills `work` at each of its points and has a new owner look at what is left. The number of
 // points.
-uint64_t kill_everywhere(const std::function<void()> &prepare, const std::function<int()> &work) {
+uint64_t kill_everywhere(
+    const std::function<void()> &prepare, const std::function<int()> &work,
+    const std::function<void()> &start = [] { kit::start_library(); }) {
     for (uint64_t point = 1; point < more_than_enough; ++point) {
         const kit::run_dir dir;
         int code = 0;
         const bool killed = kit::killed_at(
             point,
             [&] {
-                kit::start_library();
+                start();
                 prepare();
             },
             work, &code);
@@ -117,6 +119,30 @@ TEST(AllocatorCrash, InTheReleaserAndTheEmptyingOfThePool) {
                       return static_cast<int>(ip6mc_shmwin_open(0, 0));
                   }),
               40U);
+}
+
+// A client has no log: its allocations and their counts are one change of the allocator.
+TEST(AllocatorCrash, InAnAttachedClient) {
+    const auto attach = [] {
+        kit::child owner([](const kit::post &) { return static_cast<int>(kit::start_library()); });
+        owner.wait();
+        kit::start how;
+        how.attach_only = 1;
+        how.with_callback = false;
+        kit::start_library(how);
+    };
+    const auto work = [] {
+        if (ipv4mc_desc->buffer_pool_enabled != 0) {
+            return 1;  // an owner
+        }
+        void *a = ip6mc_shmwin_malloc(100);
+        void *b = ipv4mc_shmwin_malloc_inline(3000, some_type);
+        cerrno rc = a != nullptr && b != nullptr ? 0 : ENOMEM;
+        rc |= ip6mc_shmwin_free(a);
+        rc |= ipv4mc_shmwin_free_inline(b, some_type);
+        return static_cast<int>(rc);
+    };
+    EXPECT_GT(kill_everywhere([] {}, work, attach), 30U);
 }
 
 // A record replaced in one change: the old one freed, a new one of the same size made. Until the

@@ -87,19 +87,6 @@ void *take_from_pool(size_t size) {
     return guard;
 }
 
-void *take_from_service(size_t size) {
-    void *block = nullptr;
-    const cerrno rc = size <= SIZE_MAX - guard_size
-                          ? shmwin_malloc(ipv4mc_desc->shmwin_id, size + guard_size, &block)
-                          : ENOMEM;
-    if (rc != 0) {
-        MLIB_ERR("Cannot Allocate %d bytes from shared memory %d: %s", static_cast<int>(size),
-                 static_cast<int>(rc), cerr_strerror(rc));
-        return nullptr;
-    }
-    return block;
-}
-
 bool is_type(ipmc_shmwin_alloc_type type) {
     if (type >= IPMC_SHMWIN_ALLOC_TYPES) {
         MLIB_ERR("No such type of block: %u", type);
@@ -109,19 +96,21 @@ bool is_type(ipmc_shmwin_alloc_type type) {
 }
 
 // Who counts. The undo of a change restores the old value of a word, so each journal has words of
-// its own; those of threads without one are shared, and nothing restores them.
+// its own. Threads without one share theirs, and count in the change of the window's allocator.
 enum class place { owner, mutex, unlogged };
 
 // Inside the group of an allocation or a free.
 place place_of_thread() {
     const mfwd6::journal::log *log = mfwd6::journal::self.current;
-    if (log == nullptr) {
-        return place::unlogged;
+    const mfwd6::peers::env *window = mfwd6::peers::env_of(ipv4mc_desc->shmwin_info);
+    if (log == nullptr || window == nullptr) {
+        return log == nullptr ? place::unlogged : place::owner;
     }
     using mfwd6::peers::domain;
-    const mfwd6::peers::env *window = mfwd6::peers::env_of(ipv4mc_desc->shmwin_info);
-    constexpr auto mutex = static_cast<uint32_t>(domain::window_mutex);
-    return window != nullptr && log == window->logs[mutex] ? place::mutex : place::owner;
+    const auto is_log_of = [&](domain d) { return log == window->logs[static_cast<uint32_t>(d)]; };
+    return is_log_of(domain::window_mutex) ? place::mutex
+           : is_log_of(domain::allocator)  ? place::unlogged
+                                           : place::owner;
 }
 
 ipmc_shmwin_counts_st &counts_of(place where) {
@@ -141,10 +130,44 @@ uint32_t &free_word(place where) {
 
 void count(place where, uint32_t &word, uint32_t step) {
     if (where == place::unlogged) {
+        mfwd6::journal::crash_point();
+        mfwd6::journal::save(word);
         std::atomic_ref(word).fetch_add(step, std::memory_order_relaxed);
     } else {
         store(word, word + step);
     }
+}
+
+struct new_block {
+    size_t size;
+    ipmc_shmwin_alloc_type type;
+    uint32_t count_slot;
+};
+
+void make_block(void *block, void *context) {
+    const auto &wanted = *static_cast<const new_block *>(context);
+    mfwd6::journal::crash_point();
+    std::memset(block, 0, wanted.size + guard_size);
+    auto *guard = static_cast<ipmc_shmwin_guard_st *>(block);
+    guard->size = wanted.size;
+    guard->type = wanted.type;
+    guard->magic = IPMC_SHMWIN_MAGIC_LIVE;
+    const place here = place_of_thread();
+    count(here, alloc_word(here, wanted.count_slot), 1);
+}
+
+void *take_from_service(new_block &wanted) {
+    void *block = nullptr;
+    const cerrno rc = wanted.size <= SIZE_MAX - guard_size
+                          ? shmwin_malloc_made(ipv4mc_desc->shmwin_id, wanted.size + guard_size,
+                                               make_block, &wanted, &block)
+                          : ENOMEM;
+    if (rc != 0) {
+        MLIB_ERR("Cannot Allocate %d bytes from shared memory %d: %s",
+                 static_cast<int>(wanted.size), static_cast<int>(rc), cerr_strerror(rc));
+        return nullptr;
+    }
+    return block;
 }
 
 void *allocate(size_t size, ipmc_shmwin_alloc_type type, uint32_t count_slot) {
@@ -155,22 +178,15 @@ void *allocate(size_t size, ipmc_shmwin_alloc_type type, uint32_t count_slot) {
     if (!is_type(type)) {
         return nullptr;
     }
+    new_block wanted = {size, type, count_slot};
     const group change;
     void *block = take_from_pool(size);
-    if (block == nullptr) {
-        block = take_from_service(size);
+    if (block != nullptr) {
+        make_block(block, &wanted);
+    } else {
+        block = take_from_service(wanted);
     }
-    if (block == nullptr) {
-        return nullptr;
-    }
-    std::memset(block, 0, size + guard_size);
-    auto *guard = static_cast<ipmc_shmwin_guard_st *>(block);
-    guard->size = size;
-    guard->type = type;
-    guard->magic = IPMC_SHMWIN_MAGIC_LIVE;
-    const place here = place_of_thread();
-    count(here, alloc_word(here, count_slot), 1);
-    return guard + 1;
+    return block != nullptr ? static_cast<ipmc_shmwin_guard_st *>(block) + 1 : nullptr;
 }
 
 void count_down(uint32_t slot) {
@@ -180,16 +196,30 @@ void count_down(uint32_t slot) {
     }
 }
 
-// Straight back to the window service.
-void give_back(ipmc_shmwin_guard_st *guard) {
+// `count_slot`: the word to lower with it; null where that was done before.
+void end_block(void *block, void *count_slot) {
+    if (count_slot != nullptr) {
+        count_down(*static_cast<const uint32_t *>(count_slot));
+    }
     const place here = place_of_thread();
     count(here, free_word(here), 1);
-    store(guard->magic, static_cast<uint32_t>(IPMC_SHMWIN_MAGIC_FREED));
-    const cerrno rc = shmwin_free(guard);
+    store(static_cast<ipmc_shmwin_guard_st *>(block)->magic,
+          static_cast<uint32_t>(IPMC_SHMWIN_MAGIC_FREED));
+}
+
+// Straight back to the window service.
+void give_back(ipmc_shmwin_guard_st *guard, uint32_t *count_slot = nullptr) {
+    const cerrno rc = shmwin_free_ended(guard, end_block, count_slot);
     if (rc != 0) {
         MLIB_ERR("Cannot free pointer %p from shared memory %d: %s", static_cast<void *>(guard),
                  static_cast<int>(rc), cerr_strerror(rc));
     }
+}
+
+// Whether the thread has no change of its own that would hold a count and a free together.
+bool frees_at_once(const ipmc_shmwin_guard_st *guard) {
+    return place_of_thread() == place::unlogged && ipv4mc_desc->free_hook == nullptr &&
+           bucket_for(guard->size) == nullptr;
 }
 
 // To the pool, to the client's hook, or to the service; `hook_argument` tells the hook who freed.
@@ -267,15 +297,22 @@ cerrno ipv4mc_shmwin_free_inline(void *pointer, ipmc_shmwin_alloc_type type) {
         return refused != 0 ? refused : EINVAL;
     }
     const group change;
-    count_down(type);
     ipmc_shmwin_guard_st *guard = guard_of(pointer);
+    const bool at_once = frees_at_once(guard);
+    if (!at_once) {
+        count_down(type);
+    }
     const bool guard_is_whole = guard->magic == IPMC_SHMWIN_MAGIC_LIVE;
     if (!guard_is_whole) {
         MLIB_ERR("!!BAD!! ptr free %p                 (type 0x%x size 0x%zx)", pointer, guard->type,
                  static_cast<size_t>(guard->size));
     }
     MLIB_ASSERT(guard_is_whole, "guard->magic == 0xaaaabbbb");
-    retire(guard, 1);
+    if (at_once) {
+        give_back(guard, &type);
+    } else {
+        retire(guard, 1);
+    }
     return 0;
 }
 
@@ -287,13 +324,21 @@ cerrno ip6mc_shmwin_free(void *pointer) {
         return refused;
     }
     const group change;
-    count_down(IPMC_SHMWIN_ALLOC_UNTYPED_COUNT);
     ipmc_shmwin_guard_st *guard = guard_of(pointer);
+    uint32_t slot = IPMC_SHMWIN_ALLOC_UNTYPED_COUNT;
+    const bool at_once = frees_at_once(guard);
+    if (!at_once) {
+        count_down(slot);
+    }
     if (guard->magic == IPMC_SHMWIN_MAGIC_FREED) {
         MLIB_ERR("!!BAD!! ptr free %p (type 0x%x size 0x%zx)", pointer, guard->type,
                  static_cast<size_t>(guard->size));
     }
-    retire(guard, 0);
+    if (at_once) {
+        give_back(guard, &slot);
+    } else {
+        retire(guard, 0);
+    }
     return 0;
 }
 
