@@ -241,25 +241,24 @@ void run(uint32_t routes) {
     map yardstick;
     yardstick.reserve(routes);
     const auto work = fill(table, routes, yardstick);
-    std::vector<double> alone;
-    for (const pace how : {pace::overlapping, pace::one_by_one}) {
-        // A map has no longest match: what does not hit it by key is compared with its hits.
+    // A map has no longest match: what does not hit it by key is compared with its hits.
+    const auto beside_map = [&](const workload &w, pace how, const char *name) {
         const double map_hit =
             measure(work[0].queries, how, [&](const query &q) { return in_map(yardstick, q); });
-        for (const workload &w : work) {
-            const double route =
-                measure(w.queries, how, [&](const query &q) { return route_only(table, q); });
-            const double both =
-                measure(w.queries, how, [&](const query &q) { return with_interface(table, q); });
-            printf(
-                "%8u routes  %-12s %smap hit %6.1f ns  route %6.1f ns (x%.2f)  "
-                "route and interface %6.1f ns (x%.2f)\n",
-                routes, w.name, how == pace::overlapping ? "overlapping, " : "", map_hit, route,
-                route / map_hit, both, both / map_hit);
-            if (how == pace::one_by_one) {
-                alone.push_back(both);
-            }
-        }
+        const double route =
+            measure(w.queries, how, [&](const query &q) { return route_only(table, q); });
+        const double both =
+            measure(w.queries, how, [&](const query &q) { return with_interface(table, q); });
+        printf(
+            "%8u routes  %-12s map hit %6.1f ns  route %6.1f ns (x%.2f)  "
+            "route and interface %6.1f ns (x%.2f)\n",
+            routes, name, map_hit, route, route / map_hit, both, both / map_hit);
+        return both;
+    };
+    beside_map(work[0], pace::overlapping, "overlapping");
+    std::vector<double> alone;
+    for (const workload &w : work) {
+        alone.push_back(beside_map(w, pace::one_by_one, w.name));
     }
     line.go.store(1);
     while (line.reading.load() == 0)

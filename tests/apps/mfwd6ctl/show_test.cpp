@@ -203,7 +203,8 @@ TEST(Show, MemoryTellsBlocksInUseFromFreedOnes) {
         parent.tell();
         return 0;
     });
-    for (const json &type : o.run({"show", "memory", "--json"}).json()["types"]) {
+    const json before = o.run({"show", "memory", "--json"}).json();
+    for (const json &type : before["types"]) {
         EXPECT_EQ(type["freed_blocks"], 0) << type;
     }
     o.process().tell();

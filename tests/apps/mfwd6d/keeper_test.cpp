@@ -177,7 +177,7 @@ TEST(Keeper, FiftyKillsUnderLoadLoseNothing) {
     EXPECT_LE(seen.search_keys, kills + 2U);
     printf("%lu commands acknowledged, %lu connections lost, %zu routes at the end\n",
            load.acknowledged.load(), load.ends, seen.routes.size());
-    EXPECT_GT(load.acknowledged, 1000U);
+    EXPECT_GT(load.acknowledged, 100U);
     // The hardware agrees with the window, too.
     kill(bed::owner_pid(dir), SIGKILL);
     bed::wait_until_served(dir);

@@ -156,12 +156,22 @@ void make_block(void *block, void *context) {
     count(here, alloc_word(here, wanted.count_slot), 1);
 }
 
+// A thread without a change of its own makes the block inside that of the window's allocator.
+cerrno take_and_make(new_block &wanted, void **block) {
+    const size_t size = wanted.size + guard_size;
+    if (place_of_thread() == place::unlogged) {
+        return shmwin_malloc_made(ipv4mc_desc->shmwin_id, size, make_block, &wanted, block);
+    }
+    const cerrno rc = shmwin_malloc(ipv4mc_desc->shmwin_id, size, block);
+    if (rc == 0) {
+        make_block(*block, &wanted);
+    }
+    return rc;
+}
+
 void *take_from_service(new_block &wanted) {
     void *block = nullptr;
-    const cerrno rc = wanted.size <= SIZE_MAX - guard_size
-                          ? shmwin_malloc_made(ipv4mc_desc->shmwin_id, wanted.size + guard_size,
-                                               make_block, &wanted, &block)
-                          : ENOMEM;
+    const cerrno rc = wanted.size <= SIZE_MAX - guard_size ? take_and_make(wanted, &block) : ENOMEM;
     if (rc != 0) {
         MLIB_ERR("Cannot Allocate %d bytes from shared memory %d: %s",
                  static_cast<int>(wanted.size), static_cast<int>(rc), cerr_strerror(rc));
@@ -196,24 +206,32 @@ void count_down(uint32_t slot) {
     }
 }
 
-// `count_slot`: the word to lower with it; null where that was done before.
-void end_block(void *block, void *count_slot) {
-    if (count_slot != nullptr) {
-        count_down(*static_cast<const uint32_t *>(count_slot));
-    }
+void mark_freed(ipmc_shmwin_guard_st *guard) {
     const place here = place_of_thread();
     count(here, free_word(here), 1);
-    store(static_cast<ipmc_shmwin_guard_st *>(block)->magic,
-          static_cast<uint32_t>(IPMC_SHMWIN_MAGIC_FREED));
+    store(guard->magic, static_cast<uint32_t>(IPMC_SHMWIN_MAGIC_FREED));
+}
+
+void report_refused_free(const ipmc_shmwin_guard_st *guard, cerrno rc) {
+    if (rc != 0) {
+        MLIB_ERR("Cannot free pointer %p from shared memory %d: %s",
+                 static_cast<const void *>(guard), static_cast<int>(rc), cerr_strerror(rc));
+    }
 }
 
 // Straight back to the window service.
-void give_back(ipmc_shmwin_guard_st *guard, uint32_t *count_slot = nullptr) {
-    const cerrno rc = shmwin_free_ended(guard, end_block, count_slot);
-    if (rc != 0) {
-        MLIB_ERR("Cannot free pointer %p from shared memory %d: %s", static_cast<void *>(guard),
-                 static_cast<int>(rc), cerr_strerror(rc));
-    }
+void give_back(ipmc_shmwin_guard_st *guard) {
+    mark_freed(guard);
+    report_refused_free(guard, shmwin_free(guard));
+}
+
+// The same, with what is counted, inside the change of the window's allocator.
+void give_back_at_once(ipmc_shmwin_guard_st *guard, uint32_t count_slot) {
+    const auto end = [](void *block, void *slot) {
+        count_down(*static_cast<const uint32_t *>(slot));
+        mark_freed(static_cast<ipmc_shmwin_guard_st *>(block));
+    };
+    report_refused_free(guard, shmwin_free_ended(guard, end, &count_slot));
 }
 
 // Whether the thread has no change of its own that would hold a count and a free together.
@@ -309,7 +327,7 @@ cerrno ipv4mc_shmwin_free_inline(void *pointer, ipmc_shmwin_alloc_type type) {
     }
     MLIB_ASSERT(guard_is_whole, "guard->magic == 0xaaaabbbb");
     if (at_once) {
-        give_back(guard, &type);
+        give_back_at_once(guard, type);
     } else {
         retire(guard, 1);
     }
@@ -325,17 +343,16 @@ cerrno ip6mc_shmwin_free(void *pointer) {
     }
     const group change;
     ipmc_shmwin_guard_st *guard = guard_of(pointer);
-    uint32_t slot = IPMC_SHMWIN_ALLOC_UNTYPED_COUNT;
     const bool at_once = frees_at_once(guard);
     if (!at_once) {
-        count_down(slot);
+        count_down(IPMC_SHMWIN_ALLOC_UNTYPED_COUNT);
     }
     if (guard->magic == IPMC_SHMWIN_MAGIC_FREED) {
         MLIB_ERR("!!BAD!! ptr free %p (type 0x%x size 0x%zx)", pointer, guard->type,
                  static_cast<size_t>(guard->size));
     }
     if (at_once) {
-        give_back(guard, &slot);
+        give_back_at_once(guard, IPMC_SHMWIN_ALLOC_UNTYPED_COUNT);
     } else {
         retire(guard, 0);
     }
