@@ -61,7 +61,7 @@ TEST_F(Interrupts, ControlCInALongList) {
 TEST_F(Interrupts, AStoppedOneHoldsNothingBack) {
     program p(owner_.with({"show", "routes", "--json"}));
     ASSERT_TRUE(p.says("ff3e:7::1"));
-    p.signal(SIGSTOP);
+    p.signal(SIGTSTP);
     int status = 0;
     ASSERT_EQ(waitpid(p.pid(), &status, WUNTRACED), p.pid());
     ASSERT_TRUE(WIFSTOPPED(status));

@@ -50,6 +50,9 @@ void become(const words &arguments, uid_t user, int in, int out, int err) {
     if (user != 0 && (setgid(user) != 0 || setuid(user) != 0)) {
         _exit(126);
     }
+    // A group whose parent is there. In one that nobody looks after, as a build in the background
+    // may be, SIGTSTP is discarded.
+    setpgid(0, 0);
     execv(MFWD6CTL, argv.data());
     _exit(127);
 }
