@@ -100,8 +100,8 @@ MFWD6_EXPORT cerrno shmwin_malloc(uint32_t id, size_t size, void **block);
 // other address.
 MFWD6_EXPORT cerrno shmwin_free(void *block);
 
-// What a block is made ready, or ended, with. Runs in the same change as the allocation or the free,
-// on a thread without a change of its own with the allocator's lock held: it only writes.
+// What a block is made ready, or ended, with. Runs in the same change as the allocation or the
+// free, on a thread without a change of its own with the allocator's lock held: it only writes.
 typedef void (*shmwin_block_ft)(void *block, void *context);
 
 // shmwin_malloc and shmwin_free with a step of the caller's, for threads of attached clients too,
